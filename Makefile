@@ -1,0 +1,32 @@
+# The front door: each target says in a line what it is for; the work is in CMake and tools/.
+
+.PHONY: all build check check-slow run format clean help
+
+all: build
+
+help:  ## list the targets
+	@grep -E '^[a-z0-9-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/:/'
+
+build:  ## build the daemon: build/release/tavlo
+	@tools/dependencies build
+	@tools/build release
+
+run:  ## show a session with a demonstration set-up, then stay until Ctrl-C
+	@tools/dependencies run
+	@tools/build release
+	@tools/demonstration
+
+check:  ## build and run everything that proves the system
+	@tools/dependencies check
+	@tools/check
+
+check-slow:  ## the tests that wait for minutes, in the release build
+	@tools/dependencies check
+	@tools/check slow
+
+format:  ## rewrite the sources in the house's format
+	@tools/dependencies check
+	@tools/format
+
+clean:  ## remove what was built
+	rm -rf build

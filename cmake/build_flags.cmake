@@ -1,0 +1,46 @@
+# tavlo_build_flags: what every target of this project is compiled and linked with.
+
+set(TAVLO_SANITIZE "" CACHE STRING "Value of -fsanitize= for the whole build; empty for none")
+
+add_library(tavlo_build_flags INTERFACE)
+target_include_directories(tavlo_build_flags INTERFACE ${PROJECT_SOURCE_DIR}/src)
+
+target_compile_options(tavlo_build_flags INTERFACE
+  -Werror
+  -Wall
+  -Wextra
+  -Wpedantic
+  -Wshadow
+  -Wconversion
+  -Wsign-conversion
+  -Wformat=2
+  -Wold-style-cast
+  -Wnon-virtual-dtor
+  -Woverloaded-virtual
+  -Wcast-align
+  -Wundef
+  -Wimplicit-fallthrough
+  $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond>
+  $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-branches>
+  $<$<CXX_COMPILER_ID:GNU>:-Wlogical-op>)
+
+if(TAVLO_SANITIZE)
+  target_compile_options(tavlo_build_flags INTERFACE
+    -fsanitize=${TAVLO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(tavlo_build_flags INTERFACE -fsanitize=${TAVLO_SANITIZE})
+else()
+  target_compile_options(tavlo_build_flags INTERFACE
+    -fPIE
+    -fstack-protector-strong
+    -fstack-clash-protection
+    -ffunction-sections
+    -fdata-sections
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
+    $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+  target_link_options(tavlo_build_flags INTERFACE
+    -pie
+    LINKER:-z,relro
+    LINKER:-z,now
+    LINKER:-z,noexecstack
+    LINKER:--gc-sections)
+endif()

@@ -1,0 +1,28 @@
+#pragma once
+
+namespace stdext {
+
+/// The owner of one file descriptor; closes it on destruction. Not copied.
+class descriptor {
+ public:
+  /// `fd` may be -1 for none.
+  explicit descriptor(int fd = -1) : fd_(fd) {}
+  ~descriptor() { close(); }
+  descriptor(const descriptor&) = delete;
+  descriptor& operator=(const descriptor&) = delete;
+
+  int get() const { return fd_; }
+  bool is_open() const { return fd_ >= 0; }
+
+  /// Closes what it owned before and takes over `fd`.
+  void reset(int fd);
+
+  /// Closes the descriptor, if there is one; returns false, with `errno` set, when that reported an
+  /// error. The descriptor is gone in any case.
+  bool close();
+
+ private:
+  int fd_;
+};
+
+}  // namespace stdext

@@ -1,0 +1,24 @@
+// The XSI form of strerror_r says whether it failed; without this g++ and clang++ ask the C library
+// for its own form, which does not.
+#undef _GNU_SOURCE
+#define _POSIX_C_SOURCE 200809L
+
+#include "util/error_text.h"
+
+#include <string.h>
+
+namespace stdext {
+
+std::string strerror(int errnum) {
+  char text[1024] = {};
+  if (::strerror_r(errnum, text, sizeof text) != 0) {
+    return "strerror_r failed for " + std::to_string(errnum);
+  }
+  return text;
+}
+
+std::string error_number_and_text(int errnum) {
+  return std::to_string(errnum) + " " + strerror(errnum);
+}
+
+}  // namespace stdext

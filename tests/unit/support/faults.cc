@@ -1,0 +1,119 @@
+#include "support/faults.h"
+
+#include <atomic>
+#include <cerrno>
+#include <map>
+#include <stdexcept>
+#include <string>
+
+#include <dlfcn.h>
+#include <sys/types.h>
+
+struct timespec;
+struct timeval;
+
+namespace {
+
+// One per function below, ready before any code runs.
+struct FaultState {
+  std::atomic<bool> armed{false};
+  std::atomic<int> errnum{0};
+  std::atomic<int> skip{0};
+  std::atomic<int> times{0};
+
+  bool ShouldFail() {
+    if (!armed || skip-- > 0 || times-- <= 0) {
+      return false;
+    }
+    errno = errnum;
+    return true;
+  }
+};
+
+std::map<std::string, FaultState*>& States() {
+  static std::map<std::string, FaultState*> states;
+  return states;
+}
+
+struct Registration {
+  Registration(const char* function, FaultState* state) { States()[function] = state; }
+};
+
+}  // namespace
+
+// Defines a function that takes the place of the library's function of that name in the whole
+// process: it passes every call on, unless a Fault is alive for it. (The C++ name differs from the
+// symbol, so that it does not collide with the libraries' own declarations.)
+#define FAULTY(Result, function, failure, parameters, arguments)                   \
+  static FaultState function##_state;                                              \
+  static const Registration function##_registration(#function, &function##_state); \
+  extern "C" Result faulty_##function parameters __asm__(#function);               \
+  Result faulty_##function parameters {                                            \
+    if (function##_state.ShouldFail()) {                                           \
+      return failure;                                                              \
+    }                                                                              \
+    static const auto real =                                                       \
+        reinterpret_cast<Result(*) parameters>(::dlsym(RTLD_NEXT, #function));     \
+    return real arguments;                                                         \
+  }
+
+// The C library's. The failure value of pthread_sigmask is its error number.
+FAULTY(int, gettimeofday, -1, (timeval * now, void* zone), (now, zone))
+FAULTY(int, socket, -1, (int domain, int type, int protocol), (domain, type, protocol))
+FAULTY(ssize_t, send, -1, (int fd, const void* data, size_t size, int flags),
+       (fd, data, size, flags))
+FAULTY(ssize_t, recv, -1, (int fd, void* data, size_t size, int flags), (fd, data, size, flags))
+FAULTY(const char*, inet_ntop, nullptr, (int family, const void* in, char* out, unsigned size),
+       (family, in, out, size))
+FAULTY(int, flock, -1, (int fd, int operation), (fd, operation))
+FAULTY(int, nanosleep, -1, (const timespec* wanted, timespec* left), (wanted, left))
+FAULTY(int, pthread_sigmask, errno, (int how, const void* set, void* old), (how, set, old))
+FAULTY(int, sigtimedwait, -1, (const void* set, void* info, const timespec* limit),
+       (set, info, limit))
+FAULTY(int, pipe2, -1, (int* fds, int flags), (fds, flags))
+FAULTY(pid_t, fork, -1, (), ())
+FAULTY(int, kill, -1, (pid_t pid, int signal), (pid, signal))
+FAULTY(int, waitid, -1, (int type, unsigned id, void* info, int options), (type, id, info, options))
+FAULTY(int, poll, -1, (void* entries, unsigned long count, int timeout), (entries, count, timeout))
+FAULTY(int, ftruncate, -1, (int fd, off_t length), (fd, length))
+
+// libevent's.
+FAULTY(void*, event_base_new, nullptr, (), ())
+FAULTY(void*, event_new, nullptr,
+       (void* base, int fd, short what, void (*callback)(int, short, void*), void* argument),
+       (base, fd, what, callback, argument))
+FAULTY(void*, evhttp_new, nullptr, (void* base), (base))
+FAULTY(void*, evhttp_connection_base_new, nullptr,
+       (void* base, void* dns, const char* address, unsigned short port),
+       (base, dns, address, port))
+FAULTY(void*, evhttp_request_new, nullptr, (void (*callback)(void*, void*), void* argument),
+       (callback, argument))
+FAULTY(int, evhttp_make_request, -1, (void* connection, void* request, int type, const char* uri),
+       (connection, request, type, uri))
+FAULTY(void*, evbuffer_new, nullptr, (), ())
+FAULTY(int, evthread_use_pthreads, -1, (), ())
+FAULTY(void*, bufferevent_openssl_socket_new, nullptr,
+       (void* base, int fd, void* ssl, int state, int options), (base, fd, ssl, state, options))
+
+// OpenSSL's.
+FAULTY(void*, SSL_CTX_new, nullptr, (const void* method), (method))
+FAULTY(long, SSL_CTX_ctrl, 0, (void* context, int command, long number, void* data),
+       (context, command, number, data))
+FAULTY(void*, SSL_new, nullptr, (void* context), (context))
+FAULTY(void*, EC_KEY_new_by_curve_name, nullptr, (int curve), (curve))
+
+namespace test {
+
+Fault::Fault(const char* function, int errnum, int skip, int times) : function_(function) {
+  FaultState& state = *States().at(function);
+  state.errnum = errnum;
+  state.skip = skip;
+  state.times = times;
+  state.armed = true;
+}
+
+Fault::~Fault() {
+  States().at(function_)->armed = false;
+}
+
+}  // namespace test
