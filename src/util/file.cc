@@ -1,11 +1,12 @@
 #include "util/file.h"
 
 #include <cerrno>
+#include <chrono>
+#include <thread>
 #include <utility>
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "util/descriptor.h"
@@ -23,11 +24,6 @@ struct LockAttempt {
   int fd;
   bool locked;
 };
-
-void SleepMs(int milliseconds) {
-  timespec remaining = {milliseconds / 1000, (milliseconds % 1000) * 1000000L};
-  retry_on_interrupt([&] { return ::nanosleep(&remaining, &remaining); });
-}
 
 // Tries every open descriptor that is not locked yet; true when none is left.
 bool TryLocks(std::vector<LockAttempt>& attempts) {
@@ -81,7 +77,7 @@ std::vector<int> lock_file(const std::vector<std::string>& paths, int retries, i
   int lockError = errno;
   for (int attempt = 0; attempt <= retries && !TryLocks(attempts); ++attempt) {
     lockError = errno;
-    SleepMs(delayMs);
+    std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
   }
   std::vector<int> result;
   result.reserve(attempts.size());

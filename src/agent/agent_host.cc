@@ -1,0 +1,186 @@
+#include "agent/agent_host.h"
+
+#include <cerrno>
+#include <stdexcept>
+
+#include <event2/event.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include "agent/callback_guard.h"
+#include "util/log.h"
+
+namespace tavlo {
+
+namespace {
+
+constexpr const char* kLoopback = "127.0.0.1";
+constexpr int kHttpTimeoutSecs = 61;
+constexpr timeval kHeartbeatPeriod = {30, 0};
+constexpr size_t kShownKeyLength = 3;
+
+// What the library takes in from a client before it answers 413 by itself. Bodies may well exceed
+// kMaxRequestBody, so that they get this daemon's own answer, but not fill the memory.
+constexpr ev_ssize_t kMaxHeadersSize = 64 * 1024;
+constexpr ev_ssize_t kMaxBodySize = 4 * 1024 * 1024;
+
+std::runtime_error ErrnoFailure(const std::string& what) {
+  return std::runtime_error(what + " errno " + std::to_string(errno));
+}
+
+}  // namespace
+
+const std::map<evhttp_cmd_type, const char*> kMethodNames = {
+    {EVHTTP_REQ_GET, "GET"},     {EVHTTP_REQ_POST, "POST"},       {EVHTTP_REQ_HEAD, "HEAD"},
+    {EVHTTP_REQ_PUT, "PUT"},     {EVHTTP_REQ_DELETE, "DELETE"},   {EVHTTP_REQ_OPTIONS, "OPTIONS"},
+    {EVHTTP_REQ_TRACE, "TRACE"}, {EVHTTP_REQ_CONNECT, "CONNECT"}, {EVHTTP_REQ_PATCH, "PATCH"},
+};
+
+void AgentHost::OnInvokerEvent(evutil_socket_t, short, void* host) {
+  RunGuarded(__PRETTY_FUNCTION__, [host] { static_cast<AgentHost*>(host)->Invoke(); });
+}
+
+void AgentHost::OnHeartbeatEvent(evutil_socket_t, short, void* host) {
+  RunGuarded(__PRETTY_FUNCTION__, [host] { static_cast<AgentHost*>(host)->heartbeat_(); });
+}
+
+AgentHost::AgentHost(Orx::HookInvoker* invoker, bool secure, const std::string& agentDataPath,
+                     const std::string& agentDirectory, const std::string& deviceDiscoveryPath,
+                     uint16_t listenPort, const std::string& dstAddr, uint16_t dstPort,
+                     const std::string& agentPrefix, const std::function<void()>& heartbeat)
+    : invoker_(invoker),
+      secure_(secure),
+      listenPort_(listenPort),
+      dstPort_(dstPort),
+      dstAddr_(dstAddr),
+      agentPrefix_(agentPrefix),
+      agentDataPath_(agentDataPath),
+      certFile_(agentDirectory + "/mirel.crt"),
+      keyFile_(agentDirectory + "/mirel.key"),
+      deviceDiscoveryPath_(deviceDiscoveryPath),
+      heartbeat_(heartbeat) {
+  InitServer();
+  if (secure_) {
+    InitSsl();
+  }
+  InitHeartbeating();
+}
+
+void AgentHost::InitServer() {
+  event_base* const base = event_base_new();
+  if (base == nullptr) {
+    throw ErrnoFailure("Failed to init event_base");
+  }
+  base_.reset(base, event_base_free);
+
+  event* const invokerEvent = event_new(base, -1, 0, OnInvokerEvent, this);
+  if (invokerEvent == nullptr) {
+    throw ErrnoFailure("Failed to init invoker event");
+  }
+  invokerEvent_.reset(invokerEvent, event_free);
+
+  evhttp* const http = evhttp_new(base);
+  if (http == nullptr) {
+    throw ErrnoFailure("Failed to init evhttp");
+  }
+  http_.reset(http, evhttp_free);
+  evhttp_set_allowed_methods(http, EVHTTP_REQ_GET | EVHTTP_REQ_POST | EVHTTP_REQ_PUT |
+                                       EVHTTP_REQ_DELETE | EVHTTP_REQ_PATCH);
+  evhttp_set_timeout(http, kHttpTimeoutSecs);
+  evhttp_set_max_headers_size(http, kMaxHeadersSize);
+  evhttp_set_max_body_size(http, kMaxBodySize);
+  // An answer has the content type that the destination gave it, or none.
+  evhttp_set_default_content_type(http, nullptr);
+
+  if (!Listen(kLoopback)) {
+    throw ErrnoFailure("Failed to bind endpoint '" + std::string(kLoopback) + ":" +
+                       std::to_string(listenPort_) + "'");
+  }
+  boundAddrs_.insert(kLoopback);
+
+  evhttp_connection* const evcon =
+      evhttp_connection_base_new(base, nullptr, dstAddr_.c_str(), dstPort_);
+  if (evcon == nullptr) {
+    throw ErrnoFailure("Failed to init evcon");
+  }
+  evcon_.reset(evcon, evhttp_connection_free);
+  evhttp_connection_set_timeout(evcon, kHttpTimeoutSecs);
+
+  evhttp_set_gencb(http, OnRequest, this);
+}
+
+void AgentHost::InitHeartbeating() {
+  event* const heartbeatEvent = event_new(base_.get(), -1, EV_PERSIST, OnHeartbeatEvent, this);
+  if (heartbeatEvent == nullptr) {
+    throw ErrnoFailure("Failed to init heartbeat");
+  }
+  event_add(heartbeatEvent, &kHeartbeatPeriod);
+  heartbeatEvent_.reset(heartbeatEvent, event_free);
+}
+
+void AgentHost::Run() {
+  event_base_dispatch(base_.get());
+}
+
+// On failure `errno` tells why.
+bool AgentHost::Listen(const std::string& address) {
+  evhttp_bound_socket* const socket =
+      evhttp_bind_socket_with_handle(http_.get(), address.c_str(), listenPort_);
+  if (socket == nullptr) {
+    return false;
+  }
+  // Accepted sockets inherit it. Without it each answer over TLS waits some 40 ms for the client's
+  // delayed acknowledgement.
+  const int on = 1;
+  ::setsockopt(evhttp_bound_socket_get_fd(socket), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  return true;
+}
+
+void AgentHost::BindSrcAddr(const std::string& addr) {
+  ORX_LOG(Orx::Log::kDebug, "Enter addr=%s", addr.c_str());
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (addr.empty() || boundAddrs_.count(addr) != 0) {
+      return;
+    }
+    pendingAddrs_.insert(addr);
+  }
+  event_active(invokerEvent_.get(), 0, 0);
+  ORX_LOG(Orx::Log::kDebug, "Leave");
+}
+
+void AgentHost::Invoke() {
+  ORX_LOG_SCOPE();
+  std::set<std::string> addrs;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    addrs.swap(pendingAddrs_);
+  }
+  for (const std::string& addr : addrs) {
+    if (!Listen(addr)) {
+      ORX_LOG(Orx::Log::kError, "Failed to bind endpoint '%s:%d' as errno %d", addr.c_str(),
+              listenPort_, errno);
+      continue;
+    }
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      boundAddrs_.insert(addr);
+    }
+    ORX_LOG(Orx::Log::kDebug, "Listen to endpoint '%s:%d'", addr.c_str(), listenPort_);
+  }
+}
+
+void AgentHost::SetPairingKey(const std::string& key) {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    pairingKey_ = key;
+  }
+  if (key.size() <= kShownKeyLength) {
+    ORX_LOG(Orx::Log::kDebug, "Updated: '%s'", key.c_str());
+  } else {
+    ORX_LOG(Orx::Log::kDebug, "Updated: '%s...'", key.substr(0, kShownKeyLength).c_str());
+  }
+}
+
+}  // namespace tavlo

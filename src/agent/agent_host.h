@@ -1,0 +1,117 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include <event2/http.h>
+
+struct bufferevent;
+struct event;
+struct event_base;
+struct ssl_ctx_st;
+
+namespace Orx {
+class HookInvoker;
+}  // namespace Orx
+
+namespace tavlo {
+
+/// The name of each HTTP method that libevent knows.
+extern const std::map<evhttp_cmd_type, const char*> kMethodNames;
+
+/// The largest request body that is accepted, in bytes.
+constexpr size_t kMaxRequestBody = 32768;
+
+/// The reason of a 500 whose cause only the log tells.
+constexpr const char* kInternalError = "Internal error";
+
+/// One HTTP listener of the daemon, plain or TLS, with its event loop and its one connection to the
+/// SDK REST host, over which its requests are forwarded one after another.
+///
+/// `Run` belongs to one thread; all requests are handled on it, and a request that blocks (a hook
+/// script, a locked file) blocks the others. `BindSrcAddr` and `SetPairingKey` may be called from
+/// any thread, provided that libevent was set up for threads before the host was made. There is no
+/// way to stop a running host: the process ends under it.
+class AgentHost {
+ public:
+  /// Binds 127.0.0.1:`listenPort` at once. `invoker` is not owned and outlives the host.
+  /// `agentDirectory` (no trailing slash) holds mirel.crt and mirel.key, which are read when the
+  /// first TLS connection comes. `heartbeat` is called on the loop thread every 30 seconds. Throws
+  /// std::runtime_error, with the cause, when anything cannot be set up.
+  AgentHost(Orx::HookInvoker* invoker, bool secure, const std::string& agentDataPath,
+            const std::string& agentDirectory, const std::string& deviceDiscoveryPath,
+            uint16_t listenPort, const std::string& dstAddr, uint16_t dstPort,
+            const std::string& agentPrefix, const std::function<void()>& heartbeat);
+  ~AgentHost() = default;
+  AgentHost(const AgentHost&) = delete;
+  AgentHost& operator=(const AgentHost&) = delete;
+
+  /// Runs the event loop; returns only when the loop ends.
+  void Run();
+
+  /// Asks the host to listen on `addr` as well, at its port; the loop thread does it a moment
+  /// later. An address that is empty or bound already is passed over; one that cannot be bound is
+  /// logged and forgotten, so that the next call tries again. Earlier addresses stay in service.
+  void BindSrcAddr(const std::string& addr);
+
+  /// Replaces the pairing key that requests on a TLS host must carry from now on. With an empty
+  /// key, which is what a host starts with, they are refused.
+  void SetPairingKey(const std::string& key);
+
+ private:
+  // What libevent calls; the last argument is the host, or the client's request for a reply.
+  static void OnInvokerEvent(evutil_socket_t, short, void* host);
+  static void OnHeartbeatEvent(evutil_socket_t, short, void* host);
+  static bufferevent* OnConnection(event_base*, void* host);
+  static void OnRequest(evhttp_request* req, void* host);
+  static void OnReply(evhttp_request* reply, void* client);
+
+  void InitServer();
+  void InitSsl();
+  void InitHeartbeating();
+
+  bool Listen(const std::string& address);
+  void Invoke();
+
+  bool LoadCertificate();
+  bufferevent* SslConnect();
+
+  void DispatchRequest(evhttp_request* req);
+  bool ApiRequestSupported(const std::string& uri, evhttp_cmd_type method);
+  bool CheckEndpoint(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
+  bool CheckPairingKey(evhttp_request* req);
+  void Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
+  void ApiGetMac(evhttp_request* req);
+
+  // Destroyed in reverse order: TLS context, connection, server, events, and last the loop that
+  // they live on.
+  Orx::HookInvoker* invoker_;
+  bool secure_;
+  uint16_t listenPort_;
+  uint16_t dstPort_;
+  std::string dstAddr_;
+  std::string agentPrefix_;
+  std::string agentDataPath_;
+  std::string certFile_;
+  std::string keyFile_;
+  std::string deviceDiscoveryPath_;
+  std::function<void()> heartbeat_;
+  std::shared_ptr<event_base> base_;
+  std::shared_ptr<event> invokerEvent_;
+  std::shared_ptr<event> heartbeatEvent_;
+  std::shared_ptr<evhttp> http_;
+  std::shared_ptr<evhttp_connection> evcon_;
+  std::shared_ptr<ssl_ctx_st> sslCtx_;
+  bool certificateLoaded_ = false;
+  std::mutex mutex_;  // guards what follows
+  std::string pairingKey_;
+  std::set<std::string> pendingAddrs_;
+  std::set<std::string> boundAddrs_;
+};
+
+}  // namespace tavlo

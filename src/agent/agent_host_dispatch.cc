@@ -1,0 +1,173 @@
+// What happens to a request: the checks, in their order, and its way to the SDK REST host and back.
+
+#include <algorithm>
+#include <array>
+#include <string>
+
+#include <event2/buffer.h>
+#include <openssl/crypto.h>
+
+#include "agent/agent_host.h"
+#include "agent/callback_guard.h"
+#include "util/log.h"
+
+namespace tavlo {
+
+namespace {
+
+// The lines of all steps of the dispatch carry its name.
+constexpr const char* kDispatchRequest = "void tavlo::AgentHost::DispatchRequest(evhttp_request*)";
+
+struct Endpoint {
+  evhttp_cmd_type method;
+  const char* uri;
+};
+
+// What the plain listener accepts; a URI must match as a whole, its query included.
+constexpr std::array<Endpoint, 7> kPlainEndpoints = {{
+    {EVHTTP_REQ_GET, "/api/version"},
+    {EVHTTP_REQ_GET, "/api/1/router-info"},
+    {EVHTTP_REQ_GET, "/api/2/router-info"},
+    {EVHTTP_REQ_PATCH, "/api/1/router-attribution-id"},
+    {EVHTTP_REQ_PATCH, "/api/2/router-attribution-id"},
+    {EVHTTP_REQ_PATCH, "/api/1/router-ref"},
+    {EVHTTP_REQ_PATCH, "/api/2/router-ref"},
+}};
+
+// Takes as long for a key that is wrong in its first byte as for one that is wrong in its last.
+bool IsSameKey(const std::string& expected, const std::string& given) {
+  return expected.size() == given.size() &&
+         CRYPTO_memcmp(expected.data(), given.data(), expected.size()) == 0;
+}
+
+void RelayReply(evhttp_request* reply, evhttp_request* client) {
+  const int status = reply != nullptr ? evhttp_request_get_response_code(reply) : 0;
+  if (status == 0) {
+    const char* const reason =
+        reply == nullptr ? "Timeout in forwarding request" : "Destination request failed";
+    ORX_LOG(Orx::Log::kError, "%s", reason);
+    evhttp_send_error(client, HTTP_INTERNAL, reason);
+    return;
+  }
+  const char* const contentType =
+      evhttp_find_header(evhttp_request_get_input_headers(reply), "Content-Type");
+  if (contentType != nullptr) {
+    evhttp_add_header(evhttp_request_get_output_headers(client), "Content-Type", contentType);
+  }
+  evhttp_send_reply(client, status, evhttp_request_get_response_code_line(reply),
+                    evhttp_request_get_input_buffer(reply));
+}
+
+}  // namespace
+
+// Answering or forwarding a request is the last thing that its handling does, so that a request
+// whose handling threw still waits for its answer.
+void AgentHost::OnRequest(evhttp_request* req, void* host) {
+  if (!RunGuarded(__PRETTY_FUNCTION__,
+                  [&] { static_cast<AgentHost*>(host)->DispatchRequest(req); })) {
+    evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
+  }
+}
+
+void AgentHost::OnReply(evhttp_request* reply, void* client) {
+  auto* const req = static_cast<evhttp_request*>(client);
+  if (!RunGuarded(__PRETTY_FUNCTION__, [&] { RelayReply(reply, req); })) {
+    evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
+  }
+}
+
+void AgentHost::DispatchRequest(evhttp_request* req) {
+  const std::string uri = evhttp_request_get_uri(req);
+  const evhttp_cmd_type method = evhttp_request_get_command(req);
+  ORX_LOG(Orx::Log::kInfo, "%s %s", kMethodNames.at(method), uri.c_str());
+
+  if (uri.rfind("/api/", 0) != 0) {
+    ORX_LOG(Orx::Log::kError, "Invalid endpoint is called: %s", uri.c_str());
+    evhttp_send_error(req, HTTP_NOTFOUND, "Invalid endpoint is called");
+    return;
+  }
+  if (uri == "/api/mac") {
+    if (method == EVHTTP_REQ_GET) {
+      ApiGetMac(req);
+    } else {
+      evhttp_send_error(req, HTTP_BADMETHOD, "Method not allowed");
+    }
+    return;
+  }
+  const bool admitted = secure_ ? CheckPairingKey(req) : CheckEndpoint(req, uri, method);
+  if (!admitted) {
+    return;
+  }
+  if (evbuffer_get_length(evhttp_request_get_input_buffer(req)) > kMaxRequestBody) {
+    evhttp_send_error(req, HTTP_BADREQUEST, "Request data too long");
+    return;
+  }
+  Forward(req, uri, method);
+}
+
+// The two checks answer the request when they refuse it.
+
+bool AgentHost::CheckPairingKey(evhttp_request* req) {
+  std::string expected;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    expected = pairingKey_;
+  }
+  const char* const header =
+      evhttp_find_header(evhttp_request_get_input_headers(req), "PairingKey");
+  const std::string given = header != nullptr ? header : "";
+  if (expected.empty()) {
+    Orx::Log::Message2(Orx::Log::kError, kDispatchRequest, "Pairing key is not configured");
+    evhttp_send_error(req, HTTP_INTERNAL, "Pairing key is not configured");
+    return false;
+  }
+  if (!IsSameKey(expected, given)) {
+    Orx::Log::Message2(Orx::Log::kDebug, kDispatchRequest, "Pairing key not as expected: '%s'",
+                       given.c_str());
+    evhttp_send_error(req, HTTP_EXPECTATIONFAILED, "Pairing key not as expected");
+    return false;
+  }
+  return true;
+}
+
+bool AgentHost::CheckEndpoint(evhttp_request* req, const std::string& uri, evhttp_cmd_type method) {
+  if (!ApiRequestSupported(uri, method)) {
+    Orx::Log::Message2(Orx::Log::kDebug, kDispatchRequest,
+                       "Endpoint is not allowed with insecure connection");
+    evhttp_send_error(req, HTTP_EXPECTATIONFAILED,
+                      "Endpoint is not allowed with insecure connection");
+    return false;
+  }
+  return true;
+}
+
+bool AgentHost::ApiRequestSupported(const std::string& uri, evhttp_cmd_type method) {
+  return std::any_of(kPlainEndpoints.begin(), kPlainEndpoints.end(), [&](const Endpoint& endpoint) {
+    return endpoint.method == method && endpoint.uri == uri;
+  });
+}
+
+void AgentHost::Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_type method) {
+  evbuffer* const body = evhttp_request_get_input_buffer(req);
+  const size_t length = evbuffer_get_length(body);
+  const std::string lengthText = std::to_string(length);
+  const std::string target = agentPrefix_ + uri;
+
+  int result = -1;
+  evhttp_request* const forwarded = evhttp_request_new(OnReply, req);
+  if (forwarded != nullptr) {
+    evkeyvalq* const headers = evhttp_request_get_output_headers(forwarded);
+    evhttp_add_header(headers, "Content-Length", lengthText.c_str());
+    evhttp_add_header(headers, "Host", dstAddr_.c_str());
+    evbuffer_remove_buffer(body, evhttp_request_get_output_buffer(forwarded), length);
+    result = evhttp_make_request(evcon_.get(), forwarded, method, target.c_str());
+  }
+  // Unless it failed, the reply callback may have run already: the client's request may be gone.
+  if (result < 0) {
+    Orx::Log::Message2(Orx::Log::kError, kDispatchRequest,
+                       "Failed in forwarding the http req to SDK REST host");
+    evhttp_send_error(req, HTTP_INTERNAL, "Cannot forward the http request to the server");
+  }
+}
+
+}  // namespace tavlo

@@ -1,0 +1,29 @@
+#include <cstdlib>
+
+#include <unistd.h>
+
+#include "app/command_line.h"
+#include "app/run_loop.h"
+#include "app/start_up.h"
+#include "util/log.h"
+
+int main(int argc, char** argv) {
+  const std::optional<tavlo::Options> options = tavlo::ParseCommandLine(argc, argv);
+  if (!options) {
+    return EXIT_FAILURE;
+  }
+  const std::string logPath = options->logPath.value_or("");
+  if (options->printKey) {
+    Orx::Log::Open("kxtunnel", logPath, Orx::Log::kError, true, false, false);
+    PrintConfigValue(options->configPath, *options->printKey);
+  }
+  Orx::Log::Open("tavlo", logPath, options->debug ? Orx::Log::kDebug : Orx::Log::kInfo, true,
+                 options->sysLog, options->logPath.has_value());
+  if (!Init(options->configPath)) {
+    return EXIT_FAILURE;
+  }
+  Run();
+  Orx::Log::Close();
+  // At once: the host threads still use what the static destructors would take away.
+  ::_exit(EXIT_SUCCESS);
+}

@@ -1,0 +1,104 @@
+#include "app/start_up.h"
+
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+
+#include <event2/thread.h>
+
+#include "agent/libevent_log.h"
+#include "app/thread_monitor.h"
+#include "util/log.h"
+
+using tavlo::AgentHost;
+using tavlo::AppSettings;
+using tavlo::ProcessObjects;
+using tavlo::TheProcess;
+
+namespace {
+
+constexpr const char* kInit = "bool Init(const std::string&)";
+
+// Blocks the run loop's signals in this thread and, by inheritance, in all that it will start.
+bool BlockSignals(sigset_t* signals) {
+  sigemptyset(signals);
+  sigaddset(signals, SIGHUP);
+  sigaddset(signals, SIGTERM);
+  sigaddset(signals, SIGINT);
+  const int error = ::pthread_sigmask(SIG_BLOCK, signals, nullptr);
+  if (error != 0) {
+    Orx::Log::Message2(Orx::Log::kError, kInit, "pthread_sigmask failed as %d", error);
+  }
+  return error == 0;
+}
+
+std::unique_ptr<AgentHost> MakeHost(const AppSettings& settings, bool secure) {
+  return std::make_unique<AgentHost>(
+      nullptr, secure, settings.AgentDataPath(), settings.AgentDirectory(),
+      settings.DeviceDiscoveryPath(), secure ? settings.AgentHttpsPort() : settings.AgentHttpPort(),
+      settings.AgentDstAddr(), settings.AgentDstPort(), settings.AgentPrefix(), OnThreadHeartbeat);
+}
+
+}  // namespace
+
+ProcessObjects& tavlo::TheProcess() {
+  static ProcessObjects process;
+  return process;
+}
+
+bool Init(const std::string& configPath) {
+  ORX_LOG_SCOPE();
+  ProcessObjects& process = TheProcess();
+  if (!BlockSignals(&process.signals)) {
+    return false;
+  }
+  if (::signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
+    ORX_LOG(Orx::Log::kError, "Failed to ignore SIGPIPE");
+    return false;
+  }
+  if (evthread_use_pthreads() < 0) {
+    ORX_LOG(Orx::Log::kError, "Failed to configure evthreads");
+    return false;
+  }
+  tavlo::RouteLibeventLog();
+  process.settings = std::make_unique<AppSettings>();
+  if (!LoadAppSettings(configPath, process.settings.get())) {
+    ORX_LOG(Orx::Log::kError, "Failed to read config file from: %s", configPath.c_str());
+    return false;
+  }
+  if (!process.settings->AgentUser().empty()) {
+    ORX_LOG(Orx::Log::kError, "agentUser is not supported yet");
+    return false;
+  }
+  if (!process.settings->AgentDataPath().empty()) {
+    ORX_LOG(Orx::Log::kError, "agentDataPath is not supported yet");
+    return false;
+  }
+  try {
+    process.httpHost = MakeHost(*process.settings, false);
+    process.httpsHost = MakeHost(*process.settings, true);
+  } catch (const std::exception& error) {
+    ORX_LOG(Orx::Log::kError, "Failed to create AgentHost: %s", error.what());
+    return false;
+  }
+  return true;
+}
+
+bool LoadAppSettings(const std::string& path, AppSettings* settings) {
+  return path.empty() || settings->LoadConfigFile(path, nullptr);
+}
+
+void PrintConfigValue(const std::string& configPath, const std::string& key) {
+  AppSettings settings;
+  if (!LoadAppSettings(configPath, &settings)) {
+    ORX_LOG(Orx::Log::kError, "Failed to read config file from: %s", configPath.c_str());
+    std::exit(EXIT_FAILURE);
+  }
+  std::string value;
+  if (!settings.GetConfigValue(key, &value)) {
+    std::cerr << "Unknown config key: " << key << '\n';
+    std::exit(EXIT_FAILURE);
+  }
+  std::cout << value << '\n';
+  std::exit(EXIT_SUCCESS);
+}
