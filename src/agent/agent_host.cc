@@ -22,8 +22,8 @@ constexpr size_t kShownKeyLength = 3;
 
 // What the library takes in from a client before it answers 413 by itself. Bodies may well exceed
 // kMaxRequestBody, so that they get this daemon's own answer, but not fill the memory.
-constexpr ev_ssize_t kMaxHeadersSize = 64 * 1024;
-constexpr ev_ssize_t kMaxBodySize = 4 * 1024 * 1024;
+constexpr ev_ssize_t kMaxHeadersSize = 64L * 1024;
+constexpr ev_ssize_t kMaxBodySize = 4L * 1024 * 1024;
 
 std::runtime_error ErrnoFailure(const std::string& what) {
   return std::runtime_error(what + " errno " + std::to_string(errno));

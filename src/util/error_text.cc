@@ -1,7 +1,7 @@
 // The XSI form of strerror_r says whether it failed; without this g++ and clang++ ask the C library
 // for its own form, which does not.
 #undef _GNU_SOURCE
-#define _POSIX_C_SOURCE 200809L
+#define _POSIX_C_SOURCE 200809L  // NOLINT(*-reserved-identifier,cert-dcl*): the C library's switch
 
 #include "util/error_text.h"
 
