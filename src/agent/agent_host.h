@@ -86,6 +86,7 @@ class AgentHost {
   bool CheckEndpoint(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
   bool CheckPairingKey(evhttp_request* req);
   void Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
+  static void RelayReply(evhttp_request* reply, evhttp_request* client);
   void ApiGetMac(evhttp_request* req);
 
   // Destroyed in reverse order: TLS context, connection, server, events, and last the loop that

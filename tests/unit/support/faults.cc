@@ -39,6 +39,12 @@ struct Registration {
   Registration(const char* function, FaultState* state) { States()[function] = state; }
 };
 
+// bufferevent_openssl_socket_new owns the SSL object also when it fails.
+void* FreeSsl(void* ssl) {
+  reinterpret_cast<void (*)(void*)>(::dlsym(RTLD_DEFAULT, "SSL_free"))(ssl);
+  return nullptr;
+}
+
 }  // namespace
 
 // Defines a function that takes the place of the library's function of that name in the whole
@@ -77,6 +83,11 @@ FAULTY(int, waitid, -1, (int type, unsigned id, void* info, int options), (type,
 FAULTY(int, poll, -1, (void* entries, unsigned long count, int timeout), (entries, count, timeout))
 FAULTY(int, ftruncate, -1, (int fd, off_t length), (fd, length))
 
+FAULTY(int, pthread_create, errno,
+       (void* thread, const void* attributes, void* (*body)(void*), void* argument),
+       (thread, attributes, body, argument))
+FAULTY(void*, signal, reinterpret_cast<void*>(-1), (int number, void* handler), (number, handler))
+
 // libevent's.
 FAULTY(void*, event_base_new, nullptr, (), ())
 FAULTY(void*, event_new, nullptr,
@@ -91,8 +102,9 @@ FAULTY(void*, evhttp_request_new, nullptr, (void (*callback)(void*, void*), void
 FAULTY(int, evhttp_make_request, -1, (void* connection, void* request, int type, const char* uri),
        (connection, request, type, uri))
 FAULTY(void*, evbuffer_new, nullptr, (), ())
+FAULTY(const char*, evhttp_request_get_uri, nullptr, (const void* request), (request))
 FAULTY(int, evthread_use_pthreads, -1, (), ())
-FAULTY(void*, bufferevent_openssl_socket_new, nullptr,
+FAULTY(void*, bufferevent_openssl_socket_new, FreeSsl(ssl),
        (void* base, int fd, void* ssl, int state, int options), (base, fd, ssl, state, options))
 
 // OpenSSL's.
