@@ -1,7 +1,8 @@
 #pragma once
 
 #include <chrono>
-#include <thread>
+
+#include <unistd.h>
 
 namespace test {
 
@@ -13,7 +14,8 @@ bool WaitUntil(const Condition& condition) {
     if (std::chrono::steady_clock::now() > end) {
       return false;
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    // Not nanosleep, which may be one of the functions that a test makes fail.
+    ::usleep(5000);
   }
   return true;
 }
