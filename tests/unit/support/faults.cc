@@ -39,9 +39,9 @@ struct Registration {
   Registration(const char* function, FaultState* state) { States()[function] = state; }
 };
 
-// bufferevent_openssl_socket_new owns the SSL object also when it fails.
-void* FreeSsl(void* ssl) {
-  reinterpret_cast<void (*)(void*)>(::dlsym(RTLD_DEFAULT, "SSL_free"))(ssl);
+// For functions that own what they are given also when they fail.
+void* FreeWith(const char* function, void* object) {
+  reinterpret_cast<void (*)(void*)>(::dlsym(RTLD_DEFAULT, function))(object);
   return nullptr;
 }
 
@@ -99,12 +99,13 @@ FAULTY(void*, evhttp_connection_base_new, nullptr,
        (base, dns, address, port))
 FAULTY(void*, evhttp_request_new, nullptr, (void (*callback)(void*, void*), void* argument),
        (callback, argument))
-FAULTY(int, evhttp_make_request, -1, (void* connection, void* request, int type, const char* uri),
+FAULTY(int, evhttp_make_request, (FreeWith("evhttp_request_free", request), -1),
+       (void* connection, void* request, int type, const char* uri),
        (connection, request, type, uri))
 FAULTY(void*, evbuffer_new, nullptr, (), ())
 FAULTY(const char*, evhttp_request_get_uri, nullptr, (const void* request), (request))
 FAULTY(int, evthread_use_pthreads, -1, (), ())
-FAULTY(void*, bufferevent_openssl_socket_new, FreeSsl(ssl),
+FAULTY(void*, bufferevent_openssl_socket_new, FreeWith("SSL_free", ssl),
        (void* base, int fd, void* ssl, int state, int options), (base, fd, ssl, state, options))
 
 // OpenSSL's.
