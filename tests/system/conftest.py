@@ -15,7 +15,7 @@ from sdk_rest_host import SdkRestHost  # noqa: E402
 from support.daemon import Daemon  # noqa: E402
 from support.scratch_root import ScratchRoot  # noqa: E402
 
-SHOWN_LINES = 60
+SHOWN_LINES = 40
 
 
 @contextmanager
@@ -88,7 +88,7 @@ def pytest_runtest_makereport(item):
     for name in ("root", "shared"):
         value = item.funcargs.get(name)
         directory = getattr(getattr(value, "root", value), "directory", None)
-        for file in ("console", "log"):
+        for file in ("console",):
             path = directory / file if directory else None
             if path and path.exists():
                 lines = path.read_text(errors="replace").splitlines()[-SHOWN_LINES:]

@@ -6,6 +6,8 @@ import subprocess
 import uuid
 from contextlib import contextmanager
 
+import pytest
+
 from support.daemon import DIE_WITH_PARENT
 
 _numbers = itertools.count()
@@ -25,6 +27,8 @@ class NetworkNamespace:
         self.prefix = ["ip", "netns", "exec", self.name]
 
     def __enter__(self):
+        if os.geteuid() != 0:
+            pytest.skip("only root can make a network namespace")
         _run("ip", "netns", "add", self.name)
         self.ip("link", "set", "lo", "up")
         return self
@@ -42,8 +46,8 @@ class NetworkNamespace:
     def start(self, *command):
         """A process inside; it is killed at the end unless it has ended by itself."""
         with subprocess.Popen([*DIE_WITH_PARENT, *self.prefix, *map(str, command)],
-                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, text=True) as process:
+                              stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL) as process:
             try:
                 yield process
             finally:
