@@ -11,6 +11,7 @@ Usage: tools/sdk_rest_host.py [--port N]
 
 import argparse
 import json
+import socket
 import threading
 from dataclasses import dataclass, field
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
@@ -78,6 +79,7 @@ class Handler(BaseHTTPRequestHandler):
 class SdkRestHost(ThreadingHTTPServer):
     """Listens on 127.0.0.1 as soon as it is made; a context manager serves on a thread.
 
+    Its end drops the connections that are still open, as the end of a program would.
     `respond` maps a Request to an Answer and may be replaced; `requests` holds what arrived.
     """
 
@@ -92,10 +94,21 @@ class SdkRestHost(ThreadingHTTPServer):
         self.respond = describe
         self.requests = []
         self._lock = threading.Lock()
+        self._connections = set()
 
     def note(self, request):
         with self._lock:
             self.requests.append(request)
+
+    def process_request(self, request, client_address):
+        with self._lock:
+            self._connections.add(request)
+        super().process_request(request, client_address)
+
+    def shutdown_request(self, request):
+        with self._lock:
+            self._connections.discard(request)
+        super().shutdown_request(request)
 
     def handle_error(self, request, client_address):
         # A peer that drops its connection is everyday life here.
@@ -110,6 +123,16 @@ class SdkRestHost(ThreadingHTTPServer):
         self.shutdown()
         self._thread.join()
         self.server_close()
+        with self._lock:
+            for connection in self._connections:
+                self._drop(connection)
+
+    @staticmethod
+    def _drop(connection):
+        try:
+            connection.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass  # the other side was faster
 
 
 def main():

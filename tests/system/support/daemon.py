@@ -165,26 +165,43 @@ class Daemon:
     def peak_resident_kib(self):
         return self._status_number("VmHWM")
 
-    def borrowed_sockets(self):
-        """Copies of the daemon's TCP sockets, to ask them for their options."""
+    def sockets(self):
+        """Pairs of local and remote port of its TCP sockets over IPv4; a remote port of 0 means
+        that the socket listens."""
+        own = set()
+        for descriptor in self.descriptors():
+            try:
+                own.add(os.readlink(f"/proc/{self.pid}/fd/{descriptor}"))
+            except FileNotFoundError:
+                pass  # closed meanwhile
+        found = []
+        with open(f"/proc/{self.pid}/net/tcp", encoding="ascii") as table:
+            for fields in map(str.split, list(table)[1:]):
+                if f"socket:[{fields[9]}]" in own:
+                    found.append(tuple(int(end.split(":")[1], 16) for end in fields[1:3]))
+        return found
+
+    def client_connections(self):
+        listening = (self.root.http_port, self.root.https_port)
+        return [pair for pair in self.sockets() if pair[0] in listening and pair[1] != 0]
+
+    def has_connection_to(self, port):
+        return any(remote == port for _, remote in self.sockets())
+
+    def wait_for_no_clients(self):
+        wait_until(lambda: not self.client_connections(), "the end of all clients' connections")
+
+    def borrow_socket(self, descriptor):
+        """A copy of one of its sockets, to ask it for its options; None when it is no socket."""
         libc = ctypes.CDLL(None, use_errno=True)
         process = os.pidfd_open(self.pid)
-        sockets = []
+        copy = libc.syscall(PIDFD_GETFD, process, descriptor, 0)
+        error = ctypes.get_errno()
+        os.close(process)
+        if copy < 0:
+            raise OSError(error, os.strerror(error))
         try:
-            for descriptor in self.descriptors():
-                copy = libc.syscall(PIDFD_GETFD, process, descriptor, 0)
-                if copy < 0:
-                    error = ctypes.get_errno()
-                    raise OSError(error, os.strerror(error))
-                try:
-                    candidate = socket.socket(fileno=copy)
-                except OSError:
-                    os.close(copy)
-                    continue
-                if candidate.family == socket.AF_INET and candidate.type == socket.SOCK_STREAM:
-                    sockets.append(candidate)
-                else:
-                    candidate.close()
-        finally:
-            os.close(process)
-        return sockets
+            return socket.socket(fileno=copy)
+        except OSError:
+            os.close(copy)
+            return None
