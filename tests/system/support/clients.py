@@ -79,11 +79,15 @@ def read_to_end(connection):
 
 
 def exchange(port, request, tls=False, limit=DEFAULT_LIMIT):
-    """Sends raw bytes and then no more; returns all that comes back."""
+    """Sends raw bytes and then no more; returns all that comes back, which may be nothing when
+    the other side does not like what it gets."""
     with connect(port, tls, limit) as connection:
-        connection.sendall(request)
-        if not tls:
-            connection.shutdown(socket.SHUT_WR)
+        try:
+            connection.sendall(request)
+            if not tls:
+                connection.shutdown(socket.SHUT_WR)
+        except OSError:
+            pass  # it has hung up; its answer may have come all the same
         return read_to_end(connection)
 
 
