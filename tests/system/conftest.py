@@ -81,15 +81,14 @@ def shared():
 
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item):
-    """Shows the end of the daemon's log beside a failure."""
+    """Shows the end of the daemon's console beside a failure."""
     report = (yield).get_result()
     if not report.failed:
         return
     for name in ("root", "shared"):
         value = item.funcargs.get(name)
         directory = getattr(getattr(value, "root", value), "directory", None)
-        for file in ("console",):
-            path = directory / file if directory else None
-            if path and path.exists():
-                lines = path.read_text(errors="replace").splitlines()[-SHOWN_LINES:]
-                report.sections.append((f"{file} of the daemon", "\n".join(lines)))
+        console = directory / "console" if directory else None
+        if console and console.exists():
+            lines = console.read_text(errors="replace").splitlines()[-SHOWN_LINES:]
+            report.sections.append(("console of the daemon", "\n".join(lines)))

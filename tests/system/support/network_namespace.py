@@ -42,6 +42,10 @@ class NetworkNamespace:
     def ip(self, *arguments):
         return _run("ip", "-netns", self.name, *arguments)
 
+    def ip_batch(self, commands):
+        subprocess.run(["ip", "-netns", self.name, "-batch", "-"], input=commands, text=True,
+                       check=True)
+
     @contextmanager
     def start(self, *command):
         """A process inside; it is killed at the end unless it has ended by itself."""
