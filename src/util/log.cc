@@ -54,20 +54,18 @@ std::string LinePrefix(int level, const char* function) {
   return prefix;
 }
 
-// Replaces the NUL that ends the line by the line feed: console and file get both in one piece, so
-// that lines of several processes do not mix either.
-void Emit(int level, char* line) {
-  const size_t length = std::strlen(line);
-  line[length] = '\n';
+// Console and file get the line and its line feed in one piece, so that lines of several processes
+// do not mix either.
+void Emit(int level, const char* line) {
+  const std::string whole = std::string(line) + '\n';
   if (Detail::ConsoleLogEnabled()) {
-    std::clog.write(line, static_cast<std::streamsize>(length + 1));
-    std::clog.flush();
+    std::clog << whole << std::flush;
   }
   if (Detail::SysLogEnabled()) {
-    ::syslog(level, "%.*s", static_cast<int>(length), line);
+    ::syslog(level, "%s", line);
   }
   if (Detail::FileLogEnabled() && Detail::LogFile().IsGood()) {
-    Detail::LogFile().Write(line, length + 1);
+    Detail::LogFile().Write(whole.data(), whole.size());
   }
 }
 

@@ -7,10 +7,10 @@
 #include <string>
 
 #include <dlfcn.h>
+#include <sys/time.h>
 #include <sys/types.h>
 
 struct timespec;
-struct timeval;
 
 namespace {
 
@@ -20,9 +20,14 @@ struct FaultState {
   std::atomic<int> errnum{0};
   std::atomic<int> skip{0};
   std::atomic<int> times{0};
+  std::atomic<int> calls{0};
 
   bool ShouldFail() {
-    if (!armed || skip-- > 0 || times-- <= 0) {
+    if (!armed) {
+      return false;
+    }
+    ++calls;
+    if (skip-- > 0 || times-- <= 0) {
       return false;
     }
     errno = errnum;
@@ -45,6 +50,19 @@ void* FreeWith(const char* function, void* object) {
   return nullptr;
 }
 
+// What FrozenClock and SocketStandIn put in the place of a failure.
+std::atomic<const timeval*> frozenTime{nullptr};
+std::atomic<int> socketStandIn{-1};
+
+int FailOrFreeze(timeval* now) {
+  const timeval* frozen = frozenTime;
+  if (frozen == nullptr) {
+    return -1;
+  }
+  *now = *frozen;
+  return 0;
+}
+
 }  // namespace
 
 // Defines a function that takes the place of the library's function of that name in the whole
@@ -64,8 +82,11 @@ void* FreeWith(const char* function, void* object) {
   }
 
 // The C library's. The failure value of pthread_sigmask is its error number.
-FAULTY(int, gettimeofday, -1, (timeval * now, void* zone), (now, zone))
-FAULTY(int, socket, -1, (int domain, int type, int protocol), (domain, type, protocol))
+FAULTY(int, gettimeofday, FailOrFreeze(now), (timeval * now, void* zone), (now, zone))
+FAULTY(ssize_t, read, -1, (int fd, void* data, size_t size), (fd, data, size))
+FAULTY(int, close, -1, (int fd), (fd))
+FAULTY(int, socket, socketStandIn.exchange(-1), (int domain, int type, int protocol),
+       (domain, type, protocol))
 FAULTY(ssize_t, send, -1, (int fd, const void* data, size_t size, int flags),
        (fd, data, size, flags))
 FAULTY(ssize_t, recv, -1, (int fd, void* data, size_t size, int flags), (fd, data, size, flags))
@@ -122,11 +143,33 @@ Fault::Fault(const char* function, int errnum, int skip, int times) : function_(
   state.errnum = errnum;
   state.skip = skip;
   state.times = times;
+  state.calls = 0;
   state.armed = true;
 }
 
 Fault::~Fault() {
   States().at(function_)->armed = false;
+}
+
+int Fault::Calls() const {
+  return States().at(function_)->calls;
+}
+
+FrozenClock::FrozenClock(long seconds, long microseconds)
+    : time_{seconds, microseconds}, fault_("gettimeofday", 0) {
+  frozenTime = &time_;
+}
+
+FrozenClock::~FrozenClock() {
+  frozenTime = nullptr;
+}
+
+SocketStandIn::SocketStandIn(int fd) : fault_("socket", 0, 0, 1) {
+  socketStandIn = fd;
+}
+
+SocketStandIn::~SocketStandIn() {
+  socketStandIn = -1;
 }
 
 }  // namespace test
