@@ -187,7 +187,7 @@ TEST(LogLine, GoesOnNamingTheProcessThatLoggedFirst) {
 }
 
 TEST(LogLine, ProcessAndThreadAreAvailableOnTheirOwn) {
-  EXPECT_EQ(Orx::Log::Detail::LogPidTid(), ThisProcessAndThread());
+  EXPECT_EQ(std::string(Orx::Log::Detail::LogPidTid().data()), ThisProcessAndThread());
 }
 
 struct LevelPrefix {
