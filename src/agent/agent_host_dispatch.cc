@@ -40,24 +40,6 @@ bool IsSameKey(const std::string& expected, const std::string& given) {
          CRYPTO_memcmp(expected.data(), given.data(), expected.size()) == 0;
 }
 
-void RelayReply(evhttp_request* reply, evhttp_request* client) {
-  const int status = reply != nullptr ? evhttp_request_get_response_code(reply) : 0;
-  if (status == 0) {
-    const char* const reason =
-        reply == nullptr ? "Timeout in forwarding request" : "Destination request failed";
-    ORX_LOG(Orx::Log::kError, "%s", reason);
-    evhttp_send_error(client, HTTP_INTERNAL, reason);
-    return;
-  }
-  const char* const contentType =
-      evhttp_find_header(evhttp_request_get_input_headers(reply), "Content-Type");
-  if (contentType != nullptr) {
-    evhttp_add_header(evhttp_request_get_output_headers(client), "Content-Type", contentType);
-  }
-  evhttp_send_reply(client, status, evhttp_request_get_response_code_line(reply),
-                    evhttp_request_get_input_buffer(reply));
-}
-
 }  // namespace
 
 // Answering or forwarding a request is the last thing that its handling does, so that a request
@@ -100,6 +82,9 @@ void AgentHost::DispatchRequest(evhttp_request* req) {
   }
   if (evbuffer_get_length(evhttp_request_get_input_buffer(req)) > kMaxRequestBody) {
     evhttp_send_error(req, HTTP_BADREQUEST, "Request data too long");
+    return;
+  }
+  if (!agentDataPath_.empty() && !OfferToHook(req, uri, method)) {
     return;
   }
   Forward(req, uri, method);
@@ -168,6 +153,24 @@ void AgentHost::Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_
                        "Failed in forwarding the http req to SDK REST host");
     evhttp_send_error(req, HTTP_INTERNAL, "Cannot forward the http request to the server");
   }
+}
+
+void AgentHost::RelayReply(evhttp_request* reply, evhttp_request* client) {
+  const int status = reply != nullptr ? evhttp_request_get_response_code(reply) : 0;
+  if (status == 0) {
+    const char* const reason =
+        reply == nullptr ? "Timeout in forwarding request" : "Destination request failed";
+    ORX_LOG(Orx::Log::kError, "%s", reason);
+    evhttp_send_error(client, HTTP_INTERNAL, reason);
+    return;
+  }
+  const char* const contentType =
+      evhttp_find_header(evhttp_request_get_input_headers(reply), "Content-Type");
+  if (contentType != nullptr) {
+    evhttp_add_header(evhttp_request_get_output_headers(client), "Content-Type", contentType);
+  }
+  evhttp_send_reply(client, status, evhttp_request_get_response_code_line(reply),
+                    evhttp_request_get_input_buffer(reply));
 }
 
 }  // namespace tavlo

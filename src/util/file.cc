@@ -123,7 +123,9 @@ Orx::Status file::read(unsigned long maxSize, std::string* content) const {
                                 error_number_and_text(lockError_));
   }
   content->clear();
-  descriptor input(retry_on_interrupt([&] { return ::open(path_.c_str(), O_RDONLY | O_CLOEXEC); }));
+  // Opening a FIFO that nobody writes to must not block; a regular file is read as ever.
+  descriptor input(
+      retry_on_interrupt([&] { return ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); }));
   if (!input.is_open()) {
     return ReadFailure(path_);
   }

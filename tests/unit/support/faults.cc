@@ -7,10 +7,10 @@
 #include <string>
 
 #include <dlfcn.h>
+#include <sys/time.h>
 #include <sys/types.h>
 
 struct timespec;
-struct timeval;
 
 namespace {
 
@@ -20,9 +20,14 @@ struct FaultState {
   std::atomic<int> errnum{0};
   std::atomic<int> skip{0};
   std::atomic<int> times{0};
+  std::atomic<int> calls{0};
 
   bool ShouldFail() {
-    if (!armed || skip-- > 0 || times-- <= 0) {
+    if (!armed) {
+      return false;
+    }
+    ++calls;
+    if (skip-- > 0 || times-- <= 0) {
       return false;
     }
     errno = errnum;
@@ -38,6 +43,25 @@ std::map<std::string, FaultState*>& States() {
 struct Registration {
   Registration(const char* function, FaultState* state) { States()[function] = state; }
 };
+
+// For functions that own what they are given also when they fail.
+void* FreeWith(const char* function, void* object) {
+  reinterpret_cast<void (*)(void*)>(::dlsym(RTLD_DEFAULT, function))(object);
+  return nullptr;
+}
+
+// What FrozenClock and SocketStandIn put in the place of a failure.
+std::atomic<const timeval*> frozenTime{nullptr};
+std::atomic<int> socketStandIn{-1};
+
+int FailOrFreeze(timeval* now) {
+  const timeval* frozen = frozenTime;
+  if (frozen == nullptr) {
+    return -1;
+  }
+  *now = *frozen;
+  return 0;
+}
 
 }  // namespace
 
@@ -58,8 +82,11 @@ struct Registration {
   }
 
 // The C library's. The failure value of pthread_sigmask is its error number.
-FAULTY(int, gettimeofday, -1, (timeval * now, void* zone), (now, zone))
-FAULTY(int, socket, -1, (int domain, int type, int protocol), (domain, type, protocol))
+FAULTY(int, gettimeofday, FailOrFreeze(now), (timeval * now, void* zone), (now, zone))
+FAULTY(ssize_t, read, -1, (int fd, void* data, size_t size), (fd, data, size))
+FAULTY(int, close, -1, (int fd), (fd))
+FAULTY(int, socket, socketStandIn.exchange(-1), (int domain, int type, int protocol),
+       (domain, type, protocol))
 FAULTY(ssize_t, send, -1, (int fd, const void* data, size_t size, int flags),
        (fd, data, size, flags))
 FAULTY(ssize_t, recv, -1, (int fd, void* data, size_t size, int flags), (fd, data, size, flags))
@@ -77,6 +104,11 @@ FAULTY(int, waitid, -1, (int type, unsigned id, void* info, int options), (type,
 FAULTY(int, poll, -1, (void* entries, unsigned long count, int timeout), (entries, count, timeout))
 FAULTY(int, ftruncate, -1, (int fd, off_t length), (fd, length))
 
+FAULTY(int, pthread_create, errno,
+       (void* thread, const void* attributes, void* (*body)(void*), void* argument),
+       (thread, attributes, body, argument))
+FAULTY(void*, signal, reinterpret_cast<void*>(-1), (int number, void* handler), (number, handler))
+
 // libevent's.
 FAULTY(void*, event_base_new, nullptr, (), ())
 FAULTY(void*, event_new, nullptr,
@@ -88,11 +120,13 @@ FAULTY(void*, evhttp_connection_base_new, nullptr,
        (base, dns, address, port))
 FAULTY(void*, evhttp_request_new, nullptr, (void (*callback)(void*, void*), void* argument),
        (callback, argument))
-FAULTY(int, evhttp_make_request, -1, (void* connection, void* request, int type, const char* uri),
+FAULTY(int, evhttp_make_request, (FreeWith("evhttp_request_free", request), -1),
+       (void* connection, void* request, int type, const char* uri),
        (connection, request, type, uri))
 FAULTY(void*, evbuffer_new, nullptr, (), ())
+FAULTY(const char*, evhttp_request_get_uri, nullptr, (const void* request), (request))
 FAULTY(int, evthread_use_pthreads, -1, (), ())
-FAULTY(void*, bufferevent_openssl_socket_new, nullptr,
+FAULTY(void*, bufferevent_openssl_socket_new, FreeWith("SSL_free", ssl),
        (void* base, int fd, void* ssl, int state, int options), (base, fd, ssl, state, options))
 
 // OpenSSL's.
@@ -109,11 +143,33 @@ Fault::Fault(const char* function, int errnum, int skip, int times) : function_(
   state.errnum = errnum;
   state.skip = skip;
   state.times = times;
+  state.calls = 0;
   state.armed = true;
 }
 
 Fault::~Fault() {
   States().at(function_)->armed = false;
+}
+
+int Fault::Calls() const {
+  return States().at(function_)->calls;
+}
+
+FrozenClock::FrozenClock(long seconds, long microseconds)
+    : time_{seconds, microseconds}, fault_("gettimeofday", 0) {
+  frozenTime = &time_;
+}
+
+FrozenClock::~FrozenClock() {
+  frozenTime = nullptr;
+}
+
+SocketStandIn::SocketStandIn(int fd) : fault_("socket", 0, 0, 1) {
+  socketStandIn = fd;
+}
+
+SocketStandIn::~SocketStandIn() {
+  socketStandIn = -1;
 }
 
 }  // namespace test

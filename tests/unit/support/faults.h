@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/time.h>
+
 namespace test {
 
 /// Makes one library function fail for as long as the object lives: the call returns the failure
@@ -13,8 +15,37 @@ class Fault {
   Fault(const Fault&) = delete;
   Fault& operator=(const Fault&) = delete;
 
+  /// How often the function was called since the object was made. With `times` 0 the object does
+  /// nothing but count.
+  int Calls() const;
+
  private:
   const char* function_;
+};
+
+/// Makes `gettimeofday` tell this time for as long as the object lives.
+class FrozenClock {
+ public:
+  FrozenClock(long seconds, long microseconds);
+  ~FrozenClock();
+  FrozenClock(const FrozenClock&) = delete;
+  FrozenClock& operator=(const FrozenClock&) = delete;
+
+ private:
+  timeval time_;
+  Fault fault_;
+};
+
+/// Makes the next call of `socket` return `fd`, which then belongs to the caller of `socket`.
+class SocketStandIn {
+ public:
+  explicit SocketStandIn(int fd);
+  ~SocketStandIn();
+  SocketStandIn(const SocketStandIn&) = delete;
+  SocketStandIn& operator=(const SocketStandIn&) = delete;
+
+ private:
+  Fault fault_;
 };
 
 }  // namespace test

@@ -1,0 +1,242 @@
+#include "agent/agent_host.h"
+
+#include <cerrno>
+#include <ostream>
+#include <thread>
+
+#include "agent/host_fixture.h"
+#include "support/faults.h"
+#include "support/wait.h"
+
+namespace {
+
+using test::Fault;
+using AgentHostTest = test::HostFixture;
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+TEST_F(AgentHostTest, KnowsTheNamesOfAllNineMethods) {
+  const std::map<evhttp_cmd_type, std::string> expected = {
+      {EVHTTP_REQ_GET, "GET"},     {EVHTTP_REQ_POST, "POST"},       {EVHTTP_REQ_HEAD, "HEAD"},
+      {EVHTTP_REQ_PUT, "PUT"},     {EVHTTP_REQ_DELETE, "DELETE"},   {EVHTTP_REQ_OPTIONS, "OPTIONS"},
+      {EVHTTP_REQ_TRACE, "TRACE"}, {EVHTTP_REQ_CONNECT, "CONNECT"}, {EVHTTP_REQ_PATCH, "PATCH"},
+  };
+  EXPECT_EQ((std::map<evhttp_cmd_type, std::string>(tavlo::kMethodNames.begin(),
+                                                    tavlo::kMethodNames.end())),
+            expected);
+}
+
+struct SetUpFailure {
+  const char* function;
+  int skip;
+  bool secure;
+  const char* message;
+
+  friend std::ostream& operator<<(std::ostream& out, const SetUpFailure& failure) {
+    return out << failure.function;
+  }
+};
+
+class AgentHostSetUpFailure : public AgentHostTest,
+                              public testing::WithParamInterface<SetUpFailure> {};
+
+TEST_P(AgentHostSetUpFailure, IsThrownWithItsCause) {
+  const Fault fault(GetParam().function, ENOMEM, GetParam().skip);
+  EXPECT_EQ(FailureToMake(GetParam().secure), GetParam().message);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, AgentHostSetUpFailure,
+    testing::Values(
+        SetUpFailure{"event_base_new", 0, false, "Failed to init event_base errno 12"},
+        SetUpFailure{"event_new", 0, false, "Failed to init invoker event errno 12"},
+        SetUpFailure{"evhttp_new", 0, false, "Failed to init evhttp errno 12"},
+        SetUpFailure{"evhttp_connection_base_new", 0, false, "Failed to init evcon errno 12"},
+        SetUpFailure{"SSL_CTX_new", 0, true, "Cannot create SSL context"},
+        SetUpFailure{"EC_KEY_new_by_curve_name", 0, true, "Cannot creates a new EC_KEY object"},
+        SetUpFailure{"SSL_CTX_ctrl", 0, true, "Cannot set ECDH parameters"}),
+    [](const auto& suite) { return std::string(suite.param.function); });
+
+TEST_F(AgentHostTest, AHeartbeatThatCannotBeMadeIsThrown) {
+  // The calls before it make the invoker event and, inside libevent, what the loop needs.
+  std::string failure;
+  for (int skip = 1; skip < 20 && failure.empty(); ++skip) {
+    const Fault fault("event_new", ENOMEM, skip, 1);
+    failure = FailureToMake(false);
+  }
+  EXPECT_EQ(failure, "Failed to init heartbeat errno 12");
+}
+
+TEST_F(AgentHostTest, APortInUseIsThrown) {
+  const auto first = MakeHost(false);
+  EXPECT_EQ(FailureToMake(false), "Failed to bind endpoint '127.0.0.1:" + std::to_string(port_) +
+                                      "' errno " + std::to_string(EADDRINUSE));
+}
+
+TEST_F(AgentHostTest, ADestroyedHostGivesItsPortBack) {
+  MakeHost(true).reset();
+  EXPECT_EQ(FailureToMake(true), "");
+}
+
+TEST_F(AgentHostTest, AnswersOnLoopbackWithoutAnyLanAddress) {
+  RunHost(false);
+  EXPECT_THAT(Get("/elsewhere"), StartsWith("HTTP/1.1 404 Invalid endpoint is called\r\n"));
+}
+
+TEST_F(AgentHostTest, ListensOnAFurtherAddressAtOnceAndOnTheOldOnesToo) {
+  tavlo::AgentHost& host = RunHost(false);
+  // An answer shows that the loop is running: the wake-up must reach it from this thread.
+  EXPECT_THAT(Get("/elsewhere"), StartsWith("HTTP/1.1 404 "));
+
+  host.BindSrcAddr("127.0.0.2");
+  const std::string listening =
+      "DEBUG: void tavlo::AgentHost::Invoke: Listen to endpoint '127.0.0.2:" +
+      std::to_string(port_) + "'";
+  ASSERT_TRUE(test::WaitUntil([&] { return LogHas(listening); }));
+  host.BindSrcAddr("127.0.0.3");
+  ASSERT_TRUE(test::WaitUntil([&] { return test::Connection("127.0.0.3", port_).IsOpen(); }));
+  for (const char* address : {"127.0.0.1", "127.0.0.2", "127.0.0.3"}) {
+    EXPECT_THAT(test::Exchange(address, port_, "GET /x HTTP/1.1\r\n\r\n"),
+                StartsWith("HTTP/1.1 404 "))
+        << address;
+  }
+  EXPECT_THAT(log_.Lines(),
+              AllOf(Contains("DEBUG: void tavlo::AgentHost::BindSrcAddr: Enter addr=127.0.0.2"),
+                    Contains("DEBUG: void tavlo::AgentHost::BindSrcAddr: Leave"),
+                    Contains("DEBUG: void tavlo::AgentHost::Invoke: Enter"),
+                    Contains("DEBUG: void tavlo::AgentHost::Invoke: Leave")));
+}
+
+TEST_F(AgentHostTest, PassesOverAnEmptyAddressAndOneThatIsBound) {
+  const auto host = MakeHost(false);
+  host->BindSrcAddr("");
+  host->BindSrcAddr("127.0.0.1");
+  EXPECT_THAT(log_.Lines(),
+              ElementsAre("DEBUG: void tavlo::AgentHost::BindSrcAddr: Enter addr=",
+                          "DEBUG: void tavlo::AgentHost::BindSrcAddr: Enter addr=127.0.0.1"));
+}
+
+TEST_F(AgentHostTest, BindsWhatCameBeforeItRanInOneGoAndInOrder) {
+  static tavlo::AgentHost* const host = MakeHost(false).release();
+  for (const char* address : {"127.0.0.9", "127.0.0.10", "127.0.0.9"}) {
+    host->BindSrcAddr(address);
+  }
+  std::thread([] { host->Run(); }).detach();
+  ASSERT_TRUE(
+      test::WaitUntil([&] { return LogHas("DEBUG: void tavlo::AgentHost::Invoke: Leave"); }));
+  const std::string end = ":" + std::to_string(port_) + "'";
+  std::vector<std::string> lines = log_.Messages();
+  lines.erase(lines.begin(), lines.begin() + 3);  // BindSrcAddr's
+  EXPECT_THAT(lines, ElementsAre(EndsWith("Listen to endpoint '127.0.0.10" + end),
+                                 EndsWith("Listen to endpoint '127.0.0.9" + end)));
+}
+
+TEST_F(AgentHostTest, AnAddressThatCannotBeBoundIsLoggedAndTriedAgainWhenItComesAgain) {
+  tavlo::AgentHost& host = RunHost(false);
+  const std::string failure =
+      "ERROR: void tavlo::AgentHost::Invoke: Failed to bind endpoint '192.0.2.1:" +
+      std::to_string(port_) + "' as errno " + std::to_string(EADDRNOTAVAIL);
+  const auto failures = [&] {
+    const auto lines = log_.Lines();
+    return std::count(lines.begin(), lines.end(), failure);
+  };
+  host.BindSrcAddr("192.0.2.1");
+  ASSERT_TRUE(test::WaitUntil([&] { return failures() == 1; }));
+  host.BindSrcAddr("192.0.2.1");
+  ASSERT_TRUE(test::WaitUntil([&] { return failures() == 2; }));
+}
+
+TEST_F(AgentHostTest, LogsAKeyOfThreeCharactersWholeAndALongerOneCut) {
+  const auto host = MakeHost(true);
+  for (const char* key : {"", "abc", "abcd", "a much longer key"}) {
+    host->SetPairingKey(key);
+  }
+  EXPECT_THAT(log_.Lines(),
+              ElementsAre("DEBUG: void tavlo::AgentHost::SetPairingKey: Updated: ''",
+                          "DEBUG: void tavlo::AgentHost::SetPairingKey: Updated: 'abc'",
+                          "DEBUG: void tavlo::AgentHost::SetPairingKey: Updated: 'abc...'",
+                          "DEBUG: void tavlo::AgentHost::SetPairingKey: Updated: 'a m...'"));
+}
+
+TEST_F(AgentHostTest, ARequestWhoseHandlingThrowsIsAnsweredAndTheCauseLogged) {
+  RunHost(false);
+  const Fault fault("evhttp_request_get_uri", 0);
+  const std::string answer = Get("/api/version");
+  EXPECT_THAT(answer, StartsWith("HTTP/1.1 500 Internal error\r\n"));
+  EXPECT_THAT(log_.Messages(),
+              Contains(AllOf(StartsWith("ERROR: static void tavlo::AgentHost::OnRequest: "),
+                             HasSubstr("Unexpected failure: basic_string"))));
+}
+
+class AgentHostForwardFailure : public AgentHostTest,
+                                public testing::WithParamInterface<const char*> {};
+
+TEST_P(AgentHostForwardFailure, IsAnsweredAndLogged) {
+  RunHost(false);
+  const test::Connection client("127.0.0.1", port_);
+  WaitForAccept();
+  const Fault fault(GetParam(), ENOMEM, 0, 1);
+  EXPECT_THAT(client.Exchange("GET /api/version HTTP/1.1\r\n\r\n"),
+              StartsWith("HTTP/1.1 500 Cannot forward the http request to the server\r\n"));
+  EXPECT_THAT(log_.Lines(), Contains("ERROR: void tavlo::AgentHost::DispatchRequest: Failed in "
+                                     "forwarding the http req to SDK REST host"));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, AgentHostForwardFailure,
+                         testing::Values("evhttp_request_new", "evhttp_make_request"),
+                         [](const auto& suite) { return std::string(suite.param); });
+
+class AgentHostTlsFailure : public AgentHostTest,
+                            public testing::WithParamInterface<const char*> {};
+
+TEST_P(AgentHostTlsFailure, IsLoggedAndTheConnectionServedWithoutTls) {
+  const std::string make =
+      "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
+      "-subj /CN=router -keyout " +
+      (directory_ / "mirel.key") + " -out " + (directory_ / "mirel.crt") + " 2>/dev/null";
+  ASSERT_EQ(std::system(make.c_str()), 0);
+  RunHost(true);
+  const Fault fault(GetParam(), ENOMEM);
+  EXPECT_THAT(Get("/elsewhere"), StartsWith("HTTP/1.1 404 "));
+  EXPECT_THAT(log_.Lines(), Contains("ERROR: bufferevent* tavlo::AgentHost::SslConnect: Failed to "
+                                     "create openssl socket"));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, AgentHostTlsFailure,
+                         testing::Values("SSL_new", "bufferevent_openssl_socket_new"),
+                         [](const auto& suite) { return std::string(suite.param); });
+
+TEST_F(AgentHostTest, AMacThatCannotBePutIntoABufferIsAnInternalErrorWithoutALogLine) {
+  directory_.Write("devices.json", R"({"devices":[{"ip":["127.0.0.1"],"mac":"00:11"}]})");
+  RunHost(false);
+  const test::Connection client("127.0.0.1", port_);
+  WaitForAccept();
+  const Fault fault("evbuffer_new", ENOMEM, 0, 1);
+  EXPECT_THAT(client.Exchange("GET /api/mac HTTP/1.1\r\n\r\n"),
+              StartsWith("HTTP/1.1 500 Internal error\r\n"));
+  EXPECT_THAT(log_.Messages(), Not(Contains(HasSubstr("ApiGetMac"))));
+}
+
+// The kernel refuses this address at once, so that libevent's reply callback runs within the call
+// that starts the request.
+TEST_F(AgentHostTest, ADestinationThatFailsAtOnceIsAnsweredOnce) {
+  dstAddr_ = "255.255.255.255";
+  RunHost(false);
+  EXPECT_THAT(Get("/api/version"), StartsWith("HTTP/1.1 500 Timeout in forwarding request\r\n"));
+  EXPECT_THAT(Get("/api/version"), StartsWith("HTTP/1.1 500 Timeout in forwarding request\r\n"));
+}
+
+TEST_F(AgentHostTest, LibeventsWarningsGoToTheDebugLog) {
+  tavlo::AgentHost& host = RunHost(false);
+  Get("/elsewhere");
+  host.Run();  // the second time at once, which libevent refuses with a warning
+  EXPECT_THAT(log_.Lines(),
+              Contains(StartsWith("DEBUG: libevent: event_base_loop: reentrant invocation")));
+}
+
+}  // namespace

@@ -1,0 +1,103 @@
+#include "app/start_up.h"
+
+#include <cerrno>
+#include <fstream>
+#include <sstream>
+
+#include "app/daemon_fixture.h"
+
+namespace {
+
+using test::Fault;
+using test::RunInChild;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::StartsWith;
+
+using StartUp = test::DaemonFixture;
+
+// A signal mask of this process, as the kernel shows it.
+unsigned long long SignalMask(const std::string& name) {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind(name + ":", 0) == 0) {
+      return std::stoull(line.substr(name.size() + 1), nullptr, 16);
+    }
+  }
+  return 0;
+}
+
+constexpr unsigned long long Bit(int signal) {
+  return 1ULL << (signal - 1);
+}
+
+TEST_F(StartUp, BlocksItsThreeSignalsAndIgnoresSigpipe) {
+  const unsigned long long before = SignalMask("SigBlk");
+  ASSERT_TRUE(Init(configPath_));
+  EXPECT_EQ(SignalMask("SigBlk"), before | Bit(SIGHUP) | Bit(SIGINT) | Bit(SIGTERM));
+  EXPECT_NE(SignalMask("SigIgn") & Bit(SIGPIPE), 0U);
+  sigset_t& signals = tavlo::TheProcess().signals;
+  EXPECT_TRUE(sigismember(&signals, SIGHUP) == 1 && sigismember(&signals, SIGINT) == 1 &&
+              sigismember(&signals, SIGTERM) == 1 && sigismember(&signals, SIGUSR1) == 0);
+}
+
+TEST_F(StartUp, MakesBothHosts) {
+  ASSERT_TRUE(Init(configPath_));
+  EXPECT_NE(tavlo::TheProcess().httpHost, nullptr);
+  EXPECT_NE(tavlo::TheProcess().httpsHost, nullptr);
+  EXPECT_EQ(log_.Lines().front(), "DEBUG: bool Init: Enter");
+  EXPECT_EQ(log_.Lines().back(), "DEBUG: bool Init: Leave");
+}
+
+TEST_F(StartUp, ASecondInitReplacesTheFirstOnesObjects) {
+  ASSERT_TRUE(Init(configPath_));
+  tavlo::TheProcess().httpHost.reset();
+  tavlo::TheProcess().httpsHost.reset();
+  EXPECT_TRUE(Init(configPath_));
+}
+
+TEST_F(StartUp, FailsWhenSignalsCannotBeBlocked) {
+  const Fault fault("pthread_sigmask", EINVAL);
+  EXPECT_FALSE(Init(configPath_));
+  EXPECT_THAT(log_.Lines(), ElementsAre("DEBUG: bool Init: Enter",
+                                        "ERROR: bool Init: pthread_sigmask failed as 22",
+                                        "DEBUG: bool Init: Leave"));
+}
+
+TEST_F(StartUp, FailsWhenSigpipeCannotBeIgnored) {
+  const Fault fault("signal", EINVAL);
+  EXPECT_FALSE(Init(configPath_));
+  EXPECT_THAT(log_.Messages(), ElementsAre("ERROR: bool Init: Failed to ignore SIGPIPE"));
+}
+
+TEST_F(StartUp, FailsWhenLibeventCannotBeSetUpForThreads) {
+  const Fault fault("evthread_use_pthreads", EINVAL);
+  EXPECT_FALSE(Init(configPath_));
+  EXPECT_THAT(log_.Messages(), ElementsAre("ERROR: bool Init: Failed to configure evthreads"));
+}
+
+TEST_F(StartUp, FailsWithAConfigurationThatDoesNotParse) {
+  const std::string path = directory_.Write("broken.json", "{");
+  EXPECT_FALSE(Init(path));
+  EXPECT_THAT(log_.Messages(),
+              ElementsAre("ERROR: virtual bool tavlo::AppSettings::LoadConfigFile: Failed to parse "
+                          "config file " +
+                              path,
+                          "ERROR: bool Init: Failed to read config file from: " + path));
+}
+
+TEST_F(StartUp, FailsWhenAHostCannotBeMade) {
+  const Fault fault("evhttp_new", ENOMEM);
+  EXPECT_FALSE(Init(configPath_));
+  EXPECT_THAT(log_.Messages(), Contains("ERROR: bool Init: Failed to create AgentHost: Failed to "
+                                        "init evhttp errno 12"));
+}
+
+TEST_F(StartUp, AnEmptyPathLeavesTheSettingsAndReadsNothing) {
+  tavlo::AppSettings settings;
+  EXPECT_TRUE(LoadAppSettings("", &settings));
+  EXPECT_EQ(settings.AgentDstPort(), 60277);
+  EXPECT_THAT(log_.Lines(), ElementsAre());
+}
+
+}  // namespace

@@ -1,0 +1,89 @@
+#include "app/thread_monitor.h"
+
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Orx::MonotonicTime;
+using Orx::ThreadMonitor;
+using std::chrono::nanoseconds;
+using std::chrono::seconds;
+
+const MonotonicTime kStart = MonotonicTime() + std::chrono::hours(1);
+
+TEST(ThreadMonitor, WithoutThreadsNoneIsSilent) {
+  ThreadMonitor monitor;
+  EXPECT_EQ(monitor.FindSilentThread(kStart), 0U);
+}
+
+TEST(ThreadMonitor, AThreadIsSilentOneNanosecondAfterItsInterval) {
+  ThreadMonitor monitor;
+  monitor.Register(7, {"worker", seconds(60), kStart});
+  EXPECT_EQ(monitor.FindSilentThread(kStart + seconds(60)), 0U);
+  EXPECT_EQ(monitor.FindSilentThread(kStart + seconds(60) + nanoseconds(1)), 7U);
+}
+
+TEST(ThreadMonitor, ReportsTheSilentThreadWithTheLowestIdentity) {
+  ThreadMonitor monitor;
+  for (const Orx::ThreadIdentity identity : {9U, 5U, 1U}) {
+    monitor.Register(identity, {"worker", seconds(60), kStart});
+  }
+  monitor.Beat(1, kStart + seconds(61));
+  EXPECT_EQ(monitor.FindSilentThread(kStart + seconds(61)), 5U);
+}
+
+TEST(ThreadMonitor, IdentitiesAreOrderedAsUnsignedNumbers) {
+  ThreadMonitor monitor;
+  const auto high = static_cast<Orx::ThreadIdentity>(-1);
+  monitor.Register(high, {"high", seconds(1), kStart});
+  monitor.Register(2, {"low", seconds(1), kStart});
+  EXPECT_EQ(monitor.FindSilentThread(kStart + seconds(2)), 2U);
+}
+
+TEST(ThreadMonitor, ABeatKeepsAThreadAlive) {
+  ThreadMonitor monitor;
+  monitor.Register(7, {"worker", seconds(60), kStart});
+  monitor.Beat(7, kStart + seconds(30));
+  EXPECT_EQ(monitor.FindSilentThread(kStart + seconds(90)), 0U);
+  EXPECT_EQ(monitor.Silence(7, kStart + seconds(90)), seconds(60));
+}
+
+TEST(ThreadMonitor, ASecondRegistrationKeepsTheFirstRecord) {
+  ThreadMonitor monitor;
+  monitor.Register(7, {"first", seconds(60), kStart});
+  monitor.Register(7, {"second", seconds(1), kStart + seconds(5)});
+  EXPECT_EQ(monitor.Name(7), "first");
+  EXPECT_EQ(monitor.Silence(7, kStart + seconds(10)), seconds(10));
+}
+
+TEST(ThreadMonitor, AThreadThatUnregisteredIsNotReported) {
+  ThreadMonitor monitor;
+  monitor.Register(7, {"worker", seconds(60), kStart});
+  monitor.Unregister(7);
+  monitor.Unregister(8);
+  EXPECT_EQ(monitor.FindSilentThread(kStart + seconds(600)), 0U);
+  EXPECT_EQ(monitor.Name(7), "");
+  EXPECT_EQ(monitor.Silence(7, kStart + seconds(600)), nanoseconds(0));
+}
+
+TEST(ThreadMonitor, ABeatOfAnUnknownThreadChangesNothing) {
+  ThreadMonitor monitor;
+  monitor.Beat(7, kStart);
+  EXPECT_EQ(monitor.FindSilentThread(kStart + seconds(600)), 0U);
+  EXPECT_EQ(monitor.Name(7), "");
+}
+
+TEST(ThreadHeartbeat, CountsForTheCallingThreadOnly) {
+  ThreadMonitor& monitor = Orx::TheThreadMonitor();
+  const MonotonicTime before = std::chrono::steady_clock::now() - seconds(10);
+  const Orx::ThreadIdentity self = Orx::CurrentThreadIdentity();
+  monitor.Register(self, {"main", seconds(60), before});
+  std::thread(OnThreadHeartbeat).join();
+  EXPECT_EQ(monitor.Silence(self, before), nanoseconds(0));
+  OnThreadHeartbeat();
+  EXPECT_LE(monitor.Silence(self, before), -seconds(10));
+}
+
+}  // namespace

@@ -1,0 +1,68 @@
+#include "util/descriptor.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include "support/faults.h"
+
+namespace {
+
+int OpenSomething() {
+  return ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+bool IsOpen(int fd) {
+  return ::fcntl(fd, F_GETFD) != -1;
+}
+
+TEST(Descriptor, OwnsNoneByDefault) {
+  stdext::descriptor owner;
+  EXPECT_EQ(owner.get(), -1);
+  EXPECT_FALSE(owner.is_open());
+  EXPECT_TRUE(owner.close());
+}
+
+TEST(Descriptor, ClosesWhatItOwnsAtTheEndOfItsLife) {
+  const int fd = OpenSomething();
+  {
+    const stdext::descriptor owner(fd);
+    EXPECT_EQ(owner.get(), fd);
+    EXPECT_TRUE(owner.is_open());
+    EXPECT_TRUE(IsOpen(fd));
+  }
+  EXPECT_FALSE(IsOpen(fd));
+}
+
+TEST(Descriptor, ClosesWhatItOwnedBeforeWhenItTakesOverAnother) {
+  const int first = OpenSomething();
+  const int second = OpenSomething();
+  stdext::descriptor owner(first);
+  owner.reset(second);
+  EXPECT_FALSE(IsOpen(first));
+  EXPECT_TRUE(IsOpen(second));
+  EXPECT_EQ(owner.get(), second);
+}
+
+TEST(Descriptor, ClosesOnceWhenAskedTo) {
+  const int fd = OpenSomething();
+  stdext::descriptor owner(fd);
+  EXPECT_TRUE(owner.close());
+  EXPECT_FALSE(IsOpen(fd));
+  EXPECT_FALSE(owner.is_open());
+
+  const test::Fault close("close", EIO, 0, 0);
+  EXPECT_TRUE(owner.close());
+  EXPECT_EQ(close.Calls(), 0);
+}
+
+TEST(Descriptor, ReportsAnErrorOfClosingAndIsClosedNevertheless) {
+  stdext::descriptor owner(OpenSomething());
+  const test::Fault fault("close", EIO);
+  EXPECT_FALSE(owner.close());
+  EXPECT_EQ(errno, EIO);
+  EXPECT_FALSE(owner.is_open());
+}
+
+}  // namespace
