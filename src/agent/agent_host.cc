@@ -106,6 +106,11 @@ void AgentHost::InitServer() {
   }
   evcon_.reset(evcon, evhttp_connection_free);
   evhttp_connection_set_timeout(evcon, kHttpTimeoutSecs);
+  // A socket that libevent binds before it connects is close-on-exec from its first moment; any
+  // other one is not, and hook scripts would inherit it.
+  const bool isIpv6 = dstAddr_.find(':') != std::string::npos;
+  evhttp_connection_set_family(evcon, isIpv6 ? AF_INET6 : AF_INET);
+  evhttp_connection_set_local_address(evcon, isIpv6 ? "::" : "0.0.0.0");
 
   evhttp_set_gencb(http, OnRequest, this);
 }

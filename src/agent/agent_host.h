@@ -39,7 +39,8 @@ constexpr const char* kInternalError = "Internal error";
 /// way to stop a running host: the process ends under it.
 class AgentHost {
  public:
-  /// Binds 127.0.0.1:`listenPort` at once. `invoker` is not owned and outlives the host.
+  /// Binds 127.0.0.1:`listenPort` at once. `invoker` is not owned and outlives the host; it is used
+  /// when `agentDataPath`, the file that hands a request's body to the scripts, is not empty.
   /// `agentDirectory` (no trailing slash) holds mirel.crt and mirel.key, which are read when the
   /// first TLS connection comes. `heartbeat` is called on the loop thread every 30 seconds. Throws
   /// std::runtime_error, with the cause, when anything cannot be set up.
@@ -85,6 +86,9 @@ class AgentHost {
   bool ApiRequestSupported(const std::string& uri, evhttp_cmd_type method);
   bool CheckEndpoint(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
   bool CheckPairingKey(evhttp_request* req);
+  bool OfferToHook(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
+  bool CallHook(const std::string& uri, evhttp_cmd_type method, const std::string& data,
+                bool* terminated);
   void Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
   static void RelayReply(evhttp_request* reply, evhttp_request* client);
   void ApiGetMac(evhttp_request* req);

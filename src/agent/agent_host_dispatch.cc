@@ -84,6 +84,9 @@ void AgentHost::DispatchRequest(evhttp_request* req) {
     evhttp_send_error(req, HTTP_BADREQUEST, "Request data too long");
     return;
   }
+  if (!agentDataPath_.empty() && !OfferToHook(req, uri, method)) {
+    return;
+  }
   Forward(req, uri, method);
 }
 

@@ -20,6 +20,16 @@ constexpr unsigned long kMaxDeviceListSize = 1048576;
 constexpr const char* kGetJsonFromFile =
     "bool tavlo::{anonymous}::GetJsonFromFile(const std::string&, rapidjson::Document*)";
 
+// The iterative parser calls a text empty that only begins with what cannot begin a value; here
+// that has the name, "Invalid value.", that the library's default parser gives it.
+rapidjson::ParseErrorCode ErrorCode(const rapidjson::Document& doc, const std::string& text) {
+  const size_t offset = doc.GetErrorOffset();
+  const bool hasText = offset < text.size() && text[offset] != '\0';
+  return doc.GetParseError() == rapidjson::kParseErrorDocumentEmpty && hasText
+             ? rapidjson::kParseErrorValueInvalid
+             : doc.GetParseError();
+}
+
 bool GetJsonFromFile(const std::string& path, rapidjson::Document* doc) {
   const stdext::file file(path);
   std::string text;
@@ -32,7 +42,7 @@ bool GetJsonFromFile(const std::string& path, rapidjson::Document* doc) {
   // Iterative: the recursive parser overflows the stack on a file of nothing but brackets.
   doc->Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
   if (doc->HasParseError()) {
-    const std::string error = std::string(rapidjson::GetParseError_En(doc->GetParseError())) +
+    const std::string error = std::string(rapidjson::GetParseError_En(ErrorCode(*doc, text))) +
                               ", offset :" + std::to_string(doc->GetErrorOffset());
     Orx::Log::Message2(Orx::Log::kError, kGetJsonFromFile, "File can not be parsed as json: %s: %s",
                        path.c_str(), error.c_str());

@@ -5,9 +5,11 @@
 #include "app/command_line.h"
 #include "app/run_loop.h"
 #include "app/start_up.h"
+#include "util/descriptor.h"
 #include "util/log.h"
 
 int main(int argc, char** argv) {
+  stdext::open_missing_standard_descriptors();
   const std::optional<tavlo::Options> options = tavlo::ParseCommandLine(argc, argv);
   if (!options) {
     return EXIT_FAILURE;

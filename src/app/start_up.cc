@@ -32,9 +32,10 @@ bool BlockSignals(sigset_t* signals) {
   return error == 0;
 }
 
-std::unique_ptr<AgentHost> MakeHost(const AppSettings& settings, bool secure) {
+std::unique_ptr<AgentHost> MakeHost(const ProcessObjects& process, bool secure) {
+  const AppSettings& settings = *process.settings;
   return std::make_unique<AgentHost>(
-      nullptr, secure, settings.AgentDataPath(), settings.AgentDirectory(),
+      process.hookInvoker.get(), secure, settings.AgentDataPath(), settings.AgentDirectory(),
       settings.DeviceDiscoveryPath(), secure ? settings.AgentHttpsPort() : settings.AgentHttpPort(),
       settings.AgentDstAddr(), settings.AgentDstPort(), settings.AgentPrefix(), OnThreadHeartbeat);
 }
@@ -70,13 +71,11 @@ bool Init(const std::string& configPath) {
     ORX_LOG(Orx::Log::kError, "agentUser is not supported yet");
     return false;
   }
-  if (!process.settings->AgentDataPath().empty()) {
-    ORX_LOG(Orx::Log::kError, "agentDataPath is not supported yet");
-    return false;
-  }
+  process.hookInvoker = std::make_unique<Orx::HookInvoker>(
+      process.settings->InternalHooksDirectory(), process.settings->ExternalHooksDirectory());
   try {
-    process.httpHost = MakeHost(*process.settings, false);
-    process.httpsHost = MakeHost(*process.settings, true);
+    process.httpHost = MakeHost(process, false);
+    process.httpsHost = MakeHost(process, true);
   } catch (const std::exception& error) {
     ORX_LOG(Orx::Log::kError, "Failed to create AgentHost: %s", error.what());
     return false;

@@ -6,6 +6,7 @@
 #include <signal.h>
 
 #include "agent/agent_host.h"
+#include "hooks/hook_invoker.h"
 #include "settings/app_settings.h"
 
 namespace tavlo {
@@ -15,6 +16,7 @@ namespace tavlo {
 struct ProcessObjects {
   sigset_t signals;  ///< what the run loop waits for, blocked everywhere else
   std::unique_ptr<AppSettings> settings;
+  std::unique_ptr<Orx::HookInvoker> hookInvoker;
   std::unique_ptr<AgentHost> httpHost;
   std::unique_ptr<AgentHost> httpsHost;
 };

@@ -1,5 +1,6 @@
 #include "util/descriptor.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace stdext {
@@ -16,6 +17,16 @@ bool descriptor::close() {
   const int result = ::close(fd_);
   fd_ = -1;
   return result == 0;
+}
+
+void open_missing_standard_descriptors() {
+  int fd = -1;
+  do {
+    fd = ::open("/dev/null", O_RDWR);  // takes the lowest number that is free
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) {
+    ::close(fd);
+  }
 }
 
 }  // namespace stdext

@@ -25,4 +25,8 @@ class descriptor {
   int fd_;
 };
 
+/// Opens /dev/null in place of standard input, output and error where they are closed. Otherwise
+/// the next socket would take the place, and be sent what is meant for the console.
+void open_missing_standard_descriptors();
+
 }  // namespace stdext

@@ -1,5 +1,7 @@
 #include "util/log.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -18,18 +20,24 @@ namespace Orx::Log {
 
 namespace {
 
+// Nothing here allocates: an error is logged when memory has run out too.
+
+// One more for the line feed, and one for the NUL behind it.
+using Line = char[kMaxLineLength + 2];
+
 // Empty when the clock cannot be read.
-std::string TimeText() {
+using TimeText = std::array<char, 48>;
+
+TimeText CurrentTime() {
+  TimeText text = {};
   timeval now = {};
   tm utc = {};
-  if (::gettimeofday(&now, nullptr) != 0 || ::gmtime_r(&now.tv_sec, &utc) == nullptr) {
-    return {};
+  if (::gettimeofday(&now, nullptr) == 0 && ::gmtime_r(&now.tv_sec, &utc) != nullptr) {
+    const size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S.", &utc);
+    std::snprintf(text.data() + length, text.size() - length, "%.3ld ",
+                  static_cast<long>(now.tv_usec / 1000));
   }
-  char date[32] = {};
-  char milliseconds[32] = {};
-  std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S.", &utc);
-  std::snprintf(milliseconds, sizeof milliseconds, "%.3ld ", static_cast<long>(now.tv_usec / 1000));
-  return std::string(date) + milliseconds;
+  return text;
 }
 
 const char* LevelPrefix(int level) {
@@ -45,27 +53,30 @@ const char* LevelPrefix(int level) {
   }
 }
 
-std::string LinePrefix(int level, const char* function) {
-  std::string prefix = TimeText() + Detail::LogPidTid() + LevelPrefix(level);
-  if (*function != '\0') {
-    prefix.append(function, std::strcspn(function, "("));
-    prefix += ": ";
-  }
-  return prefix;
+// Writes what stands before the message; returns its length.
+size_t FormatPrefix(Line& line, int level, const char* function) {
+  const auto nameLength = static_cast<int>(std::strcspn(function, "("));
+  const int length = std::snprintf(line, kMaxLineLength + 1, "%s%s%s%.*s%s", CurrentTime().data(),
+                                   Detail::LogPidTid().data(), LevelPrefix(level), nameLength,
+                                   function, *function != '\0' ? ": " : "");
+  return std::min(static_cast<size_t>(length), kMaxLineLength);
 }
 
 // Console and file get the line and its line feed in one piece, so that lines of several processes
 // do not mix either.
-void Emit(int level, const char* line) {
-  const std::string whole = std::string(line) + '\n';
+void Emit(int level, Line& line) {
+  const size_t length = std::strlen(line);
   if (Detail::ConsoleLogEnabled()) {
-    std::clog << whole << std::flush;
+    line[length] = '\n';
+    std::clog.write(line, static_cast<std::streamsize>(length + 1)).flush();
   }
   if (Detail::SysLogEnabled()) {
+    line[length] = '\0';
     ::syslog(level, "%s", line);
   }
   if (Detail::FileLogEnabled() && Detail::LogFile().IsGood()) {
-    Detail::LogFile().Write(whole.data(), whole.size());
+    line[length] = '\n';
+    Detail::LogFile().Write(line, length + 1);
   }
 }
 
@@ -145,10 +156,11 @@ std::mutex& Mutex() {
   return mutex;
 }
 
-std::string LogPidTid() {
+PidTidText LogPidTid() {
   static const auto pid = static_cast<unsigned long>(::getpid());
-  char text[2 * sizeof(unsigned long) * 2 + sizeof "[.] "] = {};
-  std::snprintf(text, sizeof text, "[%lx.%lx] ", pid, static_cast<unsigned long>(::pthread_self()));
+  PidTidText text = {};
+  std::snprintf(text.data(), text.size(), "[%lx.%lx] ", pid,
+                static_cast<unsigned long>(::pthread_self()));
   return text;
 }
 
@@ -177,12 +189,11 @@ void Message2(int level, const char* function, const char* format, ...) {
     return;
   }
   const std::lock_guard<std::mutex> lock(Detail::Mutex());
-  char line[kMaxLineLength + 1] = {};
-  const std::string prefix = LinePrefix(level, function);
-  const size_t prefixLength = prefix.copy(line, kMaxLineLength);
+  Line line = {};
+  const size_t prefixLength = FormatPrefix(line, level, function);
   va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(line + prefixLength, sizeof line - prefixLength, format, arguments);
+  std::vsnprintf(line + prefixLength, kMaxLineLength + 1 - prefixLength, format, arguments);
   va_end(arguments);
   Emit(level, line);
 }

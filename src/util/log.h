@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <mutex>
 #include <string>
 
@@ -81,8 +82,9 @@ const std::string& FilePath(const std::string& initial = std::string());
 LogFileStream& LogFile();
 std::mutex& Mutex();
 
-/// The process and thread part of a line: "[4d2.7f9c5a01c0] ".
-std::string LogPidTid();
+/// The process and thread part of a line, with its NUL: "[4d2.7f9c5a01c0] ".
+using PidTidText = std::array<char, 40>;
+PidTidText LogPidTid();
 
 }  // namespace Detail
 

@@ -2,22 +2,16 @@
 
 #include <cerrno>
 #include <ostream>
-#include <stdexcept>
 #include <thread>
 
-#include <event2/thread.h>
-#include <gmock/gmock.h>
-
-#include "agent/libevent_log.h"
+#include "agent/host_fixture.h"
 #include "support/faults.h"
-#include "support/log_capture.h"
-#include "support/socket.h"
-#include "support/temporary_directory.h"
 #include "support/wait.h"
 
 namespace {
 
 using test::Fault;
+using AgentHostTest = test::HostFixture;
 using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
@@ -25,54 +19,6 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
-
-class AgentHostTest : public testing::Test {
- protected:
-  AgentHostTest() {
-    evthread_use_pthreads();
-    tavlo::RouteLibeventLog();
-  }
-
-  std::unique_ptr<tavlo::AgentHost> MakeHost(bool secure) {
-    return std::make_unique<tavlo::AgentHost>(nullptr, secure, "", directory_.Path(),
-                                              directory_ / "devices.json", port_, dstAddr_,
-                                              test::FreePort(), "", [] {});
-  }
-
-  // The message of the exception that making a host throws; empty when it throws none.
-  std::string FailureToMake(bool secure) {
-    try {
-      MakeHost(secure);
-    } catch (const std::runtime_error& error) {
-      return error.what();
-    }
-    return {};
-  }
-
-  // A host on a thread of its own. Neither can be stopped, so both stay until the process ends.
-  tavlo::AgentHost& RunHost(bool secure) {
-    static tavlo::AgentHost* const host = MakeHost(secure).release();
-    std::thread([] { host->Run(); }).detach();
-    return *host;
-  }
-
-  std::string Get(const std::string& uri) const {
-    return test::Exchange("127.0.0.1", port_, "GET " + uri + " HTTP/1.1\r\nHost: x\r\n\r\n");
-  }
-
-  // The connections made before this have been accepted, with all that libevent allocates for them.
-  // An answer that ends its connection, such as this one, makes it allocate nothing more.
-  void WaitForAccept() const { EXPECT_THAT(Get("/elsewhere"), StartsWith("HTTP/1.1 404 ")); }
-
-  bool LogHas(const std::string& line) const {
-    return testing::Value(log_.Lines(), Contains(line));
-  }
-
-  test::LogCapture log_;
-  test::TemporaryDirectory directory_;
-  const uint16_t port_ = test::FreePort();
-  std::string dstAddr_ = "127.0.0.1";
-};
 
 TEST_F(AgentHostTest, KnowsTheNamesOfAllNineMethods) {
   const std::map<evhttp_cmd_type, std::string> expected = {

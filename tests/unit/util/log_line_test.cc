@@ -202,7 +202,7 @@ TEST(LogLine, GoesOnNamingTheProcessThatLoggedFirst) {
 }
 
 TEST(LogLine, ProcessAndThreadAreAvailableOnTheirOwn) {
-  EXPECT_EQ(Orx::Log::Detail::LogPidTid(), ThisProcessAndThread());
+  EXPECT_EQ(std::string(Orx::Log::Detail::LogPidTid().data()), ThisProcessAndThread());
 }
 
 struct LevelPrefix {

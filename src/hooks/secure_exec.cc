@@ -1,0 +1,387 @@
+#include "hooks/secure_exec.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "hooks/raii_pipe.h"
+#include "hooks/subprocess_timeout.h"
+#include "util/error_text.h"
+#include "util/log.h"
+#include "util/retry.h"
+
+namespace Orx {
+
+namespace {
+
+constexpr size_t kReadSize = 1024;
+constexpr size_t kMaxPartialLine = 1024;
+
+// The lines of all steps carry the name of the one operation.
+constexpr const char* kSecureExec =
+    "int Orx::SecureExec(const char*, const std::vector<const char*>&, const std::string&, "
+    "std::string*, ssize_t, unsigned int)";
+
+constexpr const char* kSavedPrefix = "MIREL_ORIGINAL_";
+
+void LogErrno(const char* what) {
+  Log::Message2(Log::kError, kSecureExec, "%s: %s", what, stdext::strerror(errno).c_str());
+}
+
+struct Pipes {
+  RaiiPipe in;
+  RaiiPipe out;
+  RaiiPipe err;
+
+  bool Open() { return in.OpenPipe() == 0 && out.OpenPipe() == 0 && err.OpenPipe() == 0; }
+};
+
+bool BeginsWith(const char* text, const char* start) {
+  return std::strncmp(text, start, std::strlen(start)) == 0;
+}
+
+// The child's environment, made before the fork: between fork and exec nothing may allocate.
+class ChildEnvironment {
+ public:
+  ChildEnvironment() {
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+      if (!BeginsWith(*entry, kSavedPrefix) && !BeginsWith(*entry, "LD_PRELOAD=") &&
+          !BeginsWith(*entry, "LD_LIBRARY_PATH=")) {
+        entries_.push_back(*entry);
+      }
+    }
+    Restore("LD_LIBRARY_PATH");
+    Restore("LD_PRELOAD");
+    for (std::string& entry : restored_) {
+      entries_.push_back(entry.data());
+    }
+    entries_.push_back(nullptr);
+  }
+
+  char* const* Get() const { return entries_.data(); }
+
+ private:
+  // What started the daemon with loader variables of its own kept the system's under other names.
+  void Restore(const std::string& name) {
+    const char* const saved = std::getenv((kSavedPrefix + name).c_str());
+    if (saved != nullptr) {
+      restored_.push_back(name + "=" + saved);
+    }
+  }
+
+  std::vector<char*> entries_;
+  std::vector<std::string> restored_;
+};
+
+std::vector<char*> ArgumentVector(const char* path, const std::vector<const char*>& args) {
+  std::vector<char*> argv;
+  argv.reserve(args.size() + 2);
+  argv.push_back(const_cast<char*>(path));
+  for (const char* argument : args) {
+    argv.push_back(const_cast<char*>(argument));
+  }
+  argv.push_back(nullptr);
+  return argv;
+}
+
+// Children whose watchdog could not be started. Nobody waits for them or signals them; each is
+// reaped by a later call, once it has ended, so that none stays a zombie.
+class AbandonedChildren {
+ public:
+  void Add(pid_t pid) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    pids_.push_back(pid);
+  }
+
+  void Reap() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    pids_.erase(std::remove_if(pids_.begin(), pids_.end(),
+                               [](pid_t pid) { return ::waitpid(pid, nullptr, WNOHANG) != 0; }),
+                pids_.end());
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<pid_t> pids_;
+};
+
+AbandonedChildren& TheAbandonedChildren() {
+  static AbandonedChildren children;
+  return children;
+}
+
+// In the child, from here to exec: async-signal-safe calls only.
+
+// A pipe end may have got one of the numbers 0 to 2, when the daemon was started without them; it
+// must make way for the copies, and a copy onto itself would stay close-on-exec.
+int MoveAboveStandard(int fd) {
+  return fd > STDERR_FILENO ? fd : ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+}
+
+bool Install(int fd, int standardFd) {
+  return stdext::retry_on_interrupt([=] { return ::dup2(fd, standardFd); }) != -1;
+}
+
+[[noreturn]] void RunChild(Pipes& pipes, const char* path, char* const* argv, char* const* envp) {
+  pipes.in.CloseWriteFd();
+  pipes.out.CloseReadFd();
+  pipes.err.CloseReadFd();
+  const int in = MoveAboveStandard(pipes.in.readFd);
+  const int out = MoveAboveStandard(pipes.out.writeFd);
+  const int err = MoveAboveStandard(pipes.err.writeFd);
+  if (Install(in, STDIN_FILENO) && Install(out, STDOUT_FILENO) && Install(err, STDERR_FILENO)) {
+    ::execvpe(path, argv, envp);
+  }
+  ::_exit(1);
+}
+
+// The watchdog on its thread, which ends with this object.
+class Watchdog {
+ public:
+  Watchdog(pid_t pid, unsigned int timeoutSecs)
+      : timeout_(pid, timeoutSecs), thread_(&SubprocessTimeout::Run, &timeout_) {}
+  ~Watchdog() { Stop(); }
+  Watchdog(const Watchdog&) = delete;
+  Watchdog& operator=(const Watchdog&) = delete;
+
+  void Stop() {
+    if (!thread_.joinable()) {
+      return;
+    }
+    {
+      const std::lock_guard<std::mutex> lock(timeout_.mutex);
+      timeout_.finished = true;
+    }
+    timeout_.cond.notify_all();
+    thread_.join();
+  }
+
+  bool HasFired() {
+    const std::lock_guard<std::mutex> lock(timeout_.mutex);
+    return timeout_.timedOut;
+  }
+
+ private:
+  SubprocessTimeout timeout_;
+  std::thread thread_;
+};
+
+// The parent's side of the three pipes.
+class ChildStreams {
+ public:
+  ChildStreams(Pipes& pipes, pid_t pid, const std::string& input, std::string* output,
+               ssize_t maxOutput)
+      : pipes_(pipes), pid_(pid), input_(input), output_(output), maxOutput_(maxOutput) {
+    pipes_.in.CloseReadFd();
+    pipes_.out.CloseWriteFd();
+    pipes_.err.CloseWriteFd();
+    ::fcntl(pipes_.in.writeFd, F_SETFL, O_NONBLOCK);
+    if (output_ != nullptr) {
+      output_->clear();
+    }
+  }
+
+  // Until all three are closed, or one fails.
+  void Run() {
+    while (pipes_.in.writeFd != -1 || pipes_.out.readFd != -1 || pipes_.err.readFd != -1) {
+      pollfd entries[] = {
+          {pipes_.in.writeFd, POLLOUT, 0},
+          {pipes_.out.readFd, POLLIN, 0},
+          {pipes_.err.readFd, POLLIN, 0},
+      };
+      if (stdext::retry_on_interrupt([&] { return ::poll(entries, 3, -1); }) < 1) {
+        LogErrno("poll failed");
+        failed_ = true;
+        return;
+      }
+      constexpr int kTroubled = POLLERR | POLLHUP;
+      if (((entries[0].revents & (POLLOUT | kTroubled)) != 0 && !WriteInput()) ||
+          ((entries[1].revents & (POLLIN | kTroubled)) != 0 && !ReadOutput()) ||
+          ((entries[2].revents & (POLLIN | kTroubled)) != 0 && !ReadError())) {
+        failed_ = true;
+        return;
+      }
+    }
+  }
+
+  bool HasFailed() const { return failed_; }
+  bool HasOverrun() const { return overrun_; }
+
+ private:
+  // Each step returns false, after a logged error, when the conversation is to end.
+
+  // The end is closed on the first writable event after all input has gone out, through a write of
+  // nothing: that one finds no fault with a child that has closed its end.
+  bool WriteInput() {
+    const size_t remaining = input_.size() - written_;
+    const ssize_t count = ::write(pipes_.in.writeFd, input_.data() + written_, remaining);
+    if (count < 0 && errno != EINTR) {
+      // The wrong name is an old one, which log filters know.
+      LogErrno("stdout write failed");
+      return false;
+    }
+    if (count > 0) {
+      written_ += static_cast<size_t>(count);
+    }
+    if (remaining == 0 && pipes_.in.CloseWriteFd() != 0) {
+      LogErrno("Failed to close stdin write end");
+      failed_ = true;
+    }
+    return true;
+  }
+
+  bool ReadOutput() {
+    const ssize_t count = ::read(pipes_.out.readFd, buffer_, kReadSize);
+    if (count < 0 && errno != EINTR) {
+      // The same text as for standard error, deliberately.
+      LogErrno("stderr read failed");
+      return false;
+    }
+    if (count == 0) {
+      pipes_.out.CloseReadFd();
+    }
+    if (count > 0) {
+      KeepOutput(count);
+    }
+    return true;
+  }
+
+  // What is beyond the limit is dropped, so that the child never blocks on a full pipe.
+  void KeepOutput(ssize_t count) {
+    if (output_ == nullptr || kept_ >= maxOutput_) {
+      return;
+    }
+    const ssize_t fitting = std::min(maxOutput_ - kept_, count);
+    output_->append(buffer_, static_cast<size_t>(fitting));
+    kept_ += fitting;
+    overrun_ = kept_ == maxOutput_;
+  }
+
+  bool ReadError() {
+    const ssize_t count = ::read(pipes_.err.readFd, buffer_, kReadSize);
+    if (count < 0 && errno != EINTR) {
+      LogErrno("stderr read failed");
+      return false;
+    }
+    if (count == 0) {
+      pipes_.err.CloseReadFd();
+    }
+    if (count > 0) {
+      errorLines_.append(buffer_, static_cast<size_t>(count));
+    }
+    SecureExecStderr(errorLines_, pipes_.err.readFd == -1, pid_);
+    return true;
+  }
+
+  Pipes& pipes_;
+  const pid_t pid_;
+  const std::string& input_;
+  std::string* const output_;
+  const ssize_t maxOutput_;
+  size_t written_ = 0;
+  ssize_t kept_ = 0;
+  bool failed_ = false;
+  bool overrun_ = false;
+  std::string errorLines_;
+  char buffer_[kReadSize] = {};
+};
+
+// `ordinal` is for the message only.
+void WaitForExit(pid_t pid, siginfo_t* info, int options, const char* ordinal) {
+  const int result = stdext::retry_on_interrupt(
+      [&] { return ::waitid(P_PID, static_cast<id_t>(pid), info, options); });
+  if (result != 0) {
+    Log::Message2(Log::kError, kSecureExec, "%s waitid pid %d failed: %s", ordinal, pid,
+                  stdext::strerror(errno).c_str());
+  }
+}
+
+// Sees the child to its end; `*reaped` is set once its process number may be somebody else's.
+int SuperviseChild(pid_t pid, Pipes& pipes, const std::string& input, std::string* output,
+                   ssize_t maxOutput, unsigned int timeoutSecs, bool* reaped) {
+  Watchdog watchdog(pid, timeoutSecs);
+  ChildStreams streams(pipes, pid, input, output, maxOutput);
+  streams.Run();
+
+  // The child stays a zombie, and its number its own, until the watchdog can signal no more.
+  siginfo_t info = {};
+  WaitForExit(pid, &info, WEXITED | WNOWAIT, "1st");
+  watchdog.Stop();
+  *reaped = true;
+  WaitForExit(pid, &info, WEXITED, "2nd");
+
+  if (watchdog.HasFired()) {
+    Log::Message2(Log::kError, kSecureExec, "Command timed out, PID %d", pid);
+    return -1;
+  }
+  if (streams.HasFailed()) {
+    return -1;
+  }
+  if (streams.HasOverrun()) {
+    Log::Message2(Log::kError, kSecureExec, "stdout output buffer size %zd overrun, PID %d",
+                  maxOutput, pid);
+    return -1;
+  }
+  if (info.si_code != CLD_EXITED) {
+    Log::Message2(Log::kError, kSecureExec, "Process abnormally exited by signal %d PID %d",
+                  info.si_status, pid);
+    return -1;
+  }
+  return info.si_status;
+}
+
+}  // namespace
+
+int SecureExec(const char* path, const std::vector<const char*>& args, const std::string& input,
+               std::string* output, ssize_t maxOutput, unsigned int timeoutSecs) {
+  TheAbandonedChildren().Reap();
+  Pipes pipes;
+  if (!pipes.Open()) {
+    return -1;
+  }
+  const std::vector<char*> argv = ArgumentVector(path, args);
+  const ChildEnvironment environment;
+  const pid_t pid = ::fork();
+  if (pid == -1) {
+    LogErrno("fork failed");
+    return -1;
+  }
+  if (pid == 0) {
+    RunChild(pipes, path, argv.data(), environment.Get());
+  }
+  bool reaped = false;
+  try {
+    return SuperviseChild(pid, pipes, input, output, maxOutput, timeoutSecs, &reaped);
+  } catch (...) {
+    if (!reaped) {
+      TheAbandonedChildren().Add(pid);
+    }
+    throw;
+  }
+}
+
+void SecureExecStderr(std::string& buffer, bool eof, pid_t pid) {
+  const bool hasLine = buffer.find('\n') != std::string::npos;
+  if (buffer.size() > kMaxPartialLine && !hasLine) {
+    buffer.clear();
+    return;
+  }
+  if (eof && !hasLine && !buffer.empty()) {
+    buffer += '\n';
+  }
+  for (size_t end = buffer.find('\n'); end != std::string::npos; end = buffer.find('\n')) {
+    ORX_LOG(Log::kError, "stderr from pid %d: %s", pid, buffer.substr(0, end).c_str());
+    buffer.erase(0, end + 1);
+  }
+}
+
+}  // namespace Orx

@@ -1,0 +1,31 @@
+#include "hooks/subprocess_timeout.h"
+
+#include <cerrno>
+#include <chrono>
+
+#include <signal.h>
+
+#include "util/error_text.h"
+#include "util/log.h"
+
+namespace Orx {
+
+SubprocessTimeout::SubprocessTimeout(pid_t watchedPid, unsigned int seconds)
+    : pid(watchedPid), timeoutSecs(seconds) {}
+
+void SubprocessTimeout::Run() {
+  ORX_LOG(Log::kDebug, "Running subprocess timeout thread for PID %d (%d secs)", pid,
+          static_cast<int>(timeoutSecs));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSecs);
+  std::unique_lock<std::mutex> lock(mutex);
+  if (cond.wait_until(lock, deadline, [this] { return finished; })) {
+    return;
+  }
+  timedOut = true;
+  ORX_LOG(Log::kDebug, "Exec'd process timeout exceeded. Killing %d", pid);
+  if (::kill(pid, SIGTERM) != 0) {
+    ORX_LOG(Log::kError, "subprocess kill pid %d failed: %s", pid, stdext::strerror(errno).c_str());
+  }
+}
+
+}  // namespace Orx

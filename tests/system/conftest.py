@@ -1,0 +1,94 @@
+"""Fixtures: each test gets a scratch root of its own, free ports, and a daemon that must leave in
+good order."""
+
+import os
+import sys
+import tempfile
+from contextlib import contextmanager
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
+
+from sdk_rest_host import SdkRestHost  # noqa: E402
+from support.daemon import Daemon  # noqa: E402
+from support.scratch_root import ScratchRoot  # noqa: E402
+
+SHOWN_LINES = 40
+
+
+@contextmanager
+def scratch_root():
+    with tempfile.TemporaryDirectory(prefix="tavlo-test-") as directory:
+        yield ScratchRoot(Path(directory))
+
+
+@contextmanager
+def daemons(root):
+    """A function that makes a daemon, not yet started, on `root`. What still runs at the end is
+    stopped, and must have nothing to complain about."""
+    made = []
+
+    def make(**options):
+        made.append(Daemon(root, **options))
+        return made[-1]
+
+    try:
+        yield make
+        for daemon in made:
+            if daemon.process is not None and daemon.process.returncode is None:
+                daemon.stop()
+    finally:
+        for daemon in made:
+            daemon.kill()
+
+
+@pytest.fixture
+def root():
+    with scratch_root() as made:
+        yield made
+
+
+@pytest.fixture
+def make_daemon(root):
+    with daemons(root) as make:
+        yield make
+
+
+@pytest.fixture
+def sdk_host(root):
+    with SdkRestHost(root.destination_port) as host:
+        yield host
+
+
+@pytest.fixture
+def daemon(make_daemon):
+    """A running daemon that logs everything, with nobody at its destination unless the test also
+    asks for `sdk_host`."""
+    return make_daemon().start()
+
+
+@pytest.fixture(scope="module")
+def shared():
+    """For tests that leave no trace: one daemon and one SDK REST host for a whole file."""
+    with scratch_root() as root, SdkRestHost(root.destination_port) as host, \
+            daemons(root) as make:
+        daemon = make().start()
+        daemon.sdk_host = host
+        yield daemon
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item):
+    """Shows the end of the daemon's console beside a failure."""
+    report = (yield).get_result()
+    if not report.failed:
+        return
+    for name in ("root", "shared"):
+        value = item.funcargs.get(name)
+        directory = getattr(getattr(value, "root", value), "directory", None)
+        console = directory / "console" if directory else None
+        if console and console.exists():
+            lines = console.read_text(errors="replace").splitlines()[-SHOWN_LINES:]
+            report.sections.append(("console of the daemon", "\n".join(lines)))

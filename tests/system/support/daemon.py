@@ -1,0 +1,207 @@
+"""The daemon as a process: starting it, reading its log, looking at it from outside, stopping it."""
+
+import ctypes
+import os
+import re
+import signal
+import socket
+import subprocess
+
+from support.waiting import DEFAULT_LIMIT, wait_until
+
+BINARY = os.environ["TAVLO_BINARY"]
+
+# Nothing that a test starts outlives it, even if the test itself is killed.
+DIE_WITH_PARENT = ["setpriv", "--pdeathsig", "KILL"]
+
+LOG_LINE = re.compile(
+    r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \[([0-9a-f]+)\.([0-9a-f]+)\] "
+    r"(ERROR|INFO|DEBUG): (.*?): (.*)$")
+
+# What the main thread logs on its own, whatever a test does.
+MAIN_THREAD_FUNCTIONS = ("void Run", "void UpdatePairingKey", "void UpdateLanAddress",
+                         "void tavlo::AgentHost::BindSrcAddr",
+                         "void tavlo::AgentHost::SetPairingKey")
+
+SANITIZER_REPORT = re.compile(
+    rb"^.*(?:ERROR: \w+Sanitizer|WARNING: ThreadSanitizer|runtime error:|SUMMARY: \w+Sanitizer).*$",
+    re.MULTILINE)
+
+PIDFD_GETFD = 438  # the system call's number, the same on every architecture
+
+
+def run_tavlo(*arguments, **options):
+    """Runs the daemon's program to its end; for command lines that do not start the daemon."""
+    result = subprocess.run([*DIE_WITH_PARENT, BINARY, *map(str, arguments)], capture_output=True,
+                            text=True, timeout=DEFAULT_LIMIT, check=False, **options)
+    assert_no_sanitizer_report(result.stderr.encode())
+    return result
+
+
+def assert_no_sanitizer_report(output):
+    report = SANITIZER_REPORT.search(output)
+    assert report is None, output[report.start():].decode(errors="replace")
+
+
+class Daemon:
+    """One process. `log` is the file given with -f, `console` what it wrote on its terminal."""
+
+    def __init__(self, root, options=("-d",), prefix=()):
+        self.root = root
+        self.log = root.directory / "log"
+        self.console = root.directory / "console"
+        self.options = list(options)
+        self.prefix = list(prefix)
+        self.process = None
+
+    def launch(self, **popen_options):
+        """Starts the process and does not wait for anything."""
+        self.root.write_config()
+        with open(self.console, "wb") as console:
+            popen_options = {"stdin": subprocess.DEVNULL, "stdout": console, "stderr": console,
+                             **popen_options}
+            self.process = subprocess.Popen(
+                [*DIE_WITH_PARENT, *self.prefix, BINARY, *self.options,
+                 "-c", str(self.root.config), "-f", str(self.log)], **popen_options)
+        return self
+
+    def start(self, **popen_options):
+        self.launch(**popen_options)
+        self.wait_for_log("INFO: void Run: tavlo started$")
+        if "-d" in self.options:
+            # The key and the address have been looked at when the first pass ends.
+            self.wait_for_log("DEBUG: void UpdateLanAddress|ERROR: void UpdateLanAddress|"
+                              "DEBUG: void tavlo::AgentHost::BindSrcAddr")
+        return self
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    def is_running(self):
+        return self.process is not None and self.process.poll() is None
+
+    def send_signal(self, number):
+        os.kill(self.pid, number)
+
+    def wait_for_exit(self, limit=DEFAULT_LIMIT):
+        status = self.process.wait(limit)
+        assert_no_sanitizer_report(self.console.read_bytes())
+        return status
+
+    def stop(self):
+        """Ends the daemon as its operator would; it must leave in good order."""
+        assert self.is_running(), f"the daemon has ended with {self.process.returncode}"
+        self.send_signal(signal.SIGTERM)
+        assert self.wait_for_exit() == 0
+
+    def kill(self):
+        if self.is_running():
+            self.process.kill()
+            self.process.wait()
+
+    # --- what it logs ---
+
+    def mark(self):
+        """A place in the log; what is logged from now on comes after it."""
+        return self.log.stat().st_size if self.log.exists() else 0
+
+    def log_text(self, since=0, path=None):
+        path = path or self.log
+        if not path.exists():
+            return ""
+        with open(path, "rb") as file:
+            file.seek(since)
+            return file.read().decode(errors="surrogateescape")
+
+    def wait_for_log(self, pattern, limit=DEFAULT_LIMIT, since=0, path=None, count=1):
+        """Waits until `pattern` was found `count` times in the log, or in the file `path`;
+        returns the matches."""
+        expression = re.compile(pattern, re.MULTILINE)
+
+        def look():
+            found = list(expression.finditer(self.log_text(since, path)))
+            if len(found) >= count:
+                return found
+            # A process that is gone logs no more.
+            assert self.is_running(), (f"ended with {self.process.returncode} before it logged "
+                                       f"{pattern!r}")
+            return None
+
+        return wait_until(look, f"{pattern!r} in the log", limit)
+
+    def count_in_log(self, pattern, since=0):
+        return len(re.findall(pattern, self.log_text(since), re.MULTILINE))
+
+    def messages(self, since=0):
+        """What the listeners have logged, as pairs of level and text. Every line must have the
+        proper form."""
+        found = []
+        for line in self.log_text(since).split("\n")[:-1]:
+            parts = LOG_LINE.match(line)
+            assert parts, f"not a line of the log: {line!r}"
+            if parts[4] not in MAIN_THREAD_FUNCTIONS:
+                found.append((parts[3], parts[5]))
+        return found
+
+    # --- what it looks like from outside ---
+
+    def descriptors(self):
+        return sorted(map(int, os.listdir(f"/proc/{self.pid}/fd")))
+
+    def _status_number(self, field):
+        with open(f"/proc/{self.pid}/status", encoding="ascii") as status:
+            for line in status:
+                if line.startswith(field + ":"):
+                    return int(line.split()[1])
+        raise KeyError(field)
+
+    def threads(self):
+        return self._status_number("Threads")
+
+    def resident_kib(self):
+        return self._status_number("VmRSS")
+
+    def peak_resident_kib(self):
+        return self._status_number("VmHWM")
+
+    def sockets(self):
+        """Pairs of local and remote port of its TCP sockets over IPv4; a remote port of 0 means
+        that the socket listens."""
+        own = set()
+        for descriptor in self.descriptors():
+            try:
+                own.add(os.readlink(f"/proc/{self.pid}/fd/{descriptor}"))
+            except FileNotFoundError:
+                pass  # closed meanwhile
+        found = []
+        with open(f"/proc/{self.pid}/net/tcp", encoding="ascii") as table:
+            for fields in map(str.split, list(table)[1:]):
+                if f"socket:[{fields[9]}]" in own:
+                    found.append(tuple(int(end.split(":")[1], 16) for end in fields[1:3]))
+        return found
+
+    def client_connections(self):
+        listening = (self.root.http_port, self.root.https_port)
+        return [pair for pair in self.sockets() if pair[0] in listening and pair[1] != 0]
+
+    def has_connection_to(self, port):
+        return any(remote == port for _, remote in self.sockets())
+
+    def wait_for_no_clients(self):
+        wait_until(lambda: not self.client_connections(), "the end of all clients' connections")
+
+    def borrow_socket(self, descriptor):
+        """A copy of one of its sockets, to ask it for its options; None when it is no socket."""
+        libc = ctypes.CDLL(None, use_errno=True)
+        process = os.pidfd_open(self.pid)
+        copy = libc.syscall(PIDFD_GETFD, process, descriptor, 0)
+        error = ctypes.get_errno()
+        os.close(process)
+        if copy < 0:
+            raise OSError(error, os.strerror(error))
+        try:
+            return socket.socket(fileno=copy)
+        except OSError:
+            os.close(copy)
+            return None

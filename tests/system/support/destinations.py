@@ -1,0 +1,104 @@
+"""Destinations that behave badly, and a fast one that behaves well."""
+
+import socket
+import threading
+
+from support.waiting import DEFAULT_LIMIT, wait_until
+
+
+def read_request(connection):
+    """One request, its body included; empty when the other side has gone."""
+    data = b""
+    while b"\r\n\r\n" not in data:
+        part = connection.recv(65536)
+        if not part:
+            return b""
+        data += part
+    head, _, body = data.partition(b"\r\n\r\n")
+    length = 0
+    for line in head.split(b"\r\n")[1:]:
+        name, _, value = line.partition(b":")
+        if name.lower() == b"content-length":
+            length = int(value)
+    while len(body) < length:
+        part = connection.recv(65536)
+        if not part:
+            return b""
+        body += part
+    return head + b"\r\n\r\n" + body
+
+
+class Destination:
+    """Listens on 127.0.0.1 and runs `behave(connection)` on a thread for each connection, which
+    is closed when that returns."""
+
+    def __init__(self, port, behave):
+        self._behave = behave
+        self._connections = []
+        self.accepted = 0
+        self._listener = socket.create_server(("127.0.0.1", port), backlog=64)
+        self._thread = threading.Thread(target=self._accept, daemon=True)
+        self._thread.start()
+
+    def _accept(self):
+        while True:
+            try:
+                connection, _ = self._listener.accept()
+            except OSError:
+                return
+            connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            self.accepted += 1
+            self._connections.append(connection)
+            threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
+
+    def _serve(self, connection):
+        try:
+            self._behave(connection)
+        except OSError:
+            pass
+        finally:
+            connection.close()
+
+    def wait_for_connections(self, count, limit=DEFAULT_LIMIT):
+        wait_until(lambda: self.accepted >= count, f"{count} connections at the destination", limit)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        # Closing alone does not end an accept() that waits in another thread.
+        self._listener.shutdown(socket.SHUT_RDWR)
+        self._listener.close()
+        self._thread.join()
+        for connection in self._connections:
+            try:
+                connection.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+
+
+def answering(answer, repeat=True):
+    """Each request gets these bytes; the connection stays, or closes after the first answer."""
+
+    def behave(connection):
+        while read_request(connection):
+            connection.sendall(answer)
+            if not repeat:
+                return
+
+    return behave
+
+
+def close_at_once(connection):
+    pass
+
+
+def hang(connection):
+    """Takes everything and never answers, until the other side gives up."""
+    while connection.recv(65536):
+        pass
+
+
+def answer_bytes(body, status="200 OK", headers=b"Content-Type: text/plain\r\n"):
+    return (b"HTTP/1.1 " + status.encode() + b"\r\n" + headers +
+            b"Content-Length: " + str(len(body)).encode() + b"\r\n\r\n" + body)

@@ -1,0 +1,82 @@
+"""The scripts in examples/hooks, run by the daemon as an integrator would install them."""
+
+import os
+import re
+import shutil
+from pathlib import Path
+
+import pytest
+
+from support.clients import ask
+from support.waiting import wait_until
+
+EXAMPLES = Path(__file__).resolve().parents[2] / "examples" / "hooks"
+
+
+@pytest.fixture
+def start(root, make_daemon, sdk_host):
+    """Starts a daemon with one example installed and these variables in its environment."""
+    (root.external_hooks / "agent").rmdir()
+    root.settings["agentDataPath"] = str(root.agent_data)
+
+    def start_with(example, **variables):
+        shutil.copy(EXAMPLES / example, root.internal_hooks / "agent" / example)
+        return make_daemon().start(env={**os.environ, **variables})
+
+    return start_with
+
+
+def change(root, uri="/api/1/router-ref"):
+    return ask(root.http_port, "PATCH", uri, body=b'{"ref":1}')
+
+
+def test_audit_writes_a_line_for_each_request(root, start, sdk_host):
+    file = root.directory / "audit"
+    start("10-audit", AUDIT_FILE=str(file))
+    assert change(root).status == 200
+    assert ask(root.http_port, "GET", "/api/version").status == 200
+    first, second = file.read_text().splitlines()
+    stamp = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ"
+    assert re.fullmatch(stamp + " PATCH /api/1/router-ref 9", first)
+    assert re.fullmatch(stamp + " GET /api/version 0", second)
+    assert len(sdk_host.requests) == 2
+
+
+def test_audit_lets_requests_pass_when_it_cannot_write(root, start, sdk_host):
+    daemon = start("10-audit", AUDIT_FILE=str(root.directory / "missing" / "audit"))
+    assert change(root).status == 200
+    assert len(sdk_host.requests) == 1
+    assert any(text.startswith("stderr from pid ") for _, text in daemon.messages())
+
+
+@pytest.mark.parametrize("hours, forwarded", [(("0", "24"), 1), (("0", "0"), 0)],
+                         ids=["inside", "outside"])
+def test_office_hours_ends_changes_outside_them(root, start, sdk_host, hours, forwarded):
+    start("20-office-hours", FROM_HOUR=hours[0], UNTIL_HOUR=hours[1])
+    assert change(root).status == 200
+    assert len(sdk_host.requests) == forwarded
+
+
+def test_office_hours_lets_reading_pass_at_any_time(root, start, sdk_host):
+    start("20-office-hours", FROM_HOUR="0", UNTIL_HOUR="0")
+    assert ask(root.http_port, "GET", "/api/version").status == 200
+    assert len(sdk_host.requests) == 1
+
+
+def test_reload_service_reloads_under_the_lock_after_the_request(root, start, sdk_host):
+    lock, reloads = root.directory / "lock", root.directory / "reloads"
+    script = root.directory / "reload"
+    # It says whether somebody holds the lock while it runs.
+    script.write_text(f"#!/bin/sh\nflock -n {lock} true; echo \"held $?\" >>{reloads}\n")
+    script.chmod(0o755)
+    start("30-reload-service", LOCK_FILE=str(lock), RELOAD=str(script))
+    assert change(root).status == 200
+    wait_until(lambda: reloads.exists() and reloads.read_text() == "held 1\n", "the reload")
+
+
+def test_reload_service_reloads_for_its_own_endpoint_only(root, start, sdk_host):
+    lock = root.directory / "lock"
+    start("30-reload-service", LOCK_FILE=str(lock), RELOAD="true")
+    assert change(root, "/api/1/router-attribution-id").status == 200
+    assert ask(root.http_port, "GET", "/api/version").status == 200
+    assert not lock.exists()

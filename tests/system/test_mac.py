@@ -1,0 +1,52 @@
+"""GET /api/mac from outside."""
+
+import pytest
+
+from support.clients import ask
+from support.clients import Client
+from support.scratch_root import PAIRING_KEY
+
+
+@pytest.mark.parametrize("tls", [False, True], ids=["plain", "tls"])
+def test_tells_the_asking_client_its_mac_without_a_key(root, daemon, tls):
+    port = root.https_port if tls else root.http_port
+    answer = ask(port, "GET", "/api/mac", tls=tls)
+    assert (answer.status, answer.reason) == (200, "OK")
+    assert answer.body == b"02:00:5e:10:00:01"
+    assert answer.header("Content-Type") == "text/plain; charset=UTF-8"
+    assert answer.header("Content-Length") == "17"
+
+
+def test_the_connection_is_kept(root, daemon):
+    with Client(root.http_port) as client:
+        for _ in range(3):
+            assert client.ask("GET", "/api/mac").status == 200
+        assert len(daemon.client_connections()) == 1
+
+
+def test_other_methods_are_not_allowed(root, daemon):
+    for method in ("POST", "PUT", "PATCH", "DELETE"):
+        answer = ask(root.http_port, method, "/api/mac")
+        assert (answer.status, answer.reason) == (405, "Method not allowed")
+
+
+def test_with_a_query_it_is_an_ordinary_endpoint(root, daemon, sdk_host):
+    assert ask(root.http_port, "GET", "/api/mac?x").status == 417
+    assert ask(root.https_port, "GET", "/api/mac?x", tls=True).status == 417
+    answer = ask(root.https_port, "GET", "/api/mac?x", headers={"PairingKey": PAIRING_KEY}, tls=True)
+    assert answer.status == 200
+    assert [request.path for request in sdk_host.requests] == ["/api/mac?x"]
+
+
+def test_an_unknown_client_and_a_missing_list_are_internal_errors(root, daemon):
+    root.write_device_list([])
+    mark = daemon.mark()
+    answer = ask(root.http_port, "GET", "/api/mac")
+    assert (answer.status, answer.reason) == (500, "Internal error")
+    assert ("ERROR", "No MAC found for IP: 127.0.0.1") in daemon.messages(mark)
+    root.device_list.unlink()
+    mark = daemon.mark()
+    assert ask(root.http_port, "GET", "/api/mac").status == 500
+    path = root.device_list
+    assert ("ERROR", f"File can not be read: {path}. Error: Failed to lock file {path}: "
+            "2 No such file or directory") in daemon.messages(mark)

@@ -1,0 +1,301 @@
+// GET /api/mac, as the client 127.0.0.1 sees it for many a device list.
+
+#include <cerrno>
+#include <random>
+
+#include <fcntl.h>
+#include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include "agent/host_fixture.h"
+#include "support/faults.h"
+#include "support/wait.h"
+
+namespace {
+
+using test::Fault;
+using testing::AllOf;
+using testing::Contains;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class MacLookup : public test::HostFixture {
+ protected:
+  // The answer to a client while the device list has this text.
+  std::string AnswerFor(const std::string& deviceList) {
+    directory_.Write("devices.json", deviceList);
+    RunHost(false);
+    return Get("/api/mac");
+  }
+
+  void ExpectRefusal(const std::string& answer, const std::string& logLine) {
+    EXPECT_THAT(answer, StartsWith("HTTP/1.1 500 Internal error\r\n"));
+    EXPECT_THAT(log_.Lines(), Contains(logLine));
+  }
+
+  void ExpectUnreadable(const std::string& answer, const std::string& error) {
+    const std::string path = directory_ / "devices.json";
+    ExpectRefusal(answer,
+                  "ERROR: bool tavlo::{anonymous}::GetJsonFromFile: File can not be read: " + path +
+                      ". Error: " + error);
+  }
+
+  void ExpectBroken(const std::string& answer, const std::string& error) {
+    const std::string path = directory_ / "devices.json";
+    ExpectRefusal(answer,
+                  "ERROR: bool tavlo::{anonymous}::GetJsonFromFile: File can not be parsed as "
+                  "json: " +
+                      path + ": " + error);
+  }
+};
+
+constexpr const char* kNotFound =
+    "ERROR: void tavlo::AgentHost::ApiGetMac: No MAC found for IP: 127.0.0.1";
+
+TEST_F(MacLookup, AnswersWithTheMacAsPlainText) {
+  const std::string answer =
+      AnswerFor(R"({"devices":[{"ip":["127.0.0.1"],"mac":"00:11:22:33:44:55"}]})");
+  EXPECT_THAT(answer, AllOf(StartsWith("HTTP/1.1 200 OK\r\n"),
+                            HasSubstr("\r\nContent-Type: text/plain; charset=UTF-8\r\n"),
+                            HasSubstr("\r\nContent-Length: 17\r\n"),
+                            EndsWith("\r\n\r\n00:11:22:33:44:55")));
+}
+
+TEST_F(MacLookup, ReadsTheFileForEveryRequest) {
+  EXPECT_THAT(AnswerFor(R"({"devices":[{"ip":["127.0.0.1"],"mac":"first"}]})"), EndsWith("first"));
+  EXPECT_THAT(AnswerFor(R"({"devices":[{"ip":["127.0.0.1"],"mac":"second"}]})"),
+              EndsWith("second"));
+}
+
+TEST_F(MacLookup, OtherMethodsAreRefused) {
+  RunHost(false);
+  for (const char* method : {"POST", "PUT", "DELETE", "PATCH"}) {
+    const std::string request =
+        std::string(method) + " /api/mac HTTP/1.1\r\nContent-Length: 0\r\n\r\n";
+    EXPECT_THAT(test::Exchange("127.0.0.1", port_, request),
+                StartsWith("HTTP/1.1 405 Method not allowed\r\n"))
+        << method;
+  }
+}
+
+TEST_F(MacLookup, TheTlsListenerAsksForNoKeyEither) {
+  directory_.Write("devices.json", R"({"devices":[{"ip":["127.0.0.1"],"mac":"00:11"}]})");
+  RunHost(true);
+  EXPECT_THAT(Get("/api/mac"), EndsWith("\r\n\r\n00:11"));
+}
+
+struct DeviceList {
+  const char* name;
+  const char* text;
+  const char* mac;  // null: no device found
+};
+
+class MacLookupIn : public MacLookup, public testing::WithParamInterface<DeviceList> {};
+
+TEST_P(MacLookupIn, FindsTheFirstDeviceThatHasBoth) {
+  const std::string answer = AnswerFor(GetParam().text);
+  if (GetParam().mac != nullptr) {
+    EXPECT_THAT(answer, AllOf(StartsWith("HTTP/1.1 200 OK\r\n"),
+                              EndsWith(std::string("\r\n\r\n") + GetParam().mac)));
+  } else {
+    ExpectRefusal(answer, kNotFound);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, MacLookupIn,
+    testing::Values(
+        DeviceList{"SeveralAddresses", R"({"devices":[{"ip":["10.0.0.1","127.0.0.1"],"mac":"m"}]})",
+                   "m"},
+        DeviceList{"SecondDevice",
+                   R"({"devices":[{"ip":["10.0.0.1"],"mac":"a"},{"ip":["127.0.0.1"],"mac":"b"}]})",
+                   "b"},
+        DeviceList{"FirstOfTwoMatches",
+                   R"({"devices":[{"ip":["127.0.0.1"],"mac":"a"},{"ip":["127.0.0.1"],"mac":"b"}]})",
+                   "a"},
+        DeviceList{"MatchWithoutMacIsPassedOver",
+                   R"({"devices":[{"ip":["127.0.0.1"]},{"ip":["127.0.0.1"],"mac":"b"}]})", "b"},
+        DeviceList{"MacOfAnotherTypeIsPassedOver",
+                   R"({"devices":[{"ip":["127.0.0.1"],"mac":7},{"ip":["127.0.0.1"],"mac":"b"}]})",
+                   "b"},
+        DeviceList{"EmptyMacOfTheFirstMatchIsNone",
+                   R"({"devices":[{"ip":["127.0.0.1"],"mac":""},{"ip":["127.0.0.1"],"mac":"b"}]})",
+                   nullptr},
+        DeviceList{"OtherMembersAreIgnored",
+                   R"({"v":1,"devices":[{"x":{},"ip":["127.0.0.1"],"mac":"m","y":[]}],"z":null})",
+                   "m"},
+        DeviceList{"AddressesOfOtherTypesAreIgnored",
+                   R"({"devices":[{"ip":[null,7,["127.0.0.1"],"127.0.0.1"],"mac":"m"}]})", "m"},
+        DeviceList{"AddressMustBeEqualAsAWhole",
+                   R"({"devices":[{"ip":["127.0.0.10","27.0.0.1","127.0.0.1 "],"mac":"m"}]})",
+                   nullptr},
+        DeviceList{"AddressWithNulIsAnotherOne",
+                   R"({"devices":[{"ip":["127.0.0.1\u0000"],"mac":"m"}]})", nullptr},
+        DeviceList{"AddressAsAPlainStringNeverMatches",
+                   R"({"devices":[{"ip":"127.0.0.1","mac":"m"}]})", nullptr},
+        DeviceList{"NoAddress", R"({"devices":[{"mac":"m"}]})", nullptr},
+        DeviceList{"DeviceIsNotAnObject", R"({"devices":["127.0.0.1",null,[],7]})", nullptr},
+        DeviceList{"NoDevices", R"({"devices":[]})", nullptr},
+        DeviceList{"DevicesAreAnObject", R"({"devices":{"ip":["127.0.0.1"],"mac":"m"}})", nullptr},
+        DeviceList{"DevicesAreMissing", R"({})", nullptr},
+        DeviceList{"RootIsAnArray", R"([{"ip":["127.0.0.1"],"mac":"m"}])", nullptr},
+        DeviceList{"RootIsAScalar", "7", nullptr},
+        DeviceList{"Utf8Mark", "\xef\xbb\xbf{\"devices\":[{\"ip\":[\"127.0.0.1\"],\"mac\":\"m\"}]}",
+                   "m"}),
+    [](const auto& suite) { return std::string(suite.param.name); });
+
+TEST_F(MacLookup, AMissingFileIsAnInternalErrorWithItsCauseInTheLog) {
+  RunHost(false);
+  ExpectUnreadable(Get("/api/mac"), "Failed to lock file " + (directory_ / "devices.json") +
+                                        ": 2 No such file or directory");
+}
+
+TEST_F(MacLookup, AFileOfOneMebibyteIsRead) {
+  const std::string list = R"({"devices":[{"ip":["127.0.0.1"],"mac":"m"}]})";
+  EXPECT_THAT(AnswerFor(list + std::string(1048576 - list.size(), ' ')), EndsWith("\r\n\r\nm"));
+}
+
+TEST_F(MacLookup, ALargerFileIsNot) {
+  ExpectUnreadable(AnswerFor(std::string(1048577, ' ')),
+                   "Failed to read file " + (directory_ / "devices.json") + ": 27 File too large");
+}
+
+TEST_F(MacLookup, AnEmptyFileIsBroken) {
+  ExpectBroken(AnswerFor(""), "The document is empty., offset :0");
+}
+
+TEST_F(MacLookup, AFileOfBlanksIsEmptyAndOneThatBeginsWrongIsInvalid) {
+  ExpectBroken(AnswerFor(" \n"), "The document is empty., offset :2");
+  ExpectBroken(AnswerFor(" ]"), "Invalid value., offset :1");
+}
+
+TEST_F(MacLookup, TextBehindTheRootIsBroken) {
+  ExpectBroken(AnswerFor("{} x"),
+               "The document root must not be followed by other values., offset :3");
+}
+
+TEST_F(MacLookup, ANulWithinAStringIsBroken) {
+  ExpectBroken(AnswerFor(std::string("{\"a\0b\":1}", 9)),
+               "Missing a closing quotation mark in string., offset :3");
+}
+
+TEST_F(MacLookup, AMebibyteOfBracketsDoesNotOverflowTheStack) {
+  ExpectBroken(AnswerFor(std::string(1048576, '[')), "Invalid value., offset :1048576");
+}
+
+TEST_F(MacLookup, ADeepButValidFileIsJustWithoutDevices) {
+  ExpectRefusal(AnswerFor(std::string(524288, '[') + std::string(524288, ']')), kNotFound);
+}
+
+TEST_F(MacLookup, WaitsForAFileThatAnotherProcessHoldsForAMoment) {
+  directory_.Write("devices.json", R"({"devices":[{"ip":["127.0.0.1"],"mac":"m"}]})");
+  const int holder = ::open((directory_ / "devices.json").c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(::flock(holder, LOCK_EX), 0);
+  RunHost(false);
+  std::thread release([holder] {
+    ::usleep(1000000);
+    ::close(holder);
+  });
+  EXPECT_THAT(Get("/api/mac"), EndsWith("\r\n\r\nm"));
+  release.join();
+}
+
+TEST_F(MacLookup, GivesUpOnAFileThatIsHeldForGood) {
+  directory_.Write("devices.json", "{}");
+  RunHost(false);
+  const Fault pause("nanosleep", EINVAL);  // else some four seconds
+  const int holder = ::open((directory_ / "devices.json").c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(::flock(holder, LOCK_EX), 0);
+  ExpectUnreadable(Get("/api/mac"), "Failed to lock file " + (directory_ / "devices.json") +
+                                        ": 11 Resource temporarily unavailable");
+  ::close(holder);
+}
+
+TEST_F(MacLookup, GivesTheLockBack) {
+  AnswerFor("{}");
+  const int fd = ::open((directory_ / "devices.json").c_str(), O_RDWR | O_CLOEXEC);
+  EXPECT_TRUE(test::WaitUntil([fd] { return ::flock(fd, LOCK_EX | LOCK_NB) == 0; }));
+  ::close(fd);
+}
+
+// The parser that is used (iterative) against the library's default one, over many small texts.
+// They differ in one error, for a text that begins with what cannot begin a value; the lookup evens
+// that out.
+
+template <unsigned int flags>
+std::string Outcome(const std::string& text) {
+  rapidjson::Document doc;
+  doc.Parse<flags>(text.data(), text.size());
+  const size_t offset = doc.GetErrorOffset();
+  if (doc.GetParseError() == rapidjson::kParseErrorDocumentEmpty && offset < text.size() &&
+      text[offset] != '\0') {
+    return "Invalid value. at " + std::to_string(offset);
+  }
+  if (doc.HasParseError()) {
+    return std::string(rapidjson::GetParseError_En(doc.GetParseError())) + " at " +
+           std::to_string(offset);
+  }
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  doc.Accept(writer);
+  return {buffer.GetString(), buffer.GetSize()};
+}
+
+TEST(DeviceListParser, GivesTheValuesAndErrorsOfTheDefaultParser) {
+  const std::vector<std::string> pieces = {"{",
+                                           "}",
+                                           "[",
+                                           "]",
+                                           ":",
+                                           ",",
+                                           " ",
+                                           "\n",
+                                           "\"a\"",
+                                           "\"",
+                                           "null",
+                                           "true",
+                                           "false",
+                                           "nul",
+                                           "0",
+                                           "-1",
+                                           "1.5e3",
+                                           "01",
+                                           "1e999",
+                                           "-",
+                                           "\\u0041",
+                                           "\"\\u00e9\"",
+                                           "\"\\ud800\"",
+                                           "\"\\x\"",
+                                           "\xff",
+                                           std::string(1, '\0'),
+                                           "{\"ip\":[\"127.0.0.1\"],\"mac\":\"m\"}"};
+  std::mt19937 random(20260131);
+  size_t valid = 0;
+  for (int i = 0; i < 200000; ++i) {
+    std::string text;
+    for (size_t length = random() % 12; length > 0; --length) {
+      text += pieces[random() % pieces.size()];
+    }
+    const std::string iterative = Outcome<rapidjson::kParseIterativeFlag>(text);
+    ASSERT_EQ(iterative, Outcome<rapidjson::kParseDefaultFlags>(text)) << text;
+    if (iterative.find(" at ") == std::string::npos) {
+      ++valid;
+    }
+  }
+  EXPECT_GT(valid, 1000U);
+  for (const size_t depth : {1U, 10U, 1000U}) {
+    for (const std::string& text :
+         {std::string(depth, '['), std::string(depth, '[') + std::string(depth, ']'),
+          std::string(depth, '[') + "x"}) {
+      EXPECT_EQ(Outcome<rapidjson::kParseIterativeFlag>(text),
+                Outcome<rapidjson::kParseDefaultFlags>(text));
+    }
+  }
+}
+
+}  // namespace
