@@ -5,7 +5,8 @@
 
 namespace {
 
-void Record(int level, const char* format, va_list arguments) {
+__attribute__((format(printf, 2, 0))) void Record(int level, const char* format,
+                                                  va_list arguments) {
   char text[4096] = {};
   std::vsnprintf(text, sizeof text, format, arguments);
   test::SyslogRecord& record = test::Syslog();
@@ -43,7 +44,8 @@ void recorded_closelog() {
   test::Syslog().calls.emplace_back("closelog");
 }
 
-void recorded_syslog(int level, const char* format, ...) __asm__("syslog");
+void recorded_syslog(int level, const char* format, ...) __asm__("syslog")
+    __attribute__((format(printf, 2, 3)));
 void recorded_syslog(int level, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
@@ -52,7 +54,8 @@ void recorded_syslog(int level, const char* format, ...) {
 }
 
 // What a build with _FORTIFY_SOURCE calls instead.
-void recorded_syslog_chk(int level, int flag, const char* format, ...) __asm__("__syslog_chk");
+void recorded_syslog_chk(int level, int flag, const char* format, ...) __asm__("__syslog_chk")
+    __attribute__((format(printf, 3, 4)));
 void recorded_syslog_chk(int level, int /*flag*/, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
