@@ -16,8 +16,6 @@ def wait_for_next_look(daemon):
     return mark
 
 
-@pytest.mark.xfail(strict=True, reason=(
-    "the C library does not take 127.0.0.1 for an address while there are only IPv6 ones"))
 def test_an_interface_that_gets_its_address_later(namespace, root, start):  # noqa: F811
     namespace.add_interface("br0")
     daemon = start()
