@@ -3,12 +3,15 @@
 #include <cerrno>
 #include <stdexcept>
 
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
 #include <event2/event.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
+#include <event2/util.h>
 #include <sys/socket.h>
 
 #include "agent/callback_guard.h"
+#include "agent/listening_socket.h"
+#include "util/descriptor.h"
 #include "util/log.h"
 
 namespace tavlo {
@@ -24,6 +27,42 @@ constexpr size_t kShownKeyLength = 3;
 // kMaxRequestBody, so that they get this daemon's own answer, but not fill the memory.
 constexpr ev_ssize_t kMaxHeadersSize = 64L * 1024;
 constexpr ev_ssize_t kMaxBodySize = 4L * 1024 * 1024;
+
+// More than a connection ever has to hold within those limits. What the library does not count,
+// such as the endless size of a chunk, would fill the memory.
+constexpr size_t kMaxUnread = kMaxBodySize + 4 * kMaxHeadersSize;
+
+// Ends the connection by its socket: libevent does not bear one that goes while it reads it.
+void OnInput(evbuffer* input, const evbuffer_cb_info* /*change*/, void* connection) {
+  if (evbuffer_get_length(input) > kMaxUnread) {
+    ::shutdown(bufferevent_getfd(static_cast<bufferevent*>(connection)), SHUT_RDWR);
+  }
+}
+
+// Whether libevent's resolver will let a connection be bound to `address`; what it finds out about
+// the machine's addresses at its first call holds for the life of the process.
+bool CanBindTo(const char* address) {
+  evutil_addrinfo hints = {};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = EVUTIL_AI_PASSIVE | EVUTIL_AI_ADDRCONFIG;
+  evutil_addrinfo* found = nullptr;
+  if (evutil_getaddrinfo(address, "0", &hints, &found) != 0) {
+    return false;
+  }
+  evutil_freeaddrinfo(found);
+  return true;
+}
+
+// A socket that libevent binds before it connects is close-on-exec from its first moment; any other
+// one is not, and hook scripts inherit it. Where it cannot be bound, being connected counts more.
+void KeepFromChildren(evhttp_connection* connection, const std::string& dstAddr) {
+  const bool isIpv6 = dstAddr.find(':') != std::string::npos;
+  const char* const anyAddress = isIpv6 ? "::" : "0.0.0.0";
+  if (CanBindTo(anyAddress)) {
+    evhttp_connection_set_family(connection, isIpv6 ? AF_INET6 : AF_INET);
+    evhttp_connection_set_local_address(connection, anyAddress);
+  }
+}
 
 std::runtime_error ErrnoFailure(const std::string& what) {
   return std::runtime_error(what + " errno " + std::to_string(errno));
@@ -43,6 +82,21 @@ void AgentHost::OnInvokerEvent(evutil_socket_t, short, void* host) {
 
 void AgentHost::OnHeartbeatEvent(evutil_socket_t, short, void* host) {
   RunGuarded(__PRETTY_FUNCTION__, [host] { static_cast<AgentHost*>(host)->heartbeat_(); });
+}
+
+bufferevent* AgentHost::OnConnection(event_base* base, void* argument) {
+  auto* const host = static_cast<AgentHost*>(argument);
+  bufferevent* connection = nullptr;
+  if (host->secure_) {
+    RunGuarded(__PRETTY_FUNCTION__, [&] { connection = host->SslConnect(); });
+  }
+  if (connection == nullptr) {
+    connection = bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
+  }
+  if (connection != nullptr) {
+    evbuffer_add_cb(bufferevent_get_input(connection), OnInput, connection);
+  }
+  return connection;
 }
 
 AgentHost::AgentHost(Orx::HookInvoker* invoker, bool secure, const std::string& agentDataPath,
@@ -106,13 +160,10 @@ void AgentHost::InitServer() {
   }
   evcon_.reset(evcon, evhttp_connection_free);
   evhttp_connection_set_timeout(evcon, kHttpTimeoutSecs);
-  // A socket that libevent binds before it connects is close-on-exec from its first moment; any
-  // other one is not, and hook scripts would inherit it.
-  const bool isIpv6 = dstAddr_.find(':') != std::string::npos;
-  evhttp_connection_set_family(evcon, isIpv6 ? AF_INET6 : AF_INET);
-  evhttp_connection_set_local_address(evcon, isIpv6 ? "::" : "0.0.0.0");
+  KeepFromChildren(evcon, dstAddr_);
 
   evhttp_set_gencb(http, OnRequest, this);
+  evhttp_set_bevcb(http, OnConnection, this);
 }
 
 void AgentHost::InitHeartbeating() {
@@ -130,15 +181,11 @@ void AgentHost::Run() {
 
 // On failure `errno` tells why.
 bool AgentHost::Listen(const std::string& address) {
-  evhttp_bound_socket* const socket =
-      evhttp_bind_socket_with_handle(http_.get(), address.c_str(), listenPort_);
-  if (socket == nullptr) {
+  stdext::descriptor socket(OpenListeningSocket(address, listenPort_));
+  if (!socket.is_open() || evhttp_accept_socket_with_handle(http_.get(), socket.get()) == nullptr) {
     return false;
   }
-  // Accepted sockets inherit it. Without it each answer over TLS waits some 40 ms for the client's
-  // delayed acknowledgement.
-  const int on = 1;
-  ::setsockopt(evhttp_bound_socket_get_fd(socket), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  socket.release();
   return true;
 }
 

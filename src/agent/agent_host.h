@@ -68,7 +68,7 @@ class AgentHost {
   // What libevent calls; the last argument is the host, or the client's request for a reply.
   static void OnInvokerEvent(evutil_socket_t, short, void* host);
   static void OnHeartbeatEvent(evutil_socket_t, short, void* host);
-  static bufferevent* OnConnection(event_base*, void* host);
+  static bufferevent* OnConnection(event_base* base, void* argument);
   static void OnRequest(evhttp_request* req, void* host);
   static void OnReply(evhttp_request* reply, void* client);
 

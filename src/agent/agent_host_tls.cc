@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include "agent/agent_host.h"
-#include "agent/callback_guard.h"
 #include "util/log.h"
 
 namespace tavlo {
@@ -49,13 +48,6 @@ unsigned long TakeLastError() {
 
 }  // namespace
 
-bufferevent* AgentHost::OnConnection(event_base* /*base*/, void* host) {
-  bufferevent* connection = nullptr;
-  RunGuarded(__PRETTY_FUNCTION__,
-             [&] { connection = static_cast<AgentHost*>(host)->SslConnect(); });
-  return connection;
-}
-
 void AgentHost::InitSsl() {
   SSL_CTX* const context = SSL_CTX_new(TLS_server_method());
   if (context == nullptr) {
@@ -72,7 +64,6 @@ void AgentHost::InitSsl() {
   if (SSL_CTX_set_tmp_ecdh(context, key) != 1) {
     throw std::runtime_error("Cannot set ECDH parameters");
   }
-  evhttp_set_bevcb(http_.get(), OnConnection, this);
 }
 
 bool AgentHost::LoadCertificate() {

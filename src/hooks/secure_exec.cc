@@ -53,7 +53,8 @@ bool BeginsWith(const char* text, const char* start) {
 class ChildEnvironment {
  public:
   ChildEnvironment() {
-    for (char** entry = environ; *entry != nullptr; ++entry) {
+    // A process without any variables may have no list either.
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
       if (!BeginsWith(*entry, kSavedPrefix) && !BeginsWith(*entry, "LD_PRELOAD=") &&
           !BeginsWith(*entry, "LD_LIBRARY_PATH=")) {
         entries_.push_back(*entry);

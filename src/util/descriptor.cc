@@ -1,13 +1,14 @@
 #include "util/descriptor.h"
 
+#include <utility>
+
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace stdext {
 
-void descriptor::reset(int fd) {
-  close();
-  fd_ = fd;
+int descriptor::release() {
+  return std::exchange(fd_, -1);
 }
 
 bool descriptor::close() {

@@ -14,8 +14,8 @@ class descriptor {
   int get() const { return fd_; }
   bool is_open() const { return fd_ >= 0; }
 
-  /// Closes what it owned before and takes over `fd`.
-  void reset(int fd);
+  /// Gives the descriptor up to the caller.
+  int release();
 
   /// Closes the descriptor, if there is one; returns false, with `errno` set, when that reported an
   /// error. The descriptor is gone in any case.

@@ -1,7 +1,6 @@
 """Fixtures: each test gets a scratch root of its own, free ports, and a daemon that must leave in
 good order."""
 
-import os
 import sys
 import tempfile
 from contextlib import contextmanager

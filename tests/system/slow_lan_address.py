@@ -1,5 +1,7 @@
 """A LAN address that changes while the daemon runs: it looks once a minute."""
 
+import pytest
+
 from test_lan_address import (NO_ADDRESS, assert_served, endpoints, namespace,  # noqa: F401
                               sdk_rest_host, start, wait_for_binding)
 
@@ -14,7 +16,7 @@ def wait_for_next_look(daemon):
     return mark
 
 
-def test_addresses_that_come_go_and_change(namespace, root, start):  # noqa: F811
+def test_an_interface_that_gets_its_address_later(namespace, root, start):  # noqa: F811
     namespace.add_interface("br0")
     daemon = start()
     assert daemon.count_in_log(f"ERROR: void UpdateLanAddress: {NO_ADDRESS}$") == 1
@@ -22,6 +24,14 @@ def test_addresses_that_come_go_and_change(namespace, root, start):  # noqa: F81
         namespace.add_address("br0", "192.0.2.1/24")
         mark = wait_for_next_look(daemon)
         wait_for_binding(daemon, "192.0.2.1", since=mark)
+        assert_served(namespace, root, "192.0.2.1")
+
+
+def test_addresses_that_change_and_go(namespace, root, start):  # noqa: F811
+    namespace.add_interface("br0", "192.0.2.1/24")
+    daemon = start()
+    with sdk_rest_host(namespace, root.destination_port):
+        wait_for_binding(daemon, "192.0.2.1")
         assert_served(namespace, root, "192.0.2.1")
 
         # A new address is served beside the old one, whose sockets stay.
@@ -37,7 +47,9 @@ def test_addresses_that_come_go_and_change(namespace, root, start):  # noqa: F81
         namespace.ip("address", "flush", "dev", "br0", "scope", "global")
         mark = wait_for_next_look(daemon)
         assert daemon.count_in_log(f"ERROR: void UpdateLanAddress: {NO_ADDRESS}$", since=mark) == 1
-        assert namespace.listening() == endpoints(root, "192.0.2.1", "198.51.100.1")
+        assert namespace.listening() == endpoints(root, "192.0.2.1", "198.51.100.1") | {
+            ("127.0.0.1", root.destination_port)}
+        assert_served(namespace, root, "127.0.0.1")
 
         # An address that was bound before is not bound again.
         namespace.add_address("br0", "192.0.2.1/24")

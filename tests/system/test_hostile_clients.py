@@ -163,8 +163,6 @@ def test_a_gibibyte_is_cut_off_early(root, daemon, sdk_host, tls, head, piece):
     assert_serving(root)
 
 
-@pytest.mark.xfail(SANITIZER == "", strict=True,
-                   reason="libevent collects a chunk's size line without a limit")
 def test_an_endless_size_of_a_chunk_does_not_fill_the_memory(root, daemon, sdk_host):
     if SANITIZER:
         pytest.skip("the memory of a sanitizer's build says nothing")

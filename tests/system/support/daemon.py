@@ -1,4 +1,4 @@
-"""The daemon as a process: starting it, reading its log, looking at it from outside, stopping it."""
+"""The daemon as a process: starting and stopping it, its log, and how it looks from outside."""
 
 import ctypes
 import os

@@ -38,14 +38,14 @@ TEST(Descriptor, ClosesWhatItOwnsAtTheEndOfItsLife) {
   EXPECT_FALSE(IsOpen(fd));
 }
 
-TEST(Descriptor, ClosesWhatItOwnedBeforeWhenItTakesOverAnother) {
-  const int first = OpenSomething();
-  const int second = OpenSomething();
-  stdext::descriptor owner(first);
-  owner.reset(second);
-  EXPECT_FALSE(IsOpen(first));
-  EXPECT_TRUE(IsOpen(second));
-  EXPECT_EQ(owner.get(), second);
+TEST(Descriptor, LeavesToTheCallerWhatItGaveUp) {
+  const int fd = OpenSomething();
+  {
+    stdext::descriptor owner(fd);
+    EXPECT_EQ(owner.release(), fd);
+    EXPECT_FALSE(owner.is_open());
+  }
+  EXPECT_TRUE(IsOpen(fd));
 }
 
 TEST(Descriptor, ClosesOnceWhenAskedTo) {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -245,11 +246,11 @@ class LookUpExchange : public testing::Test {
     int ends[2] = {-1, -1};
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends), 0);
     lookUpsEnd_ = ends[0];
-    kernelsEnd_.reset(ends[1]);
+    kernelsEnd_.emplace(ends[1]);
   }
 
   void Answer(const std::string& datagram) {
-    ASSERT_EQ(::send(kernelsEnd_.get(), datagram.data(), datagram.size(), 0),
+    ASSERT_EQ(::send(kernelsEnd_->get(), datagram.data(), datagram.size(), 0),
               static_cast<ssize_t>(datagram.size()));
   }
 
@@ -261,7 +262,7 @@ class LookUpExchange : public testing::Test {
   // The next datagram that the look-up sent, or "" when there is none.
   std::string Request() {
     char buffer[1024] = {};
-    const ssize_t size = ::recv(kernelsEnd_.get(), buffer, sizeof buffer, MSG_DONTWAIT);
+    const ssize_t size = ::recv(kernelsEnd_->get(), buffer, sizeof buffer, MSG_DONTWAIT);
     return {buffer, size > 0 ? static_cast<size_t>(size) : 0};
   }
 
@@ -283,7 +284,7 @@ class LookUpExchange : public testing::Test {
     return bytes;
   }
 
-  stdext::descriptor kernelsEnd_;
+  std::optional<stdext::descriptor> kernelsEnd_;
   int lookUpsEnd_ = -1;
   std::string address_;
   unsigned char prefixLength_ = kMarker;
@@ -351,7 +352,7 @@ TEST_F(LookUpExchange, ClosesItsSocket) {
   EXPECT_TRUE(Find().IsOk());
   EXPECT_EQ(Request(), ExpectedRequest(AF_INET));
   char byte = 0;
-  EXPECT_EQ(::send(kernelsEnd_.get(), &byte, 1, MSG_NOSIGNAL), -1);
+  EXPECT_EQ(::send(kernelsEnd_->get(), &byte, 1, MSG_NOSIGNAL), -1);
   EXPECT_EQ(errno, ECONNREFUSED);
 }
 

@@ -1,14 +1,11 @@
-"""What the main thread does once a minute: it looks at the router information and at the listener
-threads."""
+"""What the main thread does once a minute: it looks at the router information file."""
 
 import os
 import signal
 
-from support.clients import ask, connect
-from support.scratch_root import PAIRING_KEY
+from support.clients import ask
 
 A_LITTLE_MORE_THAN_A_MINUTE = 75
-LONGEST_SILENCE = 60
 
 
 def try_key(root, key):
@@ -68,30 +65,3 @@ def test_a_minute_that_passed_repeats_the_last_signal(daemon):
     # It is not taken for another hang-up.
     daemon.wait_for_log("Update LAN address$", since=mark)
     assert daemon.count_in_log("void Run: HUP$", since=mark) == 1
-
-
-def test_listeners_without_work_stay_alive(root, daemon):
-    mark = daemon.mark()
-    # Three looks at the listeners, each a minute apart, beyond the longest silence allowed.
-    daemon.wait_for_log("Got signal 0, from pid 0$", since=mark, count=3,
-                        limit=3 * A_LITTLE_MORE_THAN_A_MINUTE)
-    assert ask(root.http_port, "GET", "/").status == 404
-    assert try_key(root, PAIRING_KEY) == 500
-
-
-def test_a_listener_that_has_fallen_silent_ends_the_daemon(root, make_daemon):
-    # A certificate that blocks whoever opens it holds up the TLS listener's thread.
-    root.certificate.unlink()
-    os.mkfifo(root.certificate)
-    daemon = make_daemon().start()
-    client = connect(root.https_port)
-    # The other listener works on.
-    assert ask(root.http_port, "GET", "/").status == 404
-    assert daemon.wait_for_exit(limit=180) == 0
-    client.close()
-    lines = daemon.log_text().splitlines()
-    line = lines[-2]
-    assert " ERROR: void Run: Exit as missing thread hearbeat with id=tavlo::httpsAgent " in line
-    silence = int(line.rpartition("interval=")[2].removesuffix("s"))
-    assert LONGEST_SILENCE <= silence <= 2 * LONGEST_SILENCE
-    assert lines[-1].endswith("DEBUG: void Run: Leave")

@@ -1,0 +1,444 @@
+#include "hooks/secure_exec.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "support/child.h"
+#include "support/faults.h"
+#include "support/log_capture.h"
+#include "support/temporary_directory.h"
+#include "support/wait.h"
+
+namespace {
+
+using test::Fault;
+using testing::AllOf;
+using testing::Contains;
+using testing::ContainsRegex;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr unsigned int kPlenty = 60;  // seconds
+
+size_t CountEntries(const std::string& directory) {
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
+}
+
+bool HasChildren() {
+  siginfo_t info = {};
+  return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+class SecureExecTest : public testing::Test {
+ protected:
+  SecureExecTest() { ::signal(SIGPIPE, SIG_IGN); }
+
+  // Runs a shell script; its standard output goes to `output_`.
+  int RunScript(const std::string& script, const std::string& input = "",
+                unsigned int timeoutSecs = kPlenty) {
+    return Orx::SecureExec("/bin/sh", {"-c", script.c_str()}, input, &output_, maxOutput_,
+                           timeoutSecs);
+  }
+
+  // The error lines so far, each from its function on.
+  std::vector<std::string> Errors() const {
+    std::vector<std::string> errors;
+    for (const std::string& line : log_.Lines()) {
+      if (line.rfind("ERROR: ", 0) == 0) {
+        errors.push_back(line.substr(7));
+      }
+    }
+    return errors;
+  }
+
+  test::LogCapture log_;
+  test::TemporaryDirectory directory_;
+  std::string output_ = "from an earlier call";
+  ssize_t maxOutput_ = 10000;
+};
+
+class ExitStatus : public SecureExecTest, public testing::WithParamInterface<int> {};
+
+TEST_P(ExitStatus, IsReturned) {
+  EXPECT_EQ(RunScript("exit " + std::to_string(GetParam())), GetParam());
+  EXPECT_THAT(Errors(), IsEmpty());
+  EXPECT_EQ(output_, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(All, ExitStatus, testing::Values(0, 1, 2, 3, 127, 255));
+
+class DeathBySignal : public SecureExecTest, public testing::WithParamInterface<int> {};
+
+TEST_P(DeathBySignal, IsAFailure) {
+  const std::string number = std::to_string(GetParam());
+  EXPECT_EQ(RunScript("ulimit -c 0; kill -" + number + " $$"), -1);
+  EXPECT_THAT(Errors(), ElementsAre(ContainsRegex("^int Orx::SecureExec: Process abnormally exited "
+                                                  "by signal " +
+                                                  number + " PID [0-9]+$")));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, DeathBySignal, testing::Values(SIGKILL, SIGSEGV, SIGUSR1));
+
+TEST_F(SecureExecTest, WhatCannotBeExecutedHasExitedWithOne) {
+  std::filesystem::create_directory(directory_ / "directory");
+  std::filesystem::create_symlink(directory_ / "nowhere", directory_ / "link");
+  directory_.Write("not-executable", "#!/bin/sh\nexit 0\n");
+  directory_.WriteScript("no-interpreter", "#!/nowhere/sh\n");
+  for (const char* name : {"missing", "directory", "link", "not-executable", "no-interpreter"}) {
+    const std::string path = directory_ / name;
+    EXPECT_EQ(Orx::SecureExec(path.c_str(), {}, "", nullptr, 0, kPlenty), 1) << name;
+  }
+  EXPECT_THAT(Errors(), IsEmpty());
+}
+
+TEST_F(SecureExecTest, ATextWithoutAnInterpreterIsRunByTheShell) {
+  const std::string path = directory_.WriteScript("text", "exit 7\n");
+  EXPECT_EQ(Orx::SecureExec(path.c_str(), {}, "", nullptr, 0, kPlenty), 7);
+}
+
+TEST_F(SecureExecTest, ANameWithoutASlashIsLookedUpInPath) {
+  directory_.WriteScript("tavlo-test-program", "#!/bin/sh\necho \"$0\"\nexit 5\n");
+  ::setenv("PATH", (directory_.Path() + ":/usr/bin:/bin").c_str(), 1);
+  EXPECT_EQ(Orx::SecureExec("tavlo-test-program", {}, "", &output_, 1000, kPlenty), 5);
+  EXPECT_EQ(output_, directory_ / "tavlo-test-program\n");
+}
+
+TEST_F(SecureExecTest, ArgumentsArriveByteForByte) {
+  const std::vector<const char*> args = {"-c",
+                                         "printf '<%s>' \"$0\" \"$@\"",
+                                         "zero",
+                                         "a b",
+                                         "",
+                                         "\"'`$(id)\\",
+                                         "line\nbreak",
+                                         "--",
+                                         "\xff\xc3\xa9"};
+  EXPECT_EQ(Orx::SecureExec("/bin/sh", args, "", &output_, 1000, kPlenty), 0);
+  EXPECT_EQ(output_, "<zero><a b><><\"'`$(id)\\><line\nbreak><--><\xff\xc3\xa9>");
+}
+
+TEST_F(SecureExecTest, InputArrivesWholeAndEnds) {
+  std::string input(1000000, 'x');
+  input += std::string("\0end", 4);
+  maxOutput_ = 2000000;
+  EXPECT_EQ(RunScript("cat", input), 0);
+  EXPECT_EQ(output_, input);
+}
+
+TEST_F(SecureExecTest, EmptyInputIsAtItsEndAtOnce) {
+  EXPECT_EQ(RunScript("! read line"), 0);
+}
+
+TEST_F(SecureExecTest, InputThatIsNotReadIsAFailure) {
+  EXPECT_EQ(RunScript("exec <&-; sleep 0.2; exit 0", std::string(200000, 'x')), -1);
+  EXPECT_THAT(Errors(), ElementsAre("int Orx::SecureExec: stdout write failed: Broken pipe"));
+}
+
+TEST_F(SecureExecTest, NoInputForAChildThatReadsNoneIsNoFailure) {
+  EXPECT_EQ(RunScript("exec <&-; sleep 0.2; exit 0"), 0);
+}
+
+TEST_F(SecureExecTest, OutputJustBelowTheLimitIsKept) {
+  maxOutput_ = 3001;
+  EXPECT_EQ(RunScript("head -c 3000 /dev/zero"), 0);
+  EXPECT_EQ(output_, std::string(3000, '\0'));
+}
+
+TEST_F(SecureExecTest, OutputThatFillsTheLimitOrMoreIsAFailureAndKeptUpToIt) {
+  for (const char* count : {"3000", "3001", "200000"}) {
+    maxOutput_ = 3000;
+    EXPECT_EQ(RunScript(std::string("head -c ") + count + " /dev/zero | tr '\\0' x"), -1) << count;
+    EXPECT_EQ(output_, std::string(3000, 'x')) << count;
+    EXPECT_THAT(Errors().back(), ContainsRegex("^int Orx::SecureExec: stdout output buffer size "
+                                               "3000 overrun, PID [0-9]+$"));
+  }
+}
+
+TEST_F(SecureExecTest, WithoutALimitAboveZeroNothingIsKeptAndNothingOverruns) {
+  for (const ssize_t limit : {0, -1}) {
+    maxOutput_ = limit;
+    EXPECT_EQ(RunScript("echo text; exit 4"), 4);
+    EXPECT_EQ(output_, "");
+  }
+}
+
+TEST_F(SecureExecTest, WithoutAStringOutputIsDropped) {
+  EXPECT_EQ(Orx::SecureExec("/bin/sh", {"-c", "head -c 500000 /dev/zero; exit 4"}, "", nullptr, 10,
+                            kPlenty),
+            4);
+}
+
+TEST_F(SecureExecTest, OutputWithoutALineEndAndBinaryOutputStayAsTheyAre) {
+  EXPECT_EQ(RunScript("printf 'a\\000\\377b'"), 0);
+  EXPECT_EQ(output_, std::string("a\0\xff"
+                                 "b",
+                                 4));
+}
+
+TEST_F(SecureExecTest, StandardErrorIsLoggedLineByLine) {
+  EXPECT_EQ(RunScript("echo one >&2; printf 'two\\n\\nthree' >&2"), 0);
+  EXPECT_THAT(
+      Errors(),
+      ElementsAre(ContainsRegex("^void Orx::SecureExecStderr: stderr from pid [0-9]+: one$"),
+                  EndsWith(": two"), EndsWith(": "), EndsWith(": three")));
+}
+
+TEST_F(SecureExecTest, AnOverlongLineIsDroppedAsFarAsItHasCome) {
+  EXPECT_EQ(RunScript("head -c 2048 /dev/zero | tr '\\0' x >&2; sleep 0.3; echo rest >&2"), 0);
+  EXPECT_THAT(Errors(), ElementsAre(EndsWith(": rest")));
+}
+
+TEST_F(SecureExecTest, AChildThatClosesItsOutputsAndGoesOnIsWaitedFor) {
+  EXPECT_EQ(RunScript("exec >&- 2>&- <&-; sleep 0.3; exit 6"), 6);
+}
+
+TEST_F(SecureExecTest, AGrandchildThatHoldsThePipesIsWaitedFor) {
+  EXPECT_EQ(RunScript("(sleep 0.5; echo late) & exit 2"), 2);
+  EXPECT_EQ(output_, "late\n");
+}
+
+TEST_F(SecureExecTest, ManyChildrenOfTheChildAreNoTrouble) {
+  EXPECT_EQ(RunScript("for i in 1 2 3 4 5 6 7 8 9 10; do (echo $i) & (echo $i) & done; wait"), 0);
+  EXPECT_EQ(std::count(output_.begin(), output_.end(), '\n'), 20);
+}
+
+TEST_F(SecureExecTest, AChildThatStopsItselfIsWaitedForUntilItIsContinued) {
+  EXPECT_EQ(RunScript("(sleep 0.3; kill -CONT $$) & kill -STOP $$; wait; exit 3"), 3);
+}
+
+TEST_F(SecureExecTest, AChildIsEndedWhenItsTimeIsUp) {
+  EXPECT_EQ(RunScript("exec sleep 30", "", 1), -1);
+  EXPECT_THAT(Errors(), ElementsAre(ContainsRegex("^int Orx::SecureExec: Command timed out, PID "
+                                                  "[0-9]+$")));
+}
+
+TEST_F(SecureExecTest, ATimeoutOfNothingEndsItAtOnce) {
+  EXPECT_EQ(RunScript("exec sleep 30", "", 0), -1);
+  EXPECT_THAT(Errors(), ElementsAre(HasSubstr("Command timed out, PID ")));
+}
+
+TEST_F(SecureExecTest, AChildThatIgnoresSigtermIsWaitedForAndHasTimedOut) {
+  EXPECT_EQ(RunScript("trap '' TERM; echo ready; sleep 2; echo done; exit 0", "", 1), -1);
+  EXPECT_EQ(output_, "ready\ndone\n");
+  EXPECT_THAT(Errors(), ElementsAre(HasSubstr("Command timed out, PID ")));
+}
+
+TEST_F(SecureExecTest, TheTimeoutIsTheFirstThingReported) {
+  maxOutput_ = 3;
+  EXPECT_EQ(RunScript("echo more than that; exec sleep 30", std::string(200000, 'x'), 1), -1);
+  EXPECT_THAT(Errors().back(), HasSubstr("Command timed out, PID "));
+  EXPECT_THAT(Errors(), Not(Contains(HasSubstr("overrun"))));
+}
+
+TEST_F(SecureExecTest, AFailureIsReportedBeforeAnOverrunAndThatBeforeASignal) {
+  maxOutput_ = 3;
+  EXPECT_EQ(RunScript("exec <&-; echo more than that; sleep 0.2", std::string(200000, 'x')), -1);
+  EXPECT_THAT(Errors(), ElementsAre(HasSubstr("stdout write failed: Broken pipe")));
+  EXPECT_EQ(RunScript("echo more than that; kill -KILL $$"), -1);
+  EXPECT_THAT(Errors().back(), HasSubstr("stdout output buffer size 3 overrun"));
+  EXPECT_THAT(Errors(), Not(Contains(HasSubstr("abnormally"))));
+}
+
+TEST_F(SecureExecTest, PipesThatCannotBeMadeAreAFailureAndLeaveNothing) {
+  const size_t descriptors = CountEntries("/proc/self/fd");
+  for (const int made : {0, 1, 2}) {
+    const Fault fault("pipe2", EMFILE, made);
+    EXPECT_EQ(RunScript("exit 0"), -1);
+    EXPECT_EQ(Errors().back(), "int Orx::RaiiPipe::OpenPipe: pipe2 failed: Too many open files");
+  }
+  EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors);
+}
+
+TEST_F(SecureExecTest, AForkThatIsRefusedIsAFailure) {
+  const Fault fault("fork", EAGAIN);
+  EXPECT_EQ(RunScript("exit 0"), -1);
+  EXPECT_THAT(Errors(),
+              ElementsAre("int Orx::SecureExec: fork failed: Resource temporarily unavailable"));
+}
+
+TEST_F(SecureExecTest, AFailingPollIsAFailureAndTheChildIsStillReaped) {
+  const Fault fault("poll", ENOMEM);
+  EXPECT_EQ(RunScript("exit 0"), -1);
+  EXPECT_THAT(Errors(), ElementsAre("int Orx::SecureExec: poll failed: Cannot allocate memory"));
+  EXPECT_FALSE(HasChildren());
+}
+
+TEST_F(SecureExecTest, AnInterruptedPollIsNoFailure) {
+  const Fault fault("poll", EINTR, 0, 3);
+  EXPECT_EQ(RunScript("echo text"), 0);
+  EXPECT_EQ(output_, "text\n");
+}
+
+TEST_F(SecureExecTest, InterruptedWaitsAreRepeated) {
+  const Fault fault("waitid", EINTR, 0, 3);
+  EXPECT_EQ(RunScript("exit 3"), 3);
+}
+
+TEST_F(SecureExecTest, AFirstWaitThatFailsIsLoggedAndTheStatusIsStillLearnt) {
+  const Fault fault("waitid", ECHILD, 0, 1);
+  EXPECT_EQ(RunScript("exit 3"), 3);
+  EXPECT_THAT(Errors(), ElementsAre(ContainsRegex("^int Orx::SecureExec: 1st waitid pid [0-9]+ "
+                                                  "failed: No child processes$")));
+}
+
+TEST_F(SecureExecTest, ASecondWaitThatFailsIsLogged) {
+  const Fault fault("waitid", ECHILD, 1, 1);
+  EXPECT_EQ(RunScript("exit 3"), 3);
+  EXPECT_THAT(Errors(), ElementsAre(ContainsRegex("^int Orx::SecureExec: 2nd waitid pid [0-9]+ "
+                                                  "failed: No child processes$")));
+}
+
+TEST_F(SecureExecTest, AChildThatSomebodyElseReapedCountsAsKilledBySignalZero) {
+  ::signal(SIGCHLD, SIG_IGN);  // the kernel reaps
+  EXPECT_EQ(RunScript("exit 3"), -1);
+  EXPECT_THAT(Errors(), ElementsAre(HasSubstr("1st waitid"), HasSubstr("2nd waitid"),
+                                    HasSubstr("Process abnormally exited by signal 0 PID ")));
+}
+
+TEST_F(SecureExecTest, AWatchdogThatCannotBeStartedThrowsAndTheNextCallReapsTheChild) {
+  const size_t descriptors = CountEntries("/proc/self/fd");
+  {
+    const Fault fault("pthread_create", EAGAIN);
+    EXPECT_THROW(RunScript("exit 0"), std::system_error);
+  }
+  EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors);
+  EXPECT_TRUE(HasChildren());
+  EXPECT_TRUE(test::WaitUntil([this] {
+    RunScript("exit 0");
+    return !HasChildren();
+  }));
+}
+
+struct ClosedDescriptors {
+  const char* name;
+  std::vector<int> numbers;
+};
+
+class StandardDescriptors : public SecureExecTest,
+                            public testing::WithParamInterface<ClosedDescriptors> {};
+
+TEST_P(StandardDescriptors, MayBeMissingInTheCaller) {
+  // Given the order in which pipes are made, each end gets one of the low numbers in some case.
+  const int status = test::RunInChild([this] {
+    for (const int number : GetParam().numbers) {
+      ::close(number);
+    }
+    const int result = RunScript("read line; echo \"got $line\"; echo complaint >&2", "input\n");
+    ::_exit(result == 0 && output_ == "got input\n" ? 0 : 1);
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_THAT(Errors(), ElementsAre(EndsWith(": complaint")));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, StandardDescriptors,
+                         testing::Values(ClosedDescriptors{"Input", {0}},
+                                         ClosedDescriptors{"Output", {1}},
+                                         ClosedDescriptors{"Error", {2}},
+                                         ClosedDescriptors{"InputAndOutput", {0, 1}},
+                                         ClosedDescriptors{"InputAndError", {0, 2}},
+                                         ClosedDescriptors{"OutputAndError", {1, 2}},
+                                         ClosedDescriptors{"All", {0, 1, 2}}),
+                         [](const auto& suite) { return std::string(suite.param.name); });
+
+TEST_F(SecureExecTest, OnlyDescriptorsThatAreNotCloseOnExecAreInherited) {
+  const std::string path = directory_.Write("open", "");
+  const int kept = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const int given = ::open(path.c_str(), O_RDONLY);  // by somebody who forgot
+  EXPECT_EQ(RunScript("ls -l /proc/$$/fd"), 0);
+  EXPECT_THAT(output_, HasSubstr(" " + std::to_string(given) + " -> " + path + "\n"));
+  EXPECT_THAT(output_, Not(HasSubstr(" " + std::to_string(kept) + " -> ")));
+  EXPECT_THAT(output_, Not(HasSubstr("/log\n")));
+  ::close(kept);
+  ::close(given);
+}
+
+void RunMany(int count, int* failures) {
+  for (int i = 0; i < count; ++i) {
+    std::string output;
+    const int result =
+        Orx::SecureExec("/bin/sh", {"-c", "cat; exit 1"}, "text", &output, 100, kPlenty);
+    *failures += result == 1 && output == "text" ? 0 : 1;
+  }
+}
+
+TEST_F(SecureExecTest, FiveHundredRunsLeaveNothingBehind) {
+  int failures = 0;
+  RunMany(1, &failures);
+  const size_t descriptors = CountEntries("/proc/self/fd");
+  const size_t threads = CountEntries("/proc/self/task");
+  RunMany(500, &failures);
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors);
+  EXPECT_EQ(CountEntries("/proc/self/task"), threads);
+  EXPECT_FALSE(HasChildren());
+}
+
+TEST_F(SecureExecTest, FiveHundredRunsFromTwoThreadsLeaveNothingBehind) {
+  int failures[3] = {};
+  RunMany(1, &failures[2]);
+  const size_t descriptors = CountEntries("/proc/self/fd");
+  const size_t threads = CountEntries("/proc/self/task");
+  std::thread first(RunMany, 250, &failures[0]);
+  std::thread second(RunMany, 250, &failures[1]);
+  first.join();
+  second.join();
+  EXPECT_THAT(failures, ElementsAre(0, 0, 0));
+  EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors);
+  EXPECT_TRUE(test::WaitUntil([&] { return CountEntries("/proc/self/task") == threads; }));
+  EXPECT_FALSE(HasChildren());
+}
+
+class StandardError : public testing::Test {
+ protected:
+  // What is left in the buffer; the lines are in the log.
+  std::string Log(std::string buffer, bool eof) {
+    Orx::SecureExecStderr(buffer, eof, 42);
+    return buffer;
+  }
+
+  test::LogCapture log_;
+};
+
+TEST_F(StandardError, APartialLineWaitsForItsEnd) {
+  EXPECT_EQ(Log("one\ntwo\npart", false), "part");
+  EXPECT_THAT(log_.Lines(),
+              ElementsAre("ERROR: void Orx::SecureExecStderr: stderr from pid 42: one",
+                          "ERROR: void Orx::SecureExecStderr: stderr from pid 42: two"));
+}
+
+TEST_F(StandardError, APartialLineIsLoggedAtTheEnd) {
+  EXPECT_EQ(Log("part", true), "");
+  EXPECT_THAT(log_.Lines(), ElementsAre(EndsWith(": part")));
+}
+
+TEST_F(StandardError, NothingIsLoggedForNothing) {
+  EXPECT_EQ(Log("", true), "");
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(StandardError, APartialLineOf1024BytesWaitsAndALongerOneIsDropped) {
+  EXPECT_EQ(Log(std::string(1024, 'x'), false), std::string(1024, 'x'));
+  EXPECT_EQ(Log(std::string(1025, 'x'), false), "");
+  EXPECT_EQ(Log(std::string(1025, 'x'), true), "");
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(StandardError, ACompleteLongLineIsLogged) {
+  EXPECT_EQ(Log(std::string(1500, 'x') + "\n", false), "");
+  EXPECT_THAT(log_.Lines(), ElementsAre(EndsWith(": " + std::string(1500, 'x'))));
+}
+
+}  // namespace
