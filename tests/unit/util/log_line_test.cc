@@ -205,27 +205,23 @@ TEST(LogLine, ProcessAndThreadAreAvailableOnTheirOwn) {
   EXPECT_EQ(std::string(Orx::Log::Detail::LogPidTid().data()), ThisProcessAndThread());
 }
 
-struct LevelPrefix {
-  int level;
-  std::string prefix;
-};
-
-class LogLevelPrefix : public testing::TestWithParam<LevelPrefix> {};
-
-TEST_P(LogLevelPrefix, StandsBeforeTheText) {
+TEST(LogLevelPrefix, NamesErrorInformationAndDebug) {
   const LogFile log;
-  Message2(GetParam().level, "", "text");
-  EXPECT_THAT(log.LastLine(), EndsWith("] " + GetParam().prefix + "text"));
+  Message2(3, "", "text");
+  EXPECT_THAT(log.LastLine(), EndsWith("] ERROR: text"));
+  Message2(6, "", "text");
+  EXPECT_THAT(log.LastLine(), EndsWith("] INFO: text"));
+  Message2(7, "", "text");
+  EXPECT_THAT(log.LastLine(), EndsWith("] DEBUG: text"));
 }
 
-INSTANTIATE_TEST_SUITE_P(ErrorInformationAndDebug, LogLevelPrefix,
-                         testing::Values(LevelPrefix{3, "ERROR: "}, LevelPrefix{6, "INFO: "},
-                                         LevelPrefix{7, "DEBUG: "}));
-INSTANTIATE_TEST_SUITE_P(OtherLevelsAreThreeBlanks, LogLevelPrefix,
-                         testing::Values(LevelPrefix{-1, "   "}, LevelPrefix{0, "   "},
-                                         LevelPrefix{1, "   "}, LevelPrefix{2, "   "},
-                                         LevelPrefix{4, "   "}, LevelPrefix{5, "   "},
-                                         LevelPrefix{8, "   "}));
+TEST(LogLevelPrefix, IsThreeBlanksForAnyOtherLevel) {
+  const LogFile log;
+  for (const int level : {-1, 0, 1, 2, 4, 5, 8, kAnyLevel}) {
+    Message2(level, "", "text of level %d", level);
+    EXPECT_THAT(log.LastLine(), EndsWith("]    text of level " + std::to_string(level)));
+  }
+}
 
 TEST(LogFunction, IsCutAtItsFirstParenthesis) {
   const test::LogCapture log;
@@ -359,7 +355,7 @@ TEST(LogLevel, LetsLevelsBetweenTheNamedOnesPass) {
   const LogFile log(kInfo);
   Message2(4, "", "warning");
   Message2(5, "", "notice");
-  EXPECT_THAT(log.Lines(), ElementsAre(EndsWith("   warning"), EndsWith("   notice")));
+  EXPECT_THAT(log.Lines(), ElementsAre(EndsWith("]    warning"), EndsWith("]    notice")));
 }
 
 TEST(LogLevel, AboveTheCeilingNeverEvaluatesTheFormat) {
