@@ -463,7 +463,6 @@ TEST_F(FileRead, KeepsEveryByte) {
     for (int byte = 0; byte < 256; ++byte) {
       bytes += static_cast<char>(byte);
     }
-    bytes += "\r\n\0\n";
   }
   EXPECT_TRUE(Read(directory_.Write("binary", bytes), kNoLimit, &content_).IsOk());
   EXPECT_EQ(content_, bytes);

@@ -33,7 +33,6 @@ using Orx::Log::Open;
 using Orx::Log::Reopen;
 using test::Syslog;
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 

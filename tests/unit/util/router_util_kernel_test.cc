@@ -350,7 +350,7 @@ TEST_F(LookUpExchange, FailsAsEverForAnEmptyDatagram) {
 TEST_F(LookUpExchange, ClosesItsSocket) {
   Answer(Message(1));
   EXPECT_TRUE(Find().IsOk());
-  EXPECT_TRUE(Request() != "");
+  EXPECT_EQ(Request(), ExpectedRequest(AF_INET));
   char byte = 0;
   EXPECT_EQ(::send(kernelsEnd_->get(), &byte, 1, MSG_NOSIGNAL), -1);
   EXPECT_EQ(errno, ECONNREFUSED);
