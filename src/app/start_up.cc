@@ -8,6 +8,7 @@
 
 #include "agent/libevent_log.h"
 #include "app/thread_monitor.h"
+#include "util/crash_handler.h"
 #include "util/log.h"
 #include "util/privilege.h"
 
@@ -83,6 +84,7 @@ bool Init(const std::string& configPath) {
     ORX_LOG(Orx::Log::kError, "Failed to read config file from: %s", configPath.c_str());
     return false;
   }
+  Mirel::SetBacktraceDirectory(process.settings->RootPrefix() + "/tmp");
   process.hookInvoker = std::make_unique<Orx::HookInvoker>(
       process.settings->InternalHooksDirectory(), process.settings->ExternalHooksDirectory());
   try {
