@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -68,6 +69,7 @@ int FailOrFreeze(timeval* now) {
 // Defines a function that takes the place of the library's function of that name in the whole
 // process: it passes every call on, unless a Fault is alive for it. (The C++ name differs from the
 // symbol, so that it does not collide with the libraries' own declarations.)
+// NOLINTBEGIN(bugprone-macro-parentheses): parameters are a list, Result is a type
 #define FAULTY(Result, function, failure, parameters, arguments)                   \
   static FaultState function##_state;                                              \
   static const Registration function##_registration(#function, &function##_state); \
@@ -80,6 +82,7 @@ int FailOrFreeze(timeval* now) {
         reinterpret_cast<Result(*) parameters>(::dlsym(RTLD_NEXT, #function));     \
     return real arguments;                                                         \
   }
+// NOLINTEND(bugprone-macro-parentheses)
 
 // The C library's. The failure value of pthread_sigmask is its error number.
 FAULTY(int, gettimeofday, FailOrFreeze(now), (timeval * now, void* zone), (now, zone))
@@ -108,7 +111,8 @@ FAULTY(int, ftruncate, -1, (int fd, off_t length), (fd, length))
 FAULTY(int, pthread_create, errno,
        (void* thread, const void* attributes, void* (*body)(void*), void* argument),
        (thread, attributes, body, argument))
-FAULTY(void*, signal, reinterpret_cast<void*>(-1), (int number, void* handler), (number, handler))
+FAULTY(void*, signal, reinterpret_cast<void*>(SIG_ERR), (int number, void* handler),
+       (number, handler))
 
 // libevent's.
 FAULTY(void*, event_base_new, nullptr, (), ())

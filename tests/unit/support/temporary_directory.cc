@@ -33,7 +33,7 @@ std::string TemporaryDirectory::Write(const std::string& name, const std::string
 
 std::string TemporaryDirectory::WriteScript(const std::string& name,
                                             const std::string& content) const {
-  const std::string path = Write(name, content);
+  std::string path = Write(name, content);
   fs::permissions(path, fs::perms::owner_exec, fs::perm_options::add);
   return path;
 }

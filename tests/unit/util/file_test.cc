@@ -95,9 +95,10 @@ class Counter : public test::Fault {
   explicit Counter(const char* function) : Fault(function, 0, 0, 0) {}
 };
 
+// Whether not even a shared lock is to be had.
 bool IsLocked(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-  const bool locked = ::flock(fd, LOCK_EX | LOCK_NB) != 0;
+  const bool locked = ::flock(fd, LOCK_SH | LOCK_NB) != 0;
   ::close(fd);
   return locked;
 }

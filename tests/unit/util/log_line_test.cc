@@ -359,7 +359,7 @@ TEST(LogLevel, LetsLevelsBetweenTheNamedOnesPass) {
   const LogFile log(kInfo);
   Message2(4, "", "warning");
   Message2(5, "", "notice");
-  EXPECT_THAT(log.Lines(), ElementsAre(EndsWith("   warning"), EndsWith("   notice")));
+  EXPECT_THAT(log.Lines(), ElementsAre(EndsWith("]    warning"), EndsWith("]    notice")));
 }
 
 TEST(LogLevel, AboveTheCeilingNeverEvaluatesTheFormat) {
