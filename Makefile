@@ -9,11 +9,11 @@ help:  ## list the targets
 
 build:  ## build the daemon: build/release/tavlo
 	@tools/dependencies build
-	@tools/build release
+	@BUILD_TESTING=OFF tools/build release
 
 run:  ## show a session with a demonstration set-up, then stay until Ctrl-C
 	@tools/dependencies run
-	@tools/build release
+	@BUILD_TESTING=OFF tools/build release
 	@tools/demonstration
 
 check:  ## build and run everything that proves the system

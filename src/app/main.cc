@@ -5,10 +5,12 @@
 #include "app/command_line.h"
 #include "app/run_loop.h"
 #include "app/start_up.h"
+#include "util/crash_handler.h"
 #include "util/descriptor.h"
 #include "util/log.h"
 
 int main(int argc, char** argv) {
+  Mirel::RegisterCrashHandler(argc > 0 ? argv[0] : "");
   stdext::open_missing_standard_descriptors();
   const std::optional<tavlo::Options> options = tavlo::ParseCommandLine(argc, argv);
   if (!options) {

@@ -8,7 +8,9 @@
 
 #include "agent/libevent_log.h"
 #include "app/thread_monitor.h"
+#include "util/crash_handler.h"
 #include "util/log.h"
+#include "util/privilege.h"
 
 using tavlo::AgentHost;
 using tavlo::AppSettings;
@@ -40,6 +42,21 @@ std::unique_ptr<AgentHost> MakeHost(const ProcessObjects& process, bool secure) 
       settings.AgentDstAddr(), settings.AgentDstPort(), settings.AgentPrefix(), OnThreadHeartbeat);
 }
 
+// An empty name leaves the process as it is.
+bool BecomeUser(const std::string& user) {
+  if (user.empty()) {
+    return true;
+  }
+  const Orx::Status status = stdext::drop_privilege(user);
+  if (!status.IsOk()) {
+    Orx::Log::Message2(Orx::Log::kError, kInit, "Failed to change user identity to '%s': %s",
+                       user.c_str(), status.Message().c_str());
+    return false;
+  }
+  Orx::Log::Message2(Orx::Log::kDebug, kInit, "Running as '%s'", user.c_str());
+  return true;
+}
+
 }  // namespace
 
 ProcessObjects& tavlo::TheProcess() {
@@ -67,10 +84,7 @@ bool Init(const std::string& configPath) {
     ORX_LOG(Orx::Log::kError, "Failed to read config file from: %s", configPath.c_str());
     return false;
   }
-  if (!process.settings->AgentUser().empty()) {
-    ORX_LOG(Orx::Log::kError, "agentUser is not supported yet");
-    return false;
-  }
+  Mirel::SetBacktraceDirectory(process.settings->RootPrefix() + "/tmp");
   process.hookInvoker = std::make_unique<Orx::HookInvoker>(
       process.settings->InternalHooksDirectory(), process.settings->ExternalHooksDirectory());
   try {
@@ -80,7 +94,8 @@ bool Init(const std::string& configPath) {
     ORX_LOG(Orx::Log::kError, "Failed to create AgentHost: %s", error.what());
     return false;
   }
-  return true;
+  // Last: what stands before it may need root's rights.
+  return BecomeUser(process.settings->AgentUser());
 }
 
 bool LoadAppSettings(const std::string& path, AppSettings* settings) {

@@ -2,7 +2,6 @@
 
 import os
 import re
-import shutil
 from pathlib import Path
 
 import pytest
@@ -13,14 +12,17 @@ from support.waiting import wait_until
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples" / "hooks"
 
 
-@pytest.fixture
-def start(root, make_daemon, sdk_host):
-    """Starts a daemon with one example installed and these variables in its environment."""
+@pytest.fixture(params=["/bin/sh", "/bin/busybox ash"])
+def start(request, root, make_daemon, sdk_host):
+    """Starts a daemon with one example installed and these variables in its environment. A router
+    has busybox for its shell."""
     (root.external_hooks / "agent").rmdir()
     root.settings["agentDataPath"] = str(root.agent_data)
 
     def start_with(example, **variables):
-        shutil.copy(EXAMPLES / example, root.internal_hooks / "agent" / example)
+        text = (EXAMPLES / example).read_text()
+        assert text.startswith("#!/bin/sh\n")
+        root.write_hook(root.internal_hooks, example, text.replace("/bin/sh", request.param, 1))
         return make_daemon().start(env={**os.environ, **variables})
 
     return start_with

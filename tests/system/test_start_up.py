@@ -1,6 +1,7 @@
 """Starting: what makes it fail, and what is in place afterwards."""
 
 import os
+import pwd
 import socket
 
 import pytest
@@ -82,11 +83,28 @@ def test_an_empty_agent_user_keeps_the_identity(daemon):
     assert "Running as" not in daemon.log_text()
 
 
-def test_a_configured_agent_user_is_refused_for_now(root, make_daemon):
+@pytest.mark.skipif(os.getuid() != 0, reason="only root can become somebody else")
+def test_a_configured_agent_user_is_who_it_runs_as(root, make_daemon):
     root.settings["agentUser"] = "nobody"
+    daemon = make_daemon().start()
+    account = pwd.getpwnam("nobody")
+    status = dict(line.split(":\t", 1) for line in
+                  open(f"/proc/{daemon.pid}/status", encoding="ascii") if ":\t" in line)
+    assert status["Uid"].split() == [str(account.pw_uid)] * 4
+    assert status["Gid"].split() == [str(account.pw_gid)] * 4
+    lines = daemon.log_text().splitlines()
+    changed = next(i for i, line in enumerate(lines)
+                   if line.endswith(" DEBUG: bool Init: Running as 'nobody'"))
+    assert lines[changed + 1].endswith(" DEBUG: bool Init: Leave")
+    # The sockets, bound before, serve on.
+    assert ask(root.http_port, "GET", "/").status == 404
+
+
+def test_an_unknown_agent_user_stops_the_start(root, make_daemon):
+    root.settings["agentUser"] = "nobody-of-that-name"
     line = start_and_fail(make_daemon())
-    assert " ERROR: bool Init: " in line
-    assert "not supported yet" in line
+    assert line.endswith(" ERROR: bool Init: Failed to change user identity to "
+                         "'nobody-of-that-name': Failed to resolve user id 'nobody-of-that-name'")
 
 
 def test_it_runs_one_thread_for_each_listener_beside_the_main_one(daemon):

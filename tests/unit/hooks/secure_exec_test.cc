@@ -1,5 +1,6 @@
 #include "hooks/secure_exec.h"
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -234,6 +235,28 @@ TEST_F(SecureExecTest, AChildThatIgnoresSigtermIsWaitedForAndHasTimedOut) {
   EXPECT_EQ(RunScript("trap '' TERM; echo ready; sleep 2; echo done; exit 0", "", 1), -1);
   EXPECT_EQ(output_, "ready\ndone\n");
   EXPECT_THAT(Errors(), ElementsAre(HasSubstr("Command timed out, PID ")));
+}
+
+// The listeners' threads, which call hooks, have the daemon's signals blocked, and so have the
+// children.
+TEST_F(SecureExecTest, AProgramThatInheritsSigtermBlockedIsWaitedForAndHasTimedOut) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &signals, nullptr), 0);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(RunScript("exec sleep 3", "", 1), -1);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+  EXPECT_THAT(Errors(), ElementsAre(HasSubstr("Command timed out, PID ")));
+}
+
+// What docs/hooks.md advises.
+TEST_F(SecureExecTest, SigkillEndsAProgramAllTheSame) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &signals, nullptr), 0);
+  EXPECT_EQ(RunScript("timeout -s KILL 1 sleep 30; exit 0"), 0);
 }
 
 TEST_F(SecureExecTest, TheTimeoutIsTheFirstThingReported) {
