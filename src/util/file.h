@@ -20,7 +20,8 @@ std::vector<int> lock_file(const std::vector<std::string>& paths, int retries, i
 int lock_file(const std::string& path, int retries, int delayMs);
 
 /// A file that another process may be rewriting, read under an exclusive advisory lock. Several
-/// threads may each use their own object; the lock excludes other processes, not them.
+/// threads may each use their own object; two objects for one path exclude each other as processes
+/// do.
 class file {
  public:
   /// Takes the lock: up to 41 attempts over about 4.1 s, during which the thread is blocked.
