@@ -1,6 +1,6 @@
 # The front door: each target says in a line what it is for; the work is in CMake and tools/.
 
-.PHONY: all build check check-slow run format clean help
+.PHONY: all bench build check check-slow run format clean help
 
 all: build
 
@@ -23,6 +23,11 @@ check:  ## build and run everything that proves the system
 check-slow:  ## the tests that wait for minutes, in the release build
 	@tools/dependencies check
 	@tools/check slow
+
+bench:  ## show how small and how fast the release build is
+	@tools/dependencies run
+	@BUILD_TESTING=OFF tools/build release
+	@tools/bench
 
 format:  ## rewrite the sources in the house's format
 	@tools/dependencies check
