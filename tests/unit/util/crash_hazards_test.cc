@@ -182,16 +182,15 @@ TEST_F(CrashHazards, FaultsInTwoThreadsAtOnceEndTheProcess) {
 // --- no stack ---
 
 // NOLINTNEXTLINE(misc-no-recursion): that is what overflows
-__attribute__((noinline)) int Overflow(const volatile char* caller) {
+__attribute__((noinline)) int Descend(int depth) {
   volatile char block[4096] = {};
-  block[0] = static_cast<char>(*caller + 1);
-  // Never true, which the compiler cannot know.
-  return &block[0] == caller ? 0 : Overflow(block) + block[0];
+  block[0] = 1;
+  return depth == 0 ? 0 : Descend(depth - 1) + block[0];
 }
 
+// Far deeper than any stack.
 void RunOutOfStack() {
-  const char first = 0;
-  Overflow(&first);
+  Descend(1 << 20);
 }
 
 class StackOverflow : public CrashHazards {
