@@ -61,11 +61,11 @@ def owner(path):
     return info.st_uid, info.st_gid
 
 
-def hang_up(daemon, count=1):
+def hang_up(daemon):
     """Sends SIGHUP and waits until it has been dealt with; the console has all lines."""
     mark = daemon.console.stat().st_size
     daemon.send_signal(signal.SIGHUP)
-    daemon.wait_for_log("void Run: HUP$", since=mark, path=daemon.console, count=count)
+    daemon.wait_for_log("void Run: HUP$", since=mark, path=daemon.console)
     daemon.wait_for_log("(?:SetPairingKey|ERROR: void UpdatePairingKey): .*$", since=mark,
                         path=daemon.console)
 
