@@ -59,7 +59,6 @@ namespace {
 
 using test::CountOf;
 using test::kRecordEnd;
-using testing::Contains;
 using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;

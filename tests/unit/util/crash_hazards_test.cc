@@ -3,12 +3,11 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <sched.h>
@@ -27,7 +26,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using test::CountOf;
 using test::kRecordEnd;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -168,7 +166,7 @@ TEST_F(CrashHazards, FaultsInTwoThreadsAtOnceEndTheProcess) {
         ++ready;
         while (ready < 2) {
         }
-        volatile int* nowhere = nullptr;
+        volatile int* nowhere = reinterpret_cast<int*>(0x1230);
         __asm__ volatile("" : "+r"(nowhere));
         *nowhere = 1;
       };
