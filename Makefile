@@ -1,6 +1,6 @@
 # The front door: each target says in a line what it is for; the work is in CMake and tools/.
 
-.PHONY: all bench build check check-slow run format clean help
+.PHONY: all bench build check check-slow run format fuzz clean help
 
 all: build
 
@@ -23,6 +23,10 @@ check:  ## build and run everything that proves the system
 check-slow:  ## the tests that wait for minutes, in the release build
 	@tools/dependencies check
 	@tools/check slow
+
+fuzz:  ## feed made-up inputs to what reads foreign ones: a minute each, or TIME=seconds TARGET=name
+	@tools/dependencies check
+	@tools/fuzz $(or $(TIME),60) $(TARGET)
 
 bench:  ## show how small and how fast the release build is
 	@tools/dependencies run
