@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
 /// What every target defines; `data` holds `size` arbitrary bytes.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
@@ -19,22 +20,25 @@ inline void Require(bool holds, const char* what) {
   }
 }
 
-/// Takes an input apart.
+/// Takes an input apart, which must live as long.
 class Input {
  public:
   Input(const uint8_t* data, size_t size) : rest_(reinterpret_cast<const char*>(data), size) {}
 
+  bool IsAtEnd() const { return rest_.empty(); }
+
   /// The next byte; 0 at the end.
   unsigned char Byte() {
-    const std::string byte = Take(1);
-    return byte.empty() ? 0 : static_cast<unsigned char>(byte[0]);
+    const unsigned char byte = rest_.empty() ? 0 : static_cast<unsigned char>(rest_[0]);
+    Take(1);
+    return byte;
   }
 
   /// Up to `count` bytes.
   std::string Take(size_t count) {
-    std::string taken = rest_.substr(0, count);
-    rest_.erase(0, count);
-    return taken;
+    const std::string_view taken = rest_.substr(0, count);
+    rest_.remove_prefix(taken.size());
+    return std::string(taken);
   }
 
   /// What comes before the next line feed, or all the rest.
@@ -45,10 +49,10 @@ class Input {
     return line;
   }
 
-  const std::string& Rest() const { return rest_; }
+  std::string Rest() const { return std::string(rest_); }
 
  private:
-  std::string rest_;
+  std::string_view rest_;
 };
 
 }  // namespace fuzz

@@ -21,7 +21,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const uint16_t port = fuzz::RunHost(true, {CheckAndAnswer});
   fuzz::Input input(data, size);
   const bool raw = input.Byte() == 'R';
-  const std::string& bytes = input.Rest();
+  const std::string bytes = input.Rest();
   inputsSinceKey = !raw && bytes.find(fuzz::kPairingKey) != bytes.npos ? 0 : inputsSinceKey + 1;
   const std::string answer = raw ? fuzz::Exchange(port, bytes) : fuzz::ExchangeInTls(port, bytes);
   fuzz::Require(raw || answer.empty() || answer.compare(0, 5, "HTTP/") == 0, "an answer is HTTP");

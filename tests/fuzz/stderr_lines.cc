@@ -8,7 +8,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   constexpr size_t kLongestRest = 1024;
   fuzz::Input input(data, size);
   std::string buffer;
-  while (!input.Rest().empty()) {
+  while (!input.IsAtEnd()) {
     const size_t pieceSize = 1 + input.Byte() * kReadSize / 256;
     buffer += input.Take(pieceSize);
     Orx::SecureExecStderr(buffer, false, 1);
