@@ -33,6 +33,7 @@ else()
     -fPIE
     -fstack-protector-strong
     -fstack-clash-protection
+    $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},aarch64>:-mbranch-protection=standard>
     -ffunction-sections
     -fdata-sections
     $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
