@@ -7,7 +7,7 @@ import socket
 import pytest
 
 from support.clients import ask
-from support.daemon import BINARY
+from support.daemon import PROGRAM
 from support.network_namespace import NetworkNamespace
 from support.waiting import SANITIZER, wait_until
 
@@ -47,7 +47,7 @@ def test_a_failed_start_says_enter_and_leave_once(root, make_daemon):
 def test_a_daemon_without_a_configuration_file_uses_the_defaults(tmp_path):
     with NetworkNamespace() as namespace:
         log = tmp_path / "log"
-        with namespace.start(BINARY, "-f", log) as process:
+        with namespace.start(*PROGRAM, "-f", log) as process:
             wait_until(lambda: log.exists() and "tavlo started" in log.read_text(), "its start")
             assert namespace.listening() == {("127.0.0.1", 60278), ("127.0.0.1", 60279)}
             process.terminate()

@@ -3,13 +3,15 @@
 import ctypes
 import os
 import re
+import shlex
 import signal
 import socket
 import subprocess
 
 from support.waiting import DEFAULT_LIMIT, wait_until
 
-BINARY = os.environ["TAVLO_BINARY"]
+# A program for another processor is started by an emulator.
+PROGRAM = [*shlex.split(os.environ.get("TAVLO_EMULATOR", "")), os.environ["TAVLO_BINARY"]]
 
 # Nothing that a test starts outlives it, even if the test itself is killed.
 DIE_WITH_PARENT = ["setpriv", "--pdeathsig", "KILL"]
@@ -32,8 +34,8 @@ PIDFD_GETFD = 438  # the system call's number, the same on every architecture
 
 def run_tavlo(*arguments, **options):
     """Runs the daemon's program to its end; for command lines that do not start the daemon."""
-    result = subprocess.run([*DIE_WITH_PARENT, BINARY, *map(str, arguments)], capture_output=True,
-                            text=True, timeout=DEFAULT_LIMIT, check=False, **options)
+    result = subprocess.run([*DIE_WITH_PARENT, *PROGRAM, *map(str, arguments)],
+                            capture_output=True, text=True, timeout=DEFAULT_LIMIT, check=False, **options)
     assert_no_sanitizer_report(result.stderr.encode())
     return result
 
@@ -61,7 +63,7 @@ class Daemon:
             popen_options = {"stdin": subprocess.DEVNULL, "stdout": console, "stderr": console,
                              **popen_options}
             self.process = subprocess.Popen(
-                [*DIE_WITH_PARENT, *self.prefix, BINARY, *self.options,
+                [*DIE_WITH_PARENT, *self.prefix, *PROGRAM, *self.options,
                  "-c", str(self.root.config), "-f", str(self.log)], **popen_options)
         return self
 
