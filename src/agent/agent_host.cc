@@ -6,12 +6,14 @@
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
+#include <event2/listener.h>
 #include <event2/util.h>
 #include <sys/socket.h>
 
 #include "agent/callback_guard.h"
 #include "agent/listening_socket.h"
 #include "util/descriptor.h"
+#include "util/error_text.h"
 #include "util/log.h"
 
 namespace tavlo {
@@ -39,29 +41,11 @@ void OnInput(evbuffer* input, const evbuffer_cb_info* /*change*/, void* connecti
   }
 }
 
-// Whether libevent's resolver will let a connection be bound to `address`; what it finds out about
-// the machine's addresses at its first call holds for the life of the process.
-bool CanBindTo(const char* address) {
-  evutil_addrinfo hints = {};
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = EVUTIL_AI_PASSIVE | EVUTIL_AI_ADDRCONFIG;
-  evutil_addrinfo* found = nullptr;
-  if (evutil_getaddrinfo(address, "0", &hints, &found) != 0) {
-    return false;
-  }
-  evutil_freeaddrinfo(found);
-  return true;
-}
+// How long a listener rests that the system refuses a connection, for want of descriptors mostly.
+constexpr timeval kAcceptPause = {1, 0};
 
-// A socket that libevent binds before it connects is close-on-exec from its first moment; any other
-// one is not, and hook scripts inherit it. Where it cannot be bound, being connected counts more.
-void KeepFromChildren(evhttp_connection* connection, const std::string& dstAddr) {
-  const bool isIpv6 = dstAddr.find(':') != std::string::npos;
-  const char* const anyAddress = isIpv6 ? "::" : "0.0.0.0";
-  if (CanBindTo(anyAddress)) {
-    evhttp_connection_set_family(connection, isIpv6 ? AF_INET6 : AF_INET);
-    evhttp_connection_set_local_address(connection, anyAddress);
-  }
+void ResumeAccepting(evutil_socket_t, short, void* listener) {
+  evconnlistener_enable(static_cast<evconnlistener*>(listener));
 }
 
 std::runtime_error ErrnoFailure(const std::string& what) {
@@ -97,6 +81,10 @@ bufferevent* AgentHost::OnConnection(event_base* base, void* argument) {
     evbuffer_add_cb(bufferevent_get_input(connection), OnInput, connection);
   }
   return connection;
+}
+
+void AgentHost::OnAcceptError(evconnlistener* listener, void*) {
+  RunGuarded(__PRETTY_FUNCTION__, [listener] { PauseAccepting(listener); });
 }
 
 AgentHost::AgentHost(Orx::HookInvoker* invoker, bool secure, const std::string& agentDataPath,
@@ -160,7 +148,6 @@ void AgentHost::InitServer() {
   }
   evcon_.reset(evcon, evhttp_connection_free);
   evhttp_connection_set_timeout(evcon, kHttpTimeoutSecs);
-  KeepFromChildren(evcon, dstAddr_);
 
   evhttp_set_gencb(http, OnRequest, this);
   evhttp_set_bevcb(http, OnConnection, this);
@@ -182,11 +169,33 @@ void AgentHost::Run() {
 // On failure `errno` tells why.
 bool AgentHost::Listen(const std::string& address) {
   stdext::descriptor socket(OpenListeningSocket(address, listenPort_));
-  if (!socket.is_open() || evhttp_accept_socket_with_handle(http_.get(), socket.get()) == nullptr) {
+  if (!socket.is_open()) {
     return false;
   }
-  socket.release();
+  evconnlistener* const listener =
+      evconnlistener_new(base_.get(), nullptr, nullptr,
+                         LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 0, socket.get());
+  if (listener == nullptr) {
+    return false;
+  }
+  socket.release();  // the listener owns it now
+  evconnlistener_set_error_cb(listener, OnAcceptError);
+  if (evhttp_bind_listener(http_.get(), listener) == nullptr) {
+    evconnlistener_free(listener);
+    return false;
+  }
   return true;
+}
+
+// The connection that was refused goes on waiting, and would be tried again without end.
+void AgentHost::PauseAccepting(evconnlistener* listener) {
+  const int errnum = errno;
+  if (event_base_once(evconnlistener_get_base(listener), -1, EV_TIMEOUT, ResumeAccepting, listener,
+                      &kAcceptPause) == 0) {
+    evconnlistener_disable(listener);
+  }
+  ORX_LOG(Orx::Log::kError, "Failed to accept a connection: %s",
+          stdext::error_number_and_text(errnum).c_str());
 }
 
 void AgentHost::BindSrcAddr(const std::string& addr) {

@@ -13,6 +13,7 @@
 struct bufferevent;
 struct event;
 struct event_base;
+struct evconnlistener;
 struct ssl_ctx_st;
 
 namespace Orx {
@@ -65,18 +66,26 @@ class AgentHost {
   void SetPairingKey(const std::string& key);
 
  private:
-  // What libevent calls; the last argument is the host, or the client's request for a reply.
+  // A request on its way to the SDK REST host and back.
+  struct Forwarding {
+    AgentHost* host;
+    evhttp_request* client;
+  };
+
+  // What libevent calls; the last argument is the host, or a Forwarding for a reply.
   static void OnInvokerEvent(evutil_socket_t, short, void* host);
   static void OnHeartbeatEvent(evutil_socket_t, short, void* host);
   static bufferevent* OnConnection(event_base* base, void* argument);
   static void OnRequest(evhttp_request* req, void* host);
-  static void OnReply(evhttp_request* reply, void* client);
+  static void OnReply(evhttp_request* reply, void* argument);
+  static void OnAcceptError(evconnlistener* listener, void*);
 
   void InitServer();
   void InitSsl();
   void InitHeartbeating();
 
   bool Listen(const std::string& address);
+  static void PauseAccepting(evconnlistener* listener);
   void Invoke();
 
   bool LoadCertificate();
@@ -90,6 +99,7 @@ class AgentHost {
   bool CallHook(const std::string& uri, evhttp_cmd_type method, const std::string& data,
                 bool* terminated);
   void Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
+  void KeepConnectionFromChildren();
   static void RelayReply(evhttp_request* reply, evhttp_request* client);
   void ApiGetMac(evhttp_request* req);
 

@@ -2,13 +2,17 @@
 
 #include <algorithm>
 #include <array>
+#include <memory>
+#include <mutex>
 #include <string>
 
 #include <event2/buffer.h>
+#include <event2/bufferevent.h>
 #include <openssl/crypto.h>
 
 #include "agent/agent_host.h"
 #include "agent/callback_guard.h"
+#include "util/close_on_exec.h"
 #include "util/log.h"
 
 namespace tavlo {
@@ -51,8 +55,11 @@ void AgentHost::OnRequest(evhttp_request* req, void* host) {
   }
 }
 
-void AgentHost::OnReply(evhttp_request* reply, void* client) {
-  auto* const req = static_cast<evhttp_request*>(client);
+void AgentHost::OnReply(evhttp_request* reply, void* argument) {
+  const std::unique_ptr<Forwarding> forwarding(static_cast<Forwarding*>(argument));
+  // For the next request in its queue libevent may have connected anew.
+  forwarding->host->KeepConnectionFromChildren();
+  evhttp_request* const req = forwarding->client;
   if (!RunGuarded(__PRETTY_FUNCTION__, [&] { RelayReply(reply, req); })) {
     evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
   }
@@ -139,20 +146,31 @@ void AgentHost::Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_
   const std::string target = agentPrefix_ + uri;
 
   int result = -1;
-  evhttp_request* const forwarded = evhttp_request_new(OnReply, req);
+  auto forwarding = std::make_unique<Forwarding>(Forwarding{this, req});
+  evhttp_request* const forwarded = evhttp_request_new(OnReply, forwarding.get());
   if (forwarded != nullptr) {
     evkeyvalq* const headers = evhttp_request_get_output_headers(forwarded);
     evhttp_add_header(headers, "Content-Length", lengthText.c_str());
     evhttp_add_header(headers, "Host", dstAddr_.c_str());
     evbuffer_remove_buffer(body, evhttp_request_get_output_buffer(forwarded), length);
+    const std::lock_guard<std::mutex> lock(stdext::exec_mutex());
     result = evhttp_make_request(evcon_.get(), forwarded, method, target.c_str());
+    KeepConnectionFromChildren();
   }
-  // Unless it failed, the reply callback may have run already: the client's request may be gone.
   if (result < 0) {
     Orx::Log::Message2(Orx::Log::kError, kDispatchRequest,
                        "Failed in forwarding the http req to SDK REST host");
     evhttp_send_error(req, HTTP_INTERNAL, "Cannot forward the http request to the server");
+    return;
   }
+  // All belongs to the reply callback now, which may have run already.
+  static_cast<void>(forwarding.release());
+}
+
+// libevent opens the connection without making it close-on-exec. What may slip through is one that
+// it opens by itself, while the other listener starts a script, until the reply callback runs.
+void AgentHost::KeepConnectionFromChildren() {
+  stdext::set_close_on_exec(bufferevent_getfd(evhttp_connection_get_bufferevent(evcon_.get())));
 }
 
 void AgentHost::RelayReply(evhttp_request* reply, evhttp_request* client) {

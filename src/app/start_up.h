@@ -26,7 +26,7 @@ ProcessObjects& TheProcess();
 }  // namespace tavlo
 
 /// Prepares everything that `Run` needs; an empty path stands for the built-in settings. Returns
-/// false, after one logged error, when the daemon cannot run.
+/// false, after a logged error that names the cause, when the daemon cannot run.
 bool Init(const std::string& configPath);
 
 /// Reads the configuration file into `settings`; an empty path leaves them as they are. Returns

@@ -14,9 +14,9 @@ namespace Orx {
 ///
 /// Each event checks its arguments and hands them to every script as flag and value. A script
 /// answers by its exit status, 0 or 1; anything else (another status, a signal, more than 300
-/// seconds, 1000000 bytes of output) is a failure, after which no further script runs. The
-/// operations block until the scripts have ended. They change nothing in the object: any thread may
-/// call them. Failures are returned, not logged. They throw only what `SecureExec` throws.
+/// seconds) is a failure, after which no further script runs. The operations block until the
+/// scripts have ended. They change nothing in the object: any thread may call them. Failures are
+/// returned, not logged. They throw only what `SecureExec` throws.
 class HookInvoker {
  public:
   /// The internal directory of every event that is invoked must exist; the external one need not.
@@ -42,7 +42,7 @@ class HookInvoker {
   /// Runs the hooks named `name`. `exitCode`, which may be null, becomes 1 when a script of the
   /// last directory that was run exited with 1, else 0: an external directory, even an empty one,
   /// overrules what the internal scripts said, deliberately. `output`, which may be null, receives
-  /// what the scripts printed, one after another.
+  /// what the scripts printed, one after another; then a script that prints 1000000 bytes fails.
   Status Invoke(const std::string& name, const std::vector<const char*>& args, int* exitCode,
                 std::string* output);
 

@@ -15,6 +15,7 @@
 
 #include "hooks/raii_pipe.h"
 #include "hooks/subprocess_timeout.h"
+#include "util/close_on_exec.h"
 #include "util/error_text.h"
 #include "util/log.h"
 #include "util/retry.h"
@@ -118,6 +119,11 @@ class AbandonedChildren {
 AbandonedChildren& TheAbandonedChildren() {
   static AbandonedChildren children;
   return children;
+}
+
+pid_t Fork() {
+  const std::lock_guard<std::mutex> lock(stdext::exec_mutex());
+  return ::fork();
 }
 
 // In the child, from here to exec: async-signal-safe calls only.
@@ -351,7 +357,7 @@ int SecureExec(const char* path, const std::vector<const char*>& args, const std
   }
   const std::vector<char*> argv = ArgumentVector(path, args);
   const ChildEnvironment environment;
-  const pid_t pid = ::fork();
+  const pid_t pid = Fork();
   if (pid == -1) {
     LogErrno("fork failed");
     return -1;

@@ -25,8 +25,8 @@ int SecureExec(const char* path, const std::vector<const char*>& args, const std
                std::string* output, ssize_t maxOutput, unsigned int timeoutSecs);
 
 /// Logs the complete lines in `buffer` as the child's standard error and removes them; at the end
-/// of the stream (`eof`) a last partial line too. A line of more than 1024 bytes is dropped as far
-/// as it has come.
+/// of the stream (`eof`) a last partial line too. When more than 1024 bytes have come without a
+/// line feed they are dropped, so that of a long line the end may remain, or nothing.
 void SecureExecStderr(std::string& buffer, bool eof, pid_t pid);
 
 }  // namespace Orx

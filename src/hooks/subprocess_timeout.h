@@ -14,8 +14,8 @@ namespace Orx {
 /// child. Until then the child is at worst a zombie, so that the signal cannot meet a stranger who
 /// was given its process number.
 struct SubprocessTimeout {
-  /// `timeoutSecs` of 0 makes it fire at once.
-  SubprocessTimeout(pid_t pid, unsigned int timeoutSecs);
+  /// A limit of 0 `seconds` makes it fire at once.
+  SubprocessTimeout(pid_t watchedPid, unsigned int seconds);
 
   void Run();
 

@@ -55,6 +55,7 @@ struct Registers {
 
 template <typename Number>
 void* ToPointer(Number number) {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): registers and the unwinder give numbers
   return reinterpret_cast<void*>(static_cast<uintptr_t>(number));
 }
 
@@ -98,9 +99,9 @@ _Unwind_Reason_Code StoreFrame(_Unwind_Context* context, void* /*argument*/) {
   return _URC_NO_REASON;
 }
 
-// The demangler allocates, and may move the buffer that it was given: what it returns is the buffer
-// from then on. It is not safe in a signal handler, and neither is dladdr; names are worth it, and
-// the alarm bounds the harm.
+// The one thing here that always allocates is the demangler, which also may move the buffer that it
+// was given: what it returns is the buffer from then on. It is not safe in a signal handler, and
+// neither is dladdr, which locks; names are worth it, and the alarm bounds the harm.
 const char* Demangle(const char* symbol) {
   size_t size = kMaxNameSize;
   int status = 0;
@@ -173,7 +174,7 @@ void CrashHandler(int number, siginfo_t* info, void* context) {
     WriteRecord(fd, number, *info, ReadRegisters(context));
     ::close(fd);
   }
-  // The logger's lock and the streams are not safe here either: the alarm again.
+  // The logger takes its lock, and the streams and strsignal may allocate: the alarm again.
   const char* const text = ::strsignal(number);
   Orx::Log::Message2(Orx::Log::kError, "void {anonymous}::CrashHandler(int, siginfo_t*, void*)",
                      "Process exit due to signal: %d (%s)", number, text);
@@ -204,6 +205,7 @@ void RegisterCrashHandler(const std::string& processName) {
   std::memset(state.frames, 0, sizeof state.frames);
   state.frameCount = 0;
   state.demangled = static_cast<char*>(std::calloc(1, kMaxNameSize));
+  ::tzset();  // or the first use of gmtime_r would read the time zone's file
   const std::string name = processName.substr(processName.rfind('/') + 1);
   std::snprintf(state.processName, sizeof state.processName, "%s", name.c_str());
   SetBacktraceDirectory(kDefaultDirectory);

@@ -9,10 +9,8 @@
 namespace {
 
 using test::Fault;
-using test::RunInChild;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::StartsWith;
 
 using StartUp = test::DaemonFixture;
 

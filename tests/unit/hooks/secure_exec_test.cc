@@ -22,7 +22,6 @@
 namespace {
 
 using test::Fault;
-using testing::AllOf;
 using testing::Contains;
 using testing::ContainsRegex;
 using testing::ElementsAre;
@@ -30,7 +29,6 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-using testing::StartsWith;
 
 constexpr unsigned int kPlenty = 60;  // seconds
 

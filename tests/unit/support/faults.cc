@@ -95,6 +95,8 @@ FAULTY(ssize_t, send, -1, (int fd, const void* data, size_t size, int flags),
 FAULTY(ssize_t, recv, -1, (int fd, void* data, size_t size, int flags), (fd, data, size, flags))
 FAULTY(const char*, inet_ntop, nullptr, (int family, const void* in, char* out, unsigned size),
        (family, in, out, size))
+FAULTY(int, accept4, -1, (int fd, void* address, unsigned* size, int flags),
+       (fd, address, size, flags))
 FAULTY(int, flock, -1, (int fd, int operation), (fd, operation))
 FAULTY(int, nanosleep, -1, (const timespec* wanted, timespec* left), (wanted, left))
 FAULTY(int, pthread_sigmask, errno, (int how, const void* set, void* old), (how, set, old))
@@ -128,6 +130,15 @@ FAULTY(void*, evhttp_request_new, nullptr, (void (*callback)(void*, void*), void
 FAULTY(int, evhttp_make_request, (FreeWith("evhttp_request_free", request), -1),
        (void* connection, void* request, int type, const char* uri),
        (connection, request, type, uri))
+FAULTY(void*, evconnlistener_new, nullptr,
+       (void* base, void (*callback)(void*, int, void*, int, void*), void* argument, unsigned flags,
+        int backlog, int fd),
+       (base, callback, argument, flags, backlog, fd))
+FAULTY(void*, evhttp_bind_listener, nullptr, (void* http, void* listener), (http, listener))
+FAULTY(int, event_base_once, -1,
+       (void* base, int fd, short what, void (*callback)(int, short, void*), void* argument,
+        const timeval* delay),
+       (base, fd, what, callback, argument, delay))
 FAULTY(void*, evbuffer_new, nullptr, (), ())
 FAULTY(const char*, evhttp_request_get_uri, nullptr, (const void* request), (request))
 FAULTY(int, evthread_use_pthreads, -1, (), ())

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <stdexcept>
 
 #include <stdlib.h>
@@ -40,7 +41,8 @@ std::string TemporaryDirectory::WriteScript(const std::string& name,
 
 std::string ReadFile(const std::string& path) {
   std::ifstream input(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>()};
+  const std::string text{std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>()};
+  return std::regex_replace(text, std::regex("qemu: uncaught target signal [^\n]*\n"), "");
 }
 
 }  // namespace test

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <thread>
 
@@ -38,7 +39,6 @@ using testing::Contains;
 using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::Not;
 
 const std::string kSeparator(50, '-');
 
@@ -81,6 +81,10 @@ class CrashHandlerTest : public testing::Test {
 struct FatalSignal {
   int number;
   const char* text;
+
+  friend std::ostream& operator<<(std::ostream& out, const FatalSignal& signal) {
+    return out << signal.text;
+  }
 };
 
 class FatalSignalTest : public CrashHandlerTest, public testing::WithParamInterface<FatalSignal> {};

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <mutex>
+
+namespace stdext {
+
+/// For descriptors that a library opens without making them close-on-exec. Who has it open one
+/// holds this until the descriptor is marked, and who starts a program holds it during `fork`, so
+/// that no program starts in between and inherits it.
+std::mutex& exec_mutex();
+
+/// Marks the descriptor. One that is not open (-1) is passed over.
+void set_close_on_exec(int fd);
+
+}  // namespace stdext
