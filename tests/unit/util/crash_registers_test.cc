@@ -1,6 +1,7 @@
 // Crashes a child with known values in its registers and looks for them in the record.
 
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -9,25 +10,112 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "support/child.h"
 #include "support/log_capture.h"
 #include "support/temporary_directory.h"
 #include "util/crash_handler.h"
 
-// fault_with_registers(address, sp, lr) writes to `address` with that stack pointer and that return
-// address; the instruction that does so is at fault_with_registers_pc.
+#if defined(__aarch64__) || defined(__x86_64__)
+
 extern "C" {
-[[noreturn]] void fault_with_registers(void* address, void* sp, void* lr);
-extern const char fault_with_registers_pc;
+// Writes to `address`, with `stack` as its stack and, where the processor has one, `link` in its
+// link register. The instruction that does it is at `write_to_pc`.
+void write_to(uintptr_t address, uintptr_t stack, uintptr_t link);
+extern const char write_to_pc __attribute__((visibility("hidden")));
 }
 
+// Nobody has called it, as far as the unwinder can see: the return address is undefined.
 __asm__(
     ".pushsection .text\n"
-    ".globl fault_with_registers, fault_with_registers_pc\n"
-    ".type fault_with_registers, %function\n"
-    "fault_with_registers:\n"
+    ".globl write_to, write_to_pc\n"
+    ".hidden write_to_pc\n"
+    ".type write_to, %function\n"
+    "write_to:\n"
     ".cfi_startproc\n"
-    ".cfi_undefined rip_or_lr\n"
+#if defined(__aarch64__)
+    ".cfi_undefined x30\n"
+    "mov sp, x1\n"
+    "mov x30, x2\n"
+    "write_to_pc: strb wzr, [x0]\n"
+    "brk #0\n"
+#else
+    ".cfi_undefined rip\n"
+    "mov %rsi, %rsp\n"
+    "write_to_pc: movb $0, (%rdi)\n"
+    "ud2\n"
+#endif
     ".cfi_endproc\n"
+    ".size write_to, . - write_to\n"
     ".popsection\n");
+
+namespace {
+
+using testing::HasSubstr;
+
+constexpr uintptr_t kNowhere = 0x1231;
+constexpr uintptr_t kLink = 0x123456789abc;
+constexpr size_t kStackSize = 1U << 20U;
+
+#if defined(__aarch64__)
+constexpr const char* kShownLink = "0x123456789abc";
+#else
+constexpr const char* kShownLink = "(nil)";
+#endif
+
+std::string Shown(uintptr_t value) {
+  char text[32] = {};
+  std::snprintf(text, sizeof text, "%#zx", static_cast<size_t>(value));
+  return text;
+}
+
+// A stack of its own for the child: its end, less what a call would have used.
+uintptr_t MakeStack() {
+  void* const memory =
+      ::mmap(nullptr, kStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return memory == MAP_FAILED ? 0 : reinterpret_cast<uintptr_t>(memory) + kStackSize - 4096;
+}
+
+class CrashRegisters : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_NE(stack_, 0U);
+    const int status = test::RunInChild([this] {
+      const rlimit noCore = {0, 0};
+      ::setrlimit(RLIMIT_CORE, &noCore);
+      ::close(STDERR_FILENO);
+      Mirel::RegisterCrashHandler("program");
+      Mirel::SetBacktraceDirectory(directory_.Path());
+      write_to(kNowhere, stack_, kLink);
+    });
+    ASSERT_TRUE(WIFSIGNALED(status)) << status;
+    ASSERT_EQ(WTERMSIG(status), SIGSEGV);
+    record_ = test::ReadFile(directory_ / "program-backtrace.log");
+  }
+
+  test::LogCapture log_;
+  test::TemporaryDirectory directory_;
+  const uintptr_t stack_ = MakeStack();
+  const std::string pc_ = Shown(reinterpret_cast<uintptr_t>(&write_to_pc));
+  std::string record_;
+};
+
+TEST_F(CrashRegisters, AreRecordedAsTheFaultLeftThem) {
+  EXPECT_THAT(record_, HasSubstr("\nFault address: " + Shown(kNowhere) + " PC: " + pc_ +
+                                 " SP: " + Shown(stack_) + " LR: " + kShownLink + "\n"));
+}
+
+TEST_F(CrashRegisters, GiveTheSameFaultAddressAsTheSignal) {
+  EXPECT_THAT(record_, HasSubstr("\nFault Address: " + Shown(kNowhere) + "\n"));
+}
+
+TEST_F(CrashRegisters, GiveTheProgramCounterThatTheCallStackShows) {
+  const ptrdiff_t offset = &write_to_pc - reinterpret_cast<const char*>(&write_to);
+  EXPECT_THAT(record_, HasSubstr("\n" + pc_ + " write_to + " +
+                                 Shown(static_cast<uintptr_t>(offset)) + "\n---"));
+}
+
+}  // namespace
+
+#endif
