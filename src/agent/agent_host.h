@@ -92,7 +92,6 @@ class AgentHost {
   bufferevent* SslConnect();
 
   void DispatchRequest(evhttp_request* req);
-  bool ApiRequestSupported(const std::string& uri, evhttp_cmd_type method);
   bool CheckEndpoint(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
   bool CheckPairingKey(evhttp_request* req);
   bool OfferToHook(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);

@@ -1,15 +1,13 @@
 // What happens to a request: the checks, in their order, and its way to the SDK REST host and back.
 
-#include <algorithm>
-#include <array>
 #include <memory>
 #include <mutex>
 #include <string>
 
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
-#include <openssl/crypto.h>
 
+#include "agent/access.h"
 #include "agent/agent_host.h"
 #include "agent/callback_guard.h"
 #include "util/close_on_exec.h"
@@ -21,28 +19,6 @@ namespace {
 
 // The lines of all steps of the dispatch carry its name.
 constexpr const char* kDispatchRequest = "void tavlo::AgentHost::DispatchRequest(evhttp_request*)";
-
-struct Endpoint {
-  evhttp_cmd_type method;
-  const char* uri;
-};
-
-// What the plain listener accepts; a URI must match as a whole, its query included.
-constexpr std::array<Endpoint, 7> kPlainEndpoints = {{
-    {EVHTTP_REQ_GET, "/api/version"},
-    {EVHTTP_REQ_GET, "/api/1/router-info"},
-    {EVHTTP_REQ_GET, "/api/2/router-info"},
-    {EVHTTP_REQ_PATCH, "/api/1/router-attribution-id"},
-    {EVHTTP_REQ_PATCH, "/api/2/router-attribution-id"},
-    {EVHTTP_REQ_PATCH, "/api/1/router-ref"},
-    {EVHTTP_REQ_PATCH, "/api/2/router-ref"},
-}};
-
-// Takes as long for a key that is wrong in its first byte as for one that is wrong in its last.
-bool IsSameKey(const std::string& expected, const std::string& given) {
-  return expected.size() == given.size() &&
-         CRYPTO_memcmp(expected.data(), given.data(), expected.size()) == 0;
-}
 
 }  // namespace
 
@@ -131,12 +107,6 @@ bool AgentHost::CheckEndpoint(evhttp_request* req, const std::string& uri, evhtt
     return false;
   }
   return true;
-}
-
-bool AgentHost::ApiRequestSupported(const std::string& uri, evhttp_cmd_type method) {
-  return std::any_of(kPlainEndpoints.begin(), kPlainEndpoints.end(), [&](const Endpoint& endpoint) {
-    return endpoint.method == method && endpoint.uri == uri;
-  });
 }
 
 void AgentHost::Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_type method) {
