@@ -1,6 +1,6 @@
 # The front door: each target says in a line what it is for; the work is in CMake and tools/.
 
-.PHONY: all build aarch64 check check-slow run format clean help
+.PHONY: all aarch64 bench build check check-slow run format clean help
 
 all: build
 
@@ -27,6 +27,11 @@ check-slow:  ## the tests that wait for minutes, in the release build
 aarch64:  ## build for AArch64 and run all tests of that build under an emulator
 	@tools/dependencies aarch64
 	@tools/check aarch64
+
+bench:  ## show how small and how fast the release build is
+	@tools/dependencies run
+	@BUILD_TESTING=OFF tools/build release
+	@tools/bench
 
 format:  ## rewrite the sources in the house's format
 	@tools/dependencies check

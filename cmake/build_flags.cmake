@@ -24,6 +24,10 @@ target_compile_options(tavlo_build_flags INTERFACE
   $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-branches>
   $<$<CXX_COMPILER_ID:GNU>:-Wlogical-op>)
 
+# A function whose last call has become a jump is missing in a crash record, such as the one that
+# tells what a listener's thread is.
+target_compile_options(tavlo_build_flags INTERFACE -fno-optimize-sibling-calls)
+
 if(TAVLO_SANITIZE)
   target_compile_options(tavlo_build_flags INTERFACE
     -fsanitize=${TAVLO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

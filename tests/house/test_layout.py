@@ -20,7 +20,7 @@ LIBRARIES = {
     "event2/": {"agent/", "app/start_up.cc"},
     "openssl/": {"agent/"},
     "json-c/": {"settings/"},
-    "rapidjson/": {"agent/agent_host_mac.cc"},
+    "rapidjson/": {"agent/device_list."},
     "linux/": {"util/router_util.cc"},
 }
 

@@ -1,9 +1,15 @@
 """What a crash of the daemon leaves behind."""
 
+import ctypes
+import os
 import re
 import signal
 
 import pytest
+
+from support.clients import ask, connect
+from support.daemon import DIE_WITH_PARENT
+from support.waiting import wait_until
 
 SIGNALS = [signal.SIGSEGV, signal.SIGABRT, signal.SIGILL, signal.SIGFPE, signal.SIGBUS,
            signal.SIGSYS]
@@ -14,14 +20,54 @@ def crash(daemon, number):
     assert daemon.process.wait(30) == -number
 
 
+def record_of(root):
+    return (root.directory / "tmp" / "tavlo-backtrace.log").read_text()
+
+
+def has_frame(record, function):
+    return re.search(rf"^0x[0-9a-f]+ {re.escape(function)} \+ 0x[0-9a-f]+$", record, re.MULTILINE)
+
+
+def thread_numbers(daemon):
+    return set(map(int, os.listdir(f"/proc/{daemon.pid}/task")))
+
+
+def crash_thread(daemon, thread, number=signal.SIGSEGV):
+    """Sends the signal to one thread alone."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    assert libc.tgkill(daemon.pid, thread, number) == 0, os.strerror(ctypes.get_errno())
+    assert daemon.process.wait(30) == -number
+
+
+def identity_in_log(daemon, pattern):
+    """The thread that logged a line, as the log shows it."""
+    return int(daemon.wait_for_log(rf"\[\w+\.(\w+)\] \w+: .*{pattern}")[0][1], 16)
+
+
+def stack_of_waiting_thread(daemon, thread):
+    def look():
+        with open(f"/proc/{daemon.pid}/task/{thread}/syscall", encoding="ascii") as call:
+            numbers = call.read().split()
+        return numbers[-2:] if len(numbers) > 1 else None  # a running thread has none
+
+    return int(wait_until(look, f"a pause of thread {thread}")[0], 16)
+
+
+def thread_with_identity(daemon, identity):
+    """A thread's stack ends below its identity, which is an address."""
+    distances = {identity - stack_of_waiting_thread(daemon, thread): thread
+                 for thread in thread_numbers(daemon)}
+    return distances[min(distance for distance in distances if distance > 0)]
+
+
 @pytest.mark.parametrize("number", SIGNALS, ids=lambda number: number.name)
 def test_a_fatal_signal_is_recorded_below_the_root_prefix(root, daemon, number):
     crash(daemon, number)
-    record = (root.directory / "tmp" / "tavlo-backtrace.log").read_text()
+    record = record_of(root)
     assert re.match(r"\(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\) Process exit due to signal: "
                     rf"{number.value}\nFault Address: .*\nFault address: .* PC: 0x.* SP: 0x.* LR: .*"
                     r"\nBacktrace:\n", record)
-    assert re.search(r"^0x[0-9a-f]+ Run\(\) \+ 0x[0-9a-f]+$", record, re.MULTILINE)
+    assert has_frame(record, "Run()")
     assert record.endswith("-" * 50 + "\n\n")
     line = f"Process exit due to signal: {number.value}"
     assert f" ERROR: void {{anonymous}}::CrashHandler: {line} (" in daemon.log_text()
@@ -33,11 +79,77 @@ def test_records_of_one_daemon_after_another_are_kept(root, make_daemon):
         daemon = make_daemon().start()
         crash(daemon, signal.SIGSEGV)
         daemon.log.unlink()  # else it says that the next one has started
-    record = (root.directory / "tmp" / "tavlo-backtrace.log").read_text()
+    record = record_of(root)
     assert record.count("Process exit due to signal: 11\n") == 2
 
 
 def test_without_the_directory_there_is_the_log_line_alone(root, daemon):
     (root.directory / "tmp").rmdir()
     crash(daemon, signal.SIGSEGV)
+    assert "CrashHandler: Process exit due to signal: 11 (Segmentation fault)" in daemon.log_text()
+
+
+def test_a_crash_of_the_main_thread_names_its_function(root, daemon):
+    main = identity_in_log(daemon, "tavlo started$")
+    crash_thread(daemon, daemon.pid)
+    assert has_frame(record_of(root), "Run()")
+    assert not has_frame(record_of(root), "tavlo::AgentHost::Run()")
+    assert identity_in_log(daemon, "CrashHandler: ") == main
+
+
+@pytest.mark.parametrize("tls", [False, True], ids=["http", "https"])
+def test_a_crash_of_a_listener_thread_names_its_function(root, daemon, tls):
+    ask(root.https_port if tls else root.http_port, "GET", "/to-know-its-thread", tls=tls)
+    listener = identity_in_log(daemon, "GET /to-know-its-thread$")
+    crash_thread(daemon, thread_with_identity(daemon, listener))
+    assert has_frame(record_of(root), "tavlo::AgentHost::Run()")
+    assert not has_frame(record_of(root), "Run()")
+    assert identity_in_log(daemon, "CrashHandler: ") == listener
+
+
+def test_a_crash_of_a_watchdog_thread_names_its_function(root, make_daemon):
+    gate = root.directory / "gate"
+    os.mkfifo(gate)
+    root.write_hook(root.internal_hooks, "10-wait", f"#!/bin/sh\nread line <{gate}\n")
+    root.settings["agentDataPath"] = str(root.agent_data)
+    daemon = make_daemon().start()
+    before = thread_numbers(daemon)
+    with connect(root.http_port) as client:
+        client.sendall(b"PATCH /api/1/router-ref HTTP/1.1\r\nHost: x\r\nContent-Length: 1\r\n\r\nx")
+        with open(gate, "r+b", buffering=0) as held:
+            daemon.wait_for_log("Running subprocess timeout thread for PID")
+            (watchdog,) = thread_numbers(daemon) - before
+            crash_thread(daemon, watchdog)
+            held.write(b"go on\n")
+    assert has_frame(record_of(root), "Orx::SubprocessTimeout::Run()")
+    assert not has_frame(record_of(root), "tavlo::AgentHost::Run()")
+    assert identity_in_log(daemon, "CrashHandler: ") == identity_in_log(
+        daemon, "Running subprocess timeout thread for PID")
+
+
+def test_a_shell_that_supervises_it_sees_128_and_the_signal(root, make_daemon):
+    statuses = root.directory / "statuses"
+    supervisor = make_daemon(prefix=[
+        "sh", "-c", 'until "$@"; do echo $? >>"$0"; done; echo $? >>"$0"', statuses,
+        *DIE_WITH_PARENT]).launch()
+    for count, number in enumerate((signal.SIGSEGV, signal.SIGABRT, signal.SIGTERM), start=1):
+        # It listens again each time, on the same ports.
+        last = supervisor.wait_for_log(r"\[(\w+)\.\w+\] INFO: void Run: tavlo started$",
+                                       count=count)[-1]
+        os.kill(int(last[1], 16), number)
+    assert supervisor.wait_for_exit() == 0
+    assert statuses.read_text().split() == ["139", "134", "0"]
+    assert re.findall(r"due to signal: (\d+)", record_of(root)) == ["11", "6"]
+
+
+def test_a_record_file_of_somebody_else_is_left_alone(root, make_daemon):
+    if os.getuid() != 0:
+        pytest.skip("only root can become somebody else")
+    root.directory.chmod(0o755)
+    (root.directory / "tmp").chmod(0o777)
+    (root.directory / "tmp" / "tavlo-backtrace.log").write_text("root's\n")
+    root.settings["agentUser"] = "nobody"
+    daemon = make_daemon().start()
+    crash(daemon, signal.SIGSEGV)
+    assert record_of(root) == "root's\n"
     assert "CrashHandler: Process exit due to signal: 11 (Segmentation fault)" in daemon.log_text()

@@ -10,8 +10,9 @@ import subprocess
 
 from support.waiting import DEFAULT_LIMIT, EMULATOR, wait_until
 
-# A program for another processor is started by an emulator.
-PROGRAM = [*shlex.split(EMULATOR), os.environ["TAVLO_BINARY"]]
+BINARY = os.environ["TAVLO_BINARY"]
+# One for another processor is started by an emulator.
+PROGRAM = [*shlex.split(EMULATOR), BINARY]
 
 # Nothing that a test starts outlives it, even if the test itself is killed.
 DIE_WITH_PARENT = ["setpriv", "--pdeathsig", "KILL"]

@@ -8,14 +8,8 @@
 
 #include <gmock/gmock.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include "support/child.h"
-#include "support/log_capture.h"
-#include "support/temporary_directory.h"
-#include "util/crash_handler.h"
+#include "support/crash_test.h"
 
 #if defined(__aarch64__) || defined(__x86_64__)
 
@@ -77,43 +71,30 @@ uintptr_t MakeStack() {
   return memory == MAP_FAILED ? 0 : reinterpret_cast<uintptr_t>(memory) + kStackSize - 4096;
 }
 
-class CrashRegisters : public testing::Test {
+class CrashRegisters : public test::CrashTest {
  protected:
   void SetUp() override {
     ASSERT_NE(stack_, 0U);
-    const int status = test::RunInChild([this] {
-      const rlimit noCore = {0, 0};
-      ::setrlimit(RLIMIT_CORE, &noCore);
-      ::close(STDERR_FILENO);
-      Mirel::RegisterCrashHandler("program");
-      Mirel::SetBacktraceDirectory(directory_.Path());
-      write_to(kNowhere, stack_, kLink);
-    });
-    ASSERT_TRUE(WIFSIGNALED(status)) << status;
-    ASSERT_EQ(WTERMSIG(status), SIGSEGV);
-    record_ = test::ReadFile(directory_ / "program-backtrace.log");
+    ExpectEndedBy(Crash([this] { write_to(kNowhere, stack_, kLink); }), SIGSEGV);
   }
 
-  test::LogCapture log_;
-  test::TemporaryDirectory directory_;
   const uintptr_t stack_ = MakeStack();
   const std::string pc_ = Shown(reinterpret_cast<uintptr_t>(&write_to_pc));
-  std::string record_;
 };
 
 TEST_F(CrashRegisters, AreRecordedAsTheFaultLeftThem) {
-  EXPECT_THAT(record_, HasSubstr("\nFault address: " + Shown(kNowhere) + " PC: " + pc_ +
-                                 " SP: " + Shown(stack_) + " LR: " + kShownLink + "\n"));
+  EXPECT_THAT(Record(), HasSubstr("\nFault address: " + Shown(kNowhere) + " PC: " + pc_ +
+                                  " SP: " + Shown(stack_) + " LR: " + kShownLink + "\n"));
 }
 
 TEST_F(CrashRegisters, GiveTheSameFaultAddressAsTheSignal) {
-  EXPECT_THAT(record_, HasSubstr("\nFault Address: " + Shown(kNowhere) + "\n"));
+  EXPECT_THAT(Record(), HasSubstr("\nFault Address: " + Shown(kNowhere) + "\n"));
 }
 
 TEST_F(CrashRegisters, GiveTheProgramCounterThatTheCallStackShows) {
   const ptrdiff_t offset = &write_to_pc - reinterpret_cast<const char*>(&write_to);
-  EXPECT_THAT(record_, HasSubstr("\n" + pc_ + " write_to + " +
-                                 Shown(static_cast<uintptr_t>(offset)) + "\n---"));
+  EXPECT_THAT(Record(), HasSubstr("\n" + pc_ + " write_to + " +
+                                  Shown(static_cast<uintptr_t>(offset)) + "\n---"));
 }
 
 }  // namespace

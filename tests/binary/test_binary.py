@@ -1,0 +1,98 @@
+"""The shipped binary: its size, its hardening, and what it asks of the router's C library."""
+
+import os
+import re
+import subprocess
+from pathlib import Path
+
+import pytest
+
+BINARY = os.environ["TAVLO_BINARY"]
+LARGEST_SIZE = 300 * 1000  # bytes
+
+# Decided by the C++ library's own headers, according to what its C library had when the toolchain
+# was made: one for uClibc-ng does not ask for them.
+TOOLCHAINS_OWN = {
+    "__libc_start_main",  # of the start-up code
+    "pthread_cond_clockwait",  # of std::condition_variable; see docs/porting.md
+}
+
+
+def readelf(*options):
+    result = subprocess.run(["readelf", "-W", *options, BINARY], check=True, capture_output=True,
+                            text=True, env={**os.environ, "LC_ALL": "C"})
+    return result.stdout
+
+
+def imported_symbols():
+    """Name and version of each function and object that other libraries must have."""
+    for line in readelf("--dyn-syms").splitlines():
+        fields = line.split()
+        if len(fields) > 7 and fields[6] == "UND":
+            name, _, version = fields[7].partition("@")
+            yield name, version.lstrip("@")
+
+
+def known_to_uclibc_ng():
+    lines = (Path(__file__).parent / "uclibc_ng.txt").read_text(encoding="ascii").splitlines()
+    return {line for line in lines if line and not line.startswith("#")}
+
+
+def segment_flags(name):
+    line = next(line for line in readelf("-l").splitlines() if line.split()[:1] == [name])
+    return re.search(r" ([R ][W ][E ]) 0x[0-9a-f]+$", line)[1]
+
+
+def test_it_is_small():
+    assert os.path.getsize(BINARY) <= LARGEST_SIZE
+
+
+def test_it_is_stripped_but_can_name_its_functions():
+    sections = readelf("-S")
+    assert ".symtab" not in sections and ".debug_info" not in sections
+    defined = [line for line in readelf("--dyn-syms").splitlines()
+               if "AgentHost3RunEv" in line and " UND " not in line]
+    assert len(defined) == 1
+
+
+def test_it_is_position_independent():
+    assert re.search(r"Type: +DYN \(Position-Independent Executable file\)", readelf("-h"))
+
+
+def test_its_relocations_are_read_only():
+    assert "GNU_RELRO" in readelf("-l")
+    assert re.search(r"FLAGS_1\).*\bNOW\b", readelf("-d"))
+
+
+def test_neither_its_stack_nor_its_data_is_executable():
+    assert segment_flags("GNU_STACK") == "RW "
+    loads = [line for line in readelf("-l").splitlines() if line.split()[:1] == ["LOAD"]]
+    assert loads and not any(re.search(r"RWE 0x", line) for line in loads)
+
+
+def test_its_stack_is_protected_and_its_calls_fortified():
+    names = {name for name, _ in imported_symbols()}
+    assert "__stack_chk_fail" in names
+    assert any(re.fullmatch(r"__\w+_chk", name) for name in names)
+
+
+def test_it_brings_no_path_to_search_libraries_in():
+    assert not re.search(r"\((?:RPATH|RUNPATH)\)", readelf("-d"))
+
+
+def test_it_needs_no_more_libraries_than_documented():
+    needed = re.findall(r"\(NEEDED\).*\[(.*?)\.so", readelf("-d"))
+    assert sorted(name for name in needed if not name.startswith("ld-linux")) == [
+        "libc", "libcrypto", "libevent-2.1", "libevent_openssl-2.1", "libevent_pthreads-2.1",
+        "libgcc_s", "libjson-c", "libssl", "libstdc++"]
+
+
+def of_the_c_library():
+    return sorted(name for name, version in imported_symbols() if version.startswith("GLIBC_"))
+
+
+@pytest.mark.parametrize("name", of_the_c_library())
+def test_uclibc_ng_has(name):
+    # A fortified call is the plain one where the C library's headers know of no other.
+    plain = re.sub(r"^__(\w+)_chk$", r"\1", name)
+    assert {name, plain} & (known_to_uclibc_ng() | TOOLCHAINS_OWN)

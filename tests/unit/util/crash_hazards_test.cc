@@ -1,0 +1,277 @@
+// Crashes under conditions that leave less than the whole report, or might leave none.
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include <gmock/gmock.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "support/crash_test.h"
+#include "util/crash_handler.h"
+#include "util/log.h"
+#include "util/privilege.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::kRecordEnd;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr const char* kSegmentationFault = "Segmentation fault";
+constexpr rlim_t kCoreLimit = 1U << 20U;
+
+class CrashHazards : public test::CrashTest {
+ protected:
+  void ExpectTheRest(int status) {
+    ExpectEndedBy(status, SIGSEGV);
+    ExpectReported(SIGSEGV, kSegmentationFault);
+  }
+
+  static mode_t ModeOf(const std::string& path) {
+    struct stat info = {};
+    return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 07777U : 0;
+  }
+};
+
+// --- where the record goes ---
+
+TEST_F(CrashHazards, WithoutItsDirectoryTheRestStillComes) {
+  ExpectTheRest(Crash([this] {
+    Mirel::SetBacktraceDirectory(directory_ / "missing");
+    ::raise(SIGSEGV);
+  }));
+  EXPECT_FALSE(fs::exists(directory_ / "missing"));
+}
+
+TEST_F(CrashHazards, InADirectoryOfSomebodyElseTheRestStillComes) {
+  if (::geteuid() != 0) {
+    GTEST_SKIP() << "only root can become somebody else";
+  }
+  fs::permissions(directory_.Path(), fs::perms(0755));
+  const auto crashAsNobody = [] {
+    if (stdext::drop_privilege("nobody").IsOk()) {
+      ::raise(SIGSEGV);
+    }
+  };
+  ExpectTheRest(Crash(crashAsNobody));
+  EXPECT_FALSE(fs::exists(RecordPath()));
+
+  fs::permissions(directory_.Path(), fs::perms(0777));
+  ExpectEndedBy(Crash(crashAsNobody), SIGSEGV);
+  EXPECT_THAT(Record(), EndsWith(kRecordEnd));
+}
+
+TEST_F(CrashHazards, OnAFullDeviceTheRestStillComes) {
+  ASSERT_EQ(::symlink("/dev/full", RecordPath().c_str()), 0);
+  ExpectTheRest(Crash([] { ::raise(SIGSEGV); }));
+}
+
+TEST_F(CrashHazards, TheRecordIsCutWhereTheSpaceEnds) {
+  const std::string directory = directory_ / "full";
+  const std::string path = directory + "/program-backtrace.log";
+  fs::create_directory(directory);
+  std::string record;
+  int status = 0;
+  bool isMounted = false;
+  const auto pageSize = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  const std::string earlier(pageSize - 100, 'x');
+  // A thread's mounts go with it when it has a namespace of its own.
+  std::thread([&] {
+    isMounted = ::unshare(CLONE_NEWNS) == 0 &&
+                ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                ::mount("none", directory.c_str(), "tmpfs", 0, "nr_blocks=1") == 0;
+    if (isMounted) {
+      directory_.Write("full/program-backtrace.log", earlier);
+      status = Crash([&] {
+        Mirel::SetBacktraceDirectory(directory);
+        ::raise(SIGSEGV);
+      });
+      record = test::ReadFile(path);
+    }
+  }).join();
+  if (!isMounted) {
+    GTEST_SKIP() << "no file system can be mounted here";
+  }
+  ExpectTheRest(status);
+  EXPECT_EQ(record.size(), pageSize);
+  EXPECT_THAT(record, StartsWith(earlier + "("));
+  EXPECT_THAT(record, HasSubstr(") Process exit due to signal: 11\nFault Address: "));
+}
+
+TEST_F(CrashHazards, ANewFileIsReadableForAllUnlessTheUmaskForbidsIt) {
+  for (const auto& [mask, mode] : {std::pair<mode_t, mode_t>{0, 0644}, {077, 0600}}) {
+    ExpectEndedBy(Crash([mask = mask] {
+                    ::umask(mask);
+                    ::raise(SIGSEGV);
+                  }),
+                  SIGSEGV);
+    EXPECT_EQ(ModeOf(RecordPath()), mode);
+    fs::remove(RecordPath());
+  }
+}
+
+TEST_F(CrashHazards, AFileThatIsThereKeepsItsModeAndItsContent) {
+  directory_.Write("program-backtrace.log", "what was there\n");
+  fs::permissions(RecordPath(), fs::perms(0660));
+  ExpectEndedBy(Crash([] { ::raise(SIGSEGV); }), SIGSEGV);
+  EXPECT_EQ(ModeOf(RecordPath()), 0660U);
+  EXPECT_THAT(Record(), StartsWith("what was there\n("));
+  EXPECT_THAT(Record(), EndsWith(kRecordEnd));
+}
+
+// --- threads ---
+
+TEST_F(CrashHazards, ACrashWhileAnotherThreadIsLoggingForGoodIsEndedByTheAlarm) {
+  const auto start = std::chrono::steady_clock::now();
+  const int status = Crash([] {
+    std::atomic<bool> held(false);
+    std::thread([&held] {
+      const std::lock_guard<std::mutex> lock(Orx::Log::Detail::Mutex());
+      held = true;
+      for (;;) {
+        ::pause();
+      }
+    }).detach();
+    while (!held) {
+      std::this_thread::yield();
+    }
+    ::raise(SIGSEGV);
+  });
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+  // The alarm counts whole seconds from somewhere within one.
+  EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::seconds(9));
+  EXPECT_THAT(Record(), EndsWith(kRecordEnd));
+  ExpectNotReported();
+}
+
+TEST_F(CrashHazards, FaultsInTwoThreadsAtOnceEndTheProcess) {
+  for (int i = 0; i < 20; ++i) {
+    const int status = Crash([] {
+      std::atomic<int> ready(0);
+      const auto fault = [&ready] {
+        ++ready;
+        while (ready < 2) {
+        }
+        volatile int* nowhere = reinterpret_cast<int*>(0x1230);
+        __asm__ volatile("" : "+r"(nowhere));
+        *nowhere = 1;
+      };
+      std::thread(fault).detach();
+      fault();
+    });
+    EXPECT_TRUE(WIFSIGNALED(status)) << status;
+  }
+}
+
+// --- no stack ---
+
+// NOLINTNEXTLINE(misc-no-recursion): that is what overflows
+__attribute__((noinline)) int Descend(int depth) {
+  volatile char block[4096] = {};
+  block[0] = 1;
+  return depth == 0 ? 0 : Descend(depth - 1) + block[0];
+}
+
+// Far deeper than any stack.
+void RunOutOfStack() {
+  Descend(1 << 20);
+}
+
+class StackOverflow : public CrashHazards {
+ protected:
+  // Ended by the signal at once, since the handler has no stack to run on.
+  void ExpectNoReport(int status) {
+    ExpectEndedBy(status, SIGSEGV);
+    EXPECT_FALSE(fs::exists(RecordPath()));
+    ExpectNotReported();
+  }
+};
+
+TEST_F(StackOverflow, InTheMainThreadLeavesNoReport) {
+  ExpectNoReport(Crash([] {
+    const rlimit small = {1U << 20U, RLIM_INFINITY};
+    ::setrlimit(RLIMIT_STACK, &small);
+    RunOutOfStack();
+  }));
+}
+
+TEST_F(StackOverflow, InAnotherThreadLeavesNoReport) {
+  ExpectNoReport(Crash([] { std::thread(RunOutOfStack).join(); }));
+}
+
+// --- core files ---
+
+class CoreFile : public CrashHazards {
+ protected:
+  void SetUp() override {
+    pattern_ = test::ReadFile("/proc/sys/kernel/core_pattern");
+    pattern_.erase(pattern_.find_last_not_of('\n') + 1);
+  }
+
+  // Crashes in the scratch directory, where at most `limit` bytes of a core file may appear.
+  int CrashWithLimit(rlim_t limit) {
+    return Crash([this, limit] {
+      const rlimit core = {limit, HardLimit()};
+      if (::chdir(directory_.Path().c_str()) == 0 && ::setrlimit(RLIMIT_CORE, &core) == 0) {
+        ::raise(SIGSEGV);
+      }
+    });
+  }
+
+  static rlim_t HardLimit() {
+    rlimit core = {};
+    ::getrlimit(RLIMIT_CORE, &core);
+    return core.rlim_max;
+  }
+
+  bool HasCoreFile() const {
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory_.Path())) {
+      if (entry.path().filename().string().rfind(pattern_, 0) == 0) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  std::string pattern_;
+};
+
+TEST_F(CoreFile, IsLeftWhereTheLimitAllowsIt) {
+  if (pattern_ != "core") {
+    GTEST_SKIP() << "this system does not leave cores where the process runs: " << pattern_;
+  }
+  if (HardLimit() < kCoreLimit) {
+    GTEST_SKIP() << "core files are forbidden here";
+  }
+  const int status = CrashWithLimit(kCoreLimit);
+  ExpectTheRest(status);
+  EXPECT_TRUE(WCOREDUMP(status));
+  EXPECT_TRUE(HasCoreFile());
+  EXPECT_THAT(Record(), EndsWith(kRecordEnd));
+}
+
+TEST_F(CoreFile, IsNotLeftWhereTheLimitForbidsIt) {
+  if (pattern_.rfind('|', 0) == 0) {
+    GTEST_SKIP() << "a program takes the cores, whatever the limit is: " << pattern_;
+  }
+  const int status = CrashWithLimit(0);
+  ExpectTheRest(status);
+  EXPECT_FALSE(WCOREDUMP(status));
+  EXPECT_FALSE(HasCoreFile());
+}
+
+}  // namespace
