@@ -2,6 +2,7 @@
 
 import importlib.machinery
 import importlib.util
+import os
 import re
 import shutil
 import signal
@@ -16,6 +17,8 @@ from support.waiting import DEFAULT_LIMIT
 
 PROJECT = Path(__file__).resolve().parents[2]
 TOOL = PROJECT / "tools" / "decode-backtrace"
+# For a daemon of another processor; what the tests compile is of this machine's own.
+DAEMON_PREFIX = os.environ.get("TAVLO_BINUTILS_PREFIX", "")
 DEBUG_FILE = Path(BINARY + ".debug")  # only the release build splits it off
 
 END = "-" * 50 + "\n\n"
@@ -240,7 +243,7 @@ def test_a_crash_of_the_daemon_is_traced_to_its_line(daemon_record, tmp_path):
     source = PROJECT / "src" / "app" / "run_loop.cc"
     line, = (number for number, text in enumerate(source.read_text().splitlines(), 1)
              if "= ::sigtimedwait(" in text)
-    output = decode_well(binary, daemon_record)
+    output = decode_well(binary, daemon_record, f"--prefix={DAEMON_PREFIX}")
     wait, caller = [match for match in added_lines(output)
                     if match["file"].endswith("src/app/run_loop.cc")]
     assert re.search(r"\bWaitForSignal(\(|$)", wait["function"])
