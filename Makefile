@@ -1,6 +1,6 @@
 # The front door: each target says in a line what it is for; the work is in CMake and tools/.
 
-.PHONY: all aarch64 bench build check check-slow run format clean help
+.PHONY: all aarch64 bench build check check-slow run format fuzz clean help
 
 all: build
 
@@ -27,6 +27,10 @@ check-slow:  ## the tests that wait for minutes, in the release build
 aarch64:  ## build for AArch64 and run all tests of that build under an emulator
 	@tools/dependencies aarch64
 	@tools/check aarch64
+
+fuzz:  ## feed made-up inputs to what reads foreign ones: a minute each, or TIME=seconds TARGET=name
+	@tools/dependencies check
+	@tools/fuzz $(or $(TIME),60) $(TARGET)
 
 bench:  ## show how small and how fast the release build is
 	@tools/dependencies run

@@ -182,12 +182,13 @@ class Daemon:
                 own.add(os.readlink(f"/proc/{self.pid}/fd/{descriptor}"))
             except FileNotFoundError:
                 pass  # closed meanwhile
-        found = []
+        found = {}
         with open(f"/proc/{self.pid}/net/tcp", encoding="ascii") as table:
+            # A socket may come twice: the kernel does not hold the table still.
             for fields in map(str.split, list(table)[1:]):
                 if f"socket:[{fields[9]}]" in own:
-                    found.append(tuple(int(end.split(":")[1], 16) for end in fields[1:3]))
-        return found
+                    found[fields[9]] = tuple(int(end.split(":")[1], 16) for end in fields[1:3])
+        return list(found.values())
 
     def client_connections(self):
         listening = (self.root.http_port, self.root.https_port)

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <ostream>
-#include <regex>
 #include <thread>
 
 #include "agent/host_fixture.h"
@@ -48,8 +47,11 @@ class AgentHostSetUpFailure : public AgentHostTest,
 
 TEST_P(AgentHostSetUpFailure, IsThrownWithItsCause) {
   const Fault fault(GetParam().function, ENOMEM, GetParam().skip);
-  const std::string message =
-      std::regex_replace(GetParam().message, std::regex("PORT"), std::to_string(port_));
+  std::string message = GetParam().message;
+  const size_t port = message.find("PORT");
+  if (port != std::string::npos) {
+    message.replace(port, 4, std::to_string(port_));
+  }
   EXPECT_EQ(FailureToMake(GetParam().secure), message);
 }
 
