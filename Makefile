@@ -1,6 +1,6 @@
 # The front door: each target says in a line what it is for; the work is in CMake and tools/.
 
-.PHONY: all bench build check check-slow run format fuzz clean help
+.PHONY: all aarch64 bench build check check-slow run format fuzz clean help
 
 all: build
 
@@ -23,6 +23,10 @@ check:  ## build and run everything that proves the system
 check-slow:  ## the tests that wait for minutes, in the release build
 	@tools/dependencies check
 	@tools/check slow
+
+aarch64:  ## build for AArch64 and run all tests of that build under an emulator
+	@tools/dependencies aarch64
+	@tools/check aarch64
 
 fuzz:  ## feed made-up inputs to what reads foreign ones: a minute each, or TIME=seconds TARGET=name
 	@tools/dependencies check

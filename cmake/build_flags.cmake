@@ -29,6 +29,10 @@ target_compile_options(tavlo_build_flags INTERFACE
 # tells what a listener's thread is.
 target_compile_options(tavlo_build_flags INTERFACE -fno-optimize-sibling-calls)
 
+# Out-of-line atomics ask the C library for __getauxval, which uClibc-ng may not have.
+target_compile_options(tavlo_build_flags INTERFACE
+  $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},aarch64>:-mno-outline-atomics>)
+
 if(TAVLO_SANITIZE)
   target_compile_options(tavlo_build_flags INTERFACE
     -fsanitize=${TAVLO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
@@ -38,6 +42,7 @@ else()
     -fPIE
     -fstack-protector-strong
     -fstack-clash-protection
+    $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},aarch64>:-mbranch-protection=standard>
     -ffunction-sections
     -fdata-sections
     $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>

@@ -7,9 +7,8 @@ import signal
 
 import pytest
 
-from support.clients import ask, connect
+from support.clients import Client, connect
 from support.daemon import DIE_WITH_PARENT
-from support.waiting import wait_until
 
 SIGNALS = [signal.SIGSEGV, signal.SIGABRT, signal.SIGILL, signal.SIGFPE, signal.SIGBUS,
            signal.SIGSYS]
@@ -44,20 +43,19 @@ def identity_in_log(daemon, pattern):
     return int(daemon.wait_for_log(rf"\[\w+\.(\w+)\] \w+: .*{pattern}")[0][1], 16)
 
 
-def stack_of_waiting_thread(daemon, thread):
-    def look():
-        with open(f"/proc/{daemon.pid}/task/{thread}/syscall", encoding="ascii") as call:
-            numbers = call.read().split()
-        return numbers[-2:] if len(numbers) > 1 else None  # a running thread has none
-
-    return int(wait_until(look, f"a pause of thread {thread}")[0], 16)
+def pauses_of(daemon, thread):
+    with open(f"/proc/{daemon.pid}/task/{thread}/status", encoding="ascii") as status:
+        return next(int(line.split()[1]) for line in status
+                    if line.startswith("voluntary_ctxt_switches:"))
 
 
-def thread_with_identity(daemon, identity):
-    """A thread's stack ends below its identity, which is an address."""
-    distances = {identity - stack_of_waiting_thread(daemon, thread): thread
-                 for thread in thread_numbers(daemon)}
-    return distances[min(distance for distance in distances if distance > 0)]
+def thread_that_serves(daemon, port, tls):
+    """The one that pauses most while requests come one by one: it does so after each of them."""
+    before = {thread: pauses_of(daemon, thread) for thread in thread_numbers(daemon)}
+    with Client(port, tls) as client:
+        for _ in range(100):
+            client.ask("GET", "/to-know-its-thread")
+    return max(before, key=lambda thread: pauses_of(daemon, thread) - before[thread])
 
 
 @pytest.mark.parametrize("number", SIGNALS, ids=lambda number: number.name)
@@ -99,9 +97,9 @@ def test_a_crash_of_the_main_thread_names_its_function(root, daemon):
 
 @pytest.mark.parametrize("tls", [False, True], ids=["http", "https"])
 def test_a_crash_of_a_listener_thread_names_its_function(root, daemon, tls):
-    ask(root.https_port if tls else root.http_port, "GET", "/to-know-its-thread", tls=tls)
+    thread = thread_that_serves(daemon, root.https_port if tls else root.http_port, tls)
     listener = identity_in_log(daemon, "GET /to-know-its-thread$")
-    crash_thread(daemon, thread_with_identity(daemon, listener))
+    crash_thread(daemon, thread)
     assert has_frame(record_of(root), "tavlo::AgentHost::Run()")
     assert not has_frame(record_of(root), "Run()")
     assert identity_in_log(daemon, "CrashHandler: ") == listener

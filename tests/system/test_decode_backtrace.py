@@ -2,6 +2,7 @@
 
 import importlib.machinery
 import importlib.util
+import os
 import re
 import shutil
 import signal
@@ -12,10 +13,12 @@ from pathlib import Path
 import pytest
 
 from support.daemon import BINARY, DIE_WITH_PARENT
-from support.waiting import DEFAULT_LIMIT
+from support.waiting import DEFAULT_LIMIT, wait_until
 
 PROJECT = Path(__file__).resolve().parents[2]
 TOOL = PROJECT / "tools" / "decode-backtrace"
+# For a daemon of another processor; what the tests compile is of this machine's own.
+DAEMON_PREFIX = os.environ.get("TAVLO_BINUTILS_PREFIX", "")
 DEBUG_FILE = Path(BINARY + ".debug")  # only the release build splits it off
 
 END = "-" * 50 + "\n\n"
@@ -228,8 +231,15 @@ def keep_one_name(record, kept):
 # --- the daemon itself ---
 
 
+def is_asleep(daemon):
+    stat = Path(f"/proc/{daemon.pid}/stat").read_text(encoding="ascii")
+    return stat.rpartition(")")[2].split()[0] == "S"
+
+
 @pytest.fixture
 def daemon_record(root, daemon):
+    # Its last log line comes a moment before it waits for signals.
+    wait_until(lambda: is_asleep(daemon), "a main thread that waits")
     daemon.send_signal(signal.SIGSEGV)
     assert daemon.process.wait(DEFAULT_LIMIT) == -signal.SIGSEGV
     return (root.directory / "tmp" / "tavlo-backtrace.log").read_text()
@@ -240,7 +250,7 @@ def test_a_crash_of_the_daemon_is_traced_to_its_line(daemon_record, tmp_path):
     source = PROJECT / "src" / "app" / "run_loop.cc"
     line, = (number for number, text in enumerate(source.read_text().splitlines(), 1)
              if "= ::sigtimedwait(" in text)
-    output = decode_well(binary, daemon_record)
+    output = decode_well(binary, daemon_record, f"--prefix={DAEMON_PREFIX}")
     wait, caller = [match for match in added_lines(output)
                     if match["file"].endswith("src/app/run_loop.cc")]
     assert re.search(r"\bWaitForSignal(\(|$)", wait["function"])

@@ -157,6 +157,7 @@ def test_a_restart_takes_up_replaced_files(root, make_daemon):
     first = make_daemon().start()
     assert common_name(root.https_port) == "tavlo"
     first.stop()
+    first.log.unlink()  # else it says that the next one has started
     certificates.make_pair(root.certificate, root.key, name="replaced")
     make_daemon().start()
     assert common_name(root.https_port) == "replaced"

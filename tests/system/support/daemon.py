@@ -3,13 +3,16 @@
 import ctypes
 import os
 import re
+import shlex
 import signal
 import socket
 import subprocess
 
-from support.waiting import DEFAULT_LIMIT, wait_until
+from support.waiting import DEFAULT_LIMIT, EMULATOR, wait_until
 
 BINARY = os.environ["TAVLO_BINARY"]
+# One for another processor is started by an emulator.
+PROGRAM = [*shlex.split(EMULATOR), BINARY]
 
 # Nothing that a test starts outlives it, even if the test itself is killed.
 DIE_WITH_PARENT = ["setpriv", "--pdeathsig", "KILL"]
@@ -32,8 +35,9 @@ PIDFD_GETFD = 438  # the system call's number, the same on every architecture
 
 def run_tavlo(*arguments, **options):
     """Runs the daemon's program to its end; for command lines that do not start the daemon."""
-    result = subprocess.run([*DIE_WITH_PARENT, BINARY, *map(str, arguments)], capture_output=True,
-                            text=True, timeout=DEFAULT_LIMIT, check=False, **options)
+    result = subprocess.run([*DIE_WITH_PARENT, *PROGRAM, *map(str, arguments)],
+                            capture_output=True, text=True, timeout=DEFAULT_LIMIT, check=False,
+                            **options)
     assert_no_sanitizer_report(result.stderr.encode())
     return result
 
@@ -53,6 +57,7 @@ class Daemon:
         self.options = list(options)
         self.prefix = list(prefix)
         self.process = None
+        self.emulator_kib = 0
 
     def launch(self, **popen_options):
         """Starts the process and does not wait for anything."""
@@ -61,7 +66,7 @@ class Daemon:
             popen_options = {"stdin": subprocess.DEVNULL, "stdout": console, "stderr": console,
                              **popen_options}
             self.process = subprocess.Popen(
-                [*DIE_WITH_PARENT, *self.prefix, BINARY, *self.options,
+                [*DIE_WITH_PARENT, *self.prefix, *PROGRAM, *self.options,
                  "-c", str(self.root.config), "-f", str(self.log)], **popen_options)
         return self
 
@@ -72,6 +77,9 @@ class Daemon:
             # The key and the address have been looked at when the first pass ends.
             self.wait_for_log("DEBUG: void UpdateLanAddress|ERROR: void UpdateLanAddress|"
                               "DEBUG: void tavlo::AgentHost::BindSrcAddr")
+        if EMULATOR:
+            # Nearly all that it has now is the emulator's and no concern of ours.
+            self.emulator_kib = self.resident_kib()
         return self
 
     @property
@@ -163,7 +171,7 @@ class Daemon:
         return self._status_number("VmRSS")
 
     def peak_resident_kib(self):
-        return self._status_number("VmHWM")
+        return self._status_number("VmHWM") - self.emulator_kib
 
     def sockets(self):
         """Pairs of local and remote port of its TCP sockets over IPv4; a remote port of 0 means

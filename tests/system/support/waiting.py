@@ -4,9 +4,11 @@ import os
 import time
 
 SANITIZER = os.environ.get("TAVLO_SANITIZE", "")
+EMULATOR = os.environ.get("TAVLO_EMULATOR", "")
 
-# Sanitizers and a busy machine make everything slower; no result depends on these limits.
-DEFAULT_LIMIT = 60.0 if SANITIZER else 30.0
+# Sanitizers, an emulator and a busy machine make everything slower; no result depends on these
+# limits.
+DEFAULT_LIMIT = 60.0 if SANITIZER or EMULATOR else 30.0
 PAUSE = 0.02
 
 

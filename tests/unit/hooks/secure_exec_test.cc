@@ -395,6 +395,7 @@ void RunMany(int count, int* failures) {
   }
 }
 
+// A thread that was joined may be listed for a moment more, before the runs as well as after them.
 TEST_F(SecureExecTest, FiveHundredRunsLeaveNothingBehind) {
   int failures = 0;
   RunMany(1, &failures);
@@ -403,7 +404,7 @@ TEST_F(SecureExecTest, FiveHundredRunsLeaveNothingBehind) {
   RunMany(500, &failures);
   EXPECT_EQ(failures, 0);
   EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors);
-  EXPECT_EQ(CountEntries("/proc/self/task"), threads);
+  EXPECT_TRUE(test::WaitUntil([&] { return CountEntries("/proc/self/task") <= threads; }));
   EXPECT_FALSE(HasChildren());
 }
 
@@ -418,7 +419,7 @@ TEST_F(SecureExecTest, FiveHundredRunsFromTwoThreadsLeaveNothingBehind) {
   second.join();
   EXPECT_THAT(failures, ElementsAre(0, 0, 0));
   EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors);
-  EXPECT_TRUE(test::WaitUntil([&] { return CountEntries("/proc/self/task") == threads; }));
+  EXPECT_TRUE(test::WaitUntil([&] { return CountEntries("/proc/self/task") <= threads; }));
   EXPECT_FALSE(HasChildren());
 }
 

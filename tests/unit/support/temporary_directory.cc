@@ -1,5 +1,7 @@
 #include "support/temporary_directory.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -40,7 +42,12 @@ std::string TemporaryDirectory::WriteScript(const std::string& name,
 
 std::string ReadFile(const std::string& path) {
   std::ifstream input(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>()};
+  std::string text{std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>()};
+  const char* const emulatorLine = "qemu: uncaught target signal ";
+  for (size_t at = text.find(emulatorLine); at != std::string::npos; at = text.find(emulatorLine)) {
+    text.erase(at, std::min(text.find('\n', at), text.size() - 1) - at + 1);
+  }
+  return text;
 }
 
 }  // namespace test

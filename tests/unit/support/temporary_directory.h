@@ -25,7 +25,8 @@ class TemporaryDirectory {
   std::string path_;
 };
 
-/// The whole content of a file; empty when it cannot be read.
+/// The whole content of a file; empty when it cannot be read. What qemu adds to the console of a
+/// program that a signal ends is left out.
 std::string ReadFile(const std::string& path);
 
 }  // namespace test
