@@ -7,6 +7,7 @@ import shlex
 import signal
 import socket
 import subprocess
+from pathlib import Path
 
 from support.waiting import DEFAULT_LIMIT, EMULATOR, wait_until
 
@@ -173,20 +174,26 @@ class Daemon:
     def peak_resident_kib(self):
         return self._status_number("VmHWM") - self.emulator_kib
 
+    def _socket_inodes(self):
+        found = set()
+        for descriptor in self.descriptors():
+            try:
+                target = os.readlink(f"/proc/{self.pid}/fd/{descriptor}")
+            except FileNotFoundError:
+                continue  # closed meanwhile
+            if target.startswith("socket:["):
+                found.add(target[len("socket:["):-1])
+        return found
+
     def sockets(self):
         """Pairs of local and remote port of its TCP sockets over IPv4; a remote port of 0 means
         that the socket listens."""
-        own = set()
-        for descriptor in self.descriptors():
-            try:
-                own.add(os.readlink(f"/proc/{self.pid}/fd/{descriptor}"))
-            except FileNotFoundError:
-                pass  # closed meanwhile
+        own = self._socket_inodes()
         found = {}
         with open(f"/proc/{self.pid}/net/tcp", encoding="ascii") as table:
             # A socket may come twice: the kernel does not hold the table still.
             for fields in map(str.split, list(table)[1:]):
-                if f"socket:[{fields[9]}]" in own:
+                if fields[9] in own:
                     found[fields[9]] = tuple(int(end.split(":")[1], 16) for end in fields[1:3])
         return list(found.values())
 
@@ -197,8 +204,17 @@ class Daemon:
     def has_connection_to(self, port):
         return any(remote == port for _, remote in self.sockets())
 
+    def has_dead_connections(self):
+        """Whether it still holds a socket whose connection is gone, by a reset for one: the kernel
+        lists such a socket nowhere."""
+        listed = set()
+        for table in ("tcp", "tcp6", "udp", "udp6", "unix", "netlink"):
+            listed.update(Path(f"/proc/{self.pid}/net/{table}").read_text(encoding="utf-8").split())
+        return not self._socket_inodes() <= listed
+
     def wait_for_no_clients(self):
-        wait_until(lambda: not self.client_connections(), "the end of all clients' connections")
+        wait_until(lambda: not self.client_connections() and not self.has_dead_connections(),
+                   "the end of all clients' connections")
 
     def borrow_socket(self, descriptor):
         """A copy of one of its sockets, to ask it for its options; None when it is no socket."""
