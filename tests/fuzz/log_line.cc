@@ -26,7 +26,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool opened = OpenLog();
   fuzz::Require(opened, "the log is open");
   fuzz::Input input(data, size);
-  const int level = static_cast<signed char>(input.Byte());
+  const int byte = input.Byte();
+  const int level = byte < 128 ? byte : byte - 256;
   const std::string function = input.Line();
   const std::string text = input.Rest();
 
@@ -41,7 +42,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::Require(line.size() <= Orx::Log::kMaxLineLength + 1, "a long line is cut");
   fuzz::Require(line.find('\0') == line.npos, "a line is text");
   // Time, process and thread are in front of what was given, which is whole or cut at the end.
-  const std::string given = std::string(text.c_str()) + "\n";
+  const std::string given = text.substr(0, text.find('\0')) + "\n";
   const std::string end = line.substr(line.size() - std::min(line.size(), given.size()));
   fuzz::Require(line.size() == Orx::Log::kMaxLineLength + 1 || end == given, "the text is kept");
   return 0;
