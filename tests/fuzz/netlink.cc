@@ -19,6 +19,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::Require(address.empty() || ::inet_pton(family, address.c_str(), &binary) == 1,
                   "the address is one of the family");
     fuzz::Require(status.IsOk() == status.Message().empty(), "a failure has a text");
+    fuzz::Require(status.IsOk() || prefixLength == kUntouched, "a failure leaves the length alone");
   }
   return 0;
 }
