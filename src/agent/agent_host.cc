@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <stdexcept>
 
-#include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <event2/listener.h>
@@ -11,6 +10,7 @@
 #include <sys/socket.h>
 
 #include "agent/callback_guard.h"
+#include "agent/client_table.h"
 #include "agent/listening_socket.h"
 #include "util/descriptor.h"
 #include "util/error_text.h"
@@ -25,27 +25,16 @@ constexpr int kHttpTimeoutSecs = 61;
 constexpr timeval kHeartbeatPeriod = {30, 0};
 constexpr size_t kShownKeyLength = 3;
 
-// What the library takes in from a client before it answers 413 by itself. Bodies may well exceed
-// kMaxRequestBody, so that they get this daemon's own answer, but not fill the memory.
-constexpr ev_ssize_t kMaxHeadersSize = 64L * 1024;
-constexpr ev_ssize_t kMaxBodySize = 4L * 1024 * 1024;
-
-// More than a connection ever has to hold within those limits. What the library does not count,
-// such as the endless size of a chunk, would fill the memory.
-constexpr size_t kMaxUnread = kMaxBodySize + 4 * kMaxHeadersSize;
-
-// Ends the connection by its socket: libevent does not bear one that goes while it reads it.
-void OnInput(evbuffer* input, const evbuffer_cb_info* /*change*/, void* connection) {
-  if (evbuffer_get_length(input) > kMaxUnread) {
-    ::shutdown(bufferevent_getfd(static_cast<bufferevent*>(connection)), SHUT_RDWR);
-  }
-}
+// The largest body of a reply, in bytes. It is held in memory until it has come whole.
+constexpr ev_ssize_t kMaxReply = 4L * 1024 * 1024;
 
 // How long a listener rests that the system refuses a connection, for want of descriptors mostly.
 constexpr timeval kAcceptPause = {1, 0};
 
 void ResumeAccepting(evutil_socket_t, short, void* listener) {
-  evconnlistener_enable(static_cast<evconnlistener*>(listener));
+  if (evconnlistener_enable(static_cast<evconnlistener*>(listener)) != 0) {
+    Orx::Log::Message2(Orx::Log::kError, __PRETTY_FUNCTION__, "Failed to accept connections again");
+  }
 }
 
 std::runtime_error ErrnoFailure(const std::string& what) {
@@ -78,7 +67,7 @@ bufferevent* AgentHost::OnConnection(event_base* base, void* argument) {
     connection = bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
   }
   if (connection != nullptr) {
-    evbuffer_add_cb(bufferevent_get_input(connection), OnInput, connection);
+    RunGuarded(__PRETTY_FUNCTION__, [&] { host->clients_->Add(connection); });
   }
   return connection;
 }
@@ -107,6 +96,7 @@ AgentHost::AgentHost(Orx::HookInvoker* invoker, bool secure, const std::string& 
     InitSsl();
   }
   InitHeartbeating();
+  clients_ = std::make_unique<ClientTable>(base_.get());
 }
 
 void AgentHost::InitServer() {
@@ -130,7 +120,7 @@ void AgentHost::InitServer() {
   evhttp_set_allowed_methods(http, EVHTTP_REQ_GET | EVHTTP_REQ_POST | EVHTTP_REQ_PUT |
                                        EVHTTP_REQ_DELETE | EVHTTP_REQ_PATCH);
   evhttp_set_timeout(http, kHttpTimeoutSecs);
-  evhttp_set_max_headers_size(http, kMaxHeadersSize);
+  evhttp_set_max_headers_size(http, kMaxHeadSize);
   evhttp_set_max_body_size(http, kMaxBodySize);
   // An answer has the content type that the destination gave it, or none.
   evhttp_set_default_content_type(http, nullptr);
@@ -148,6 +138,7 @@ void AgentHost::InitServer() {
   }
   evcon_.reset(evcon, evhttp_connection_free);
   evhttp_connection_set_timeout(evcon, kHttpTimeoutSecs);
+  evhttp_connection_set_max_body_size(evcon, kMaxReply);
 
   evhttp_set_gencb(http, OnRequest, this);
   evhttp_set_bevcb(http, OnConnection, this);

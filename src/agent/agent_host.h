@@ -10,6 +10,8 @@
 
 #include <event2/http.h>
 
+#include "agent/client_table.h"
+
 struct bufferevent;
 struct event;
 struct event_base;
@@ -27,6 +29,11 @@ extern const std::map<evhttp_cmd_type, const char*> kMethodNames;
 
 /// The largest request body that is accepted, in bytes.
 constexpr size_t kMaxRequestBody = 32768;
+
+/// How many requests of one listener may be under way to the SDK REST host, one of them sent and
+/// the others waiting. When a connection fails, libevent takes up each of them from within the
+/// other.
+constexpr size_t kMaxForwardings = 100;
 
 /// The reason of a 500 whose cause only the log tells.
 constexpr const char* kInternalError = "Internal error";
@@ -118,7 +125,9 @@ class AgentHost {
   std::shared_ptr<event_base> base_;
   std::shared_ptr<event> invokerEvent_;
   std::shared_ptr<event> heartbeatEvent_;
+  std::unique_ptr<ClientTable> clients_;
   std::shared_ptr<evhttp> http_;
+  std::map<evhttp_request*, Forwarding> forwardings_;  // by the client's request
   std::shared_ptr<evhttp_connection> evcon_;
   std::shared_ptr<ssl_ctx_st> sslCtx_;
   bool certificateLoaded_ = false;

@@ -1,6 +1,5 @@
 // What happens to a request: the checks, in their order, and its way to the SDK REST host and back.
 
-#include <memory>
 #include <mutex>
 #include <string>
 
@@ -17,6 +16,8 @@ namespace tavlo {
 
 namespace {
 
+constexpr const char* kCannotForward = "Cannot forward the http request to the server";
+
 // The lines of all steps of the dispatch carry its name.
 constexpr const char* kDispatchRequest = "void tavlo::AgentHost::DispatchRequest(evhttp_request*)";
 
@@ -25,17 +26,21 @@ constexpr const char* kDispatchRequest = "void tavlo::AgentHost::DispatchRequest
 // Answering or forwarding a request is the last thing that its handling does, so that a request
 // whose handling threw still waits for its answer.
 void AgentHost::OnRequest(evhttp_request* req, void* host) {
-  if (!RunGuarded(__PRETTY_FUNCTION__,
-                  [&] { static_cast<AgentHost*>(host)->DispatchRequest(req); })) {
+  auto* const self = static_cast<AgentHost*>(host);
+  self->clients_->OnRequest(evhttp_request_get_connection(req));
+  if (!RunGuarded(__PRETTY_FUNCTION__, [&] { self->DispatchRequest(req); })) {
     evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
   }
 }
 
 void AgentHost::OnReply(evhttp_request* reply, void* argument) {
-  const std::unique_ptr<Forwarding> forwarding(static_cast<Forwarding*>(argument));
-  // For the next request in its queue libevent may have connected anew.
-  forwarding->host->KeepConnectionFromChildren();
+  const auto* const forwarding = static_cast<Forwarding*>(argument);
+  AgentHost* const host = forwarding->host;
   evhttp_request* const req = forwarding->client;
+  host->forwardings_.erase(req);
+  host->clients_->OnReply(evhttp_request_get_connection(req));
+  // For the next request in its queue libevent may have connected anew.
+  host->KeepConnectionFromChildren();
   if (!RunGuarded(__PRETTY_FUNCTION__, [&] { RelayReply(reply, req); })) {
     evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
   }
@@ -110,14 +115,22 @@ bool AgentHost::CheckEndpoint(evhttp_request* req, const std::string& uri, evhtt
 }
 
 void AgentHost::Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_type method) {
+  if (forwardings_.size() == kMaxForwardings) {
+    Orx::Log::Message2(Orx::Log::kError, kDispatchRequest,
+                       "Too many requests wait for the SDK REST host");
+    evhttp_send_error(req, HTTP_INTERNAL, kCannotForward);
+    return;
+  }
   evbuffer* const body = evhttp_request_get_input_buffer(req);
   const size_t length = evbuffer_get_length(body);
   const std::string lengthText = std::to_string(length);
   const std::string target = agentPrefix_ + uri;
 
   int result = -1;
-  auto forwarding = std::make_unique<Forwarding>(Forwarding{this, req});
-  evhttp_request* const forwarded = evhttp_request_new(OnReply, forwarding.get());
+  Forwarding& forwarding = forwardings_[req];
+  forwarding = {this, req};
+  clients_->OnForward(evhttp_request_get_connection(req));
+  evhttp_request* const forwarded = evhttp_request_new(OnReply, &forwarding);
   if (forwarded != nullptr) {
     evkeyvalq* const headers = evhttp_request_get_output_headers(forwarded);
     evhttp_add_header(headers, "Content-Length", lengthText.c_str());
@@ -127,14 +140,14 @@ void AgentHost::Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_
     result = evhttp_make_request(evcon_.get(), forwarded, method, target.c_str());
     KeepConnectionFromChildren();
   }
+  // Otherwise the reply callback will run, or has run already.
   if (result < 0) {
+    forwardings_.erase(req);
+    clients_->OnReply(evhttp_request_get_connection(req));
     Orx::Log::Message2(Orx::Log::kError, kDispatchRequest,
                        "Failed in forwarding the http req to SDK REST host");
-    evhttp_send_error(req, HTTP_INTERNAL, "Cannot forward the http request to the server");
-    return;
+    evhttp_send_error(req, HTTP_INTERNAL, kCannotForward);
   }
-  // All belongs to the reply callback now, which may have run already.
-  static_cast<void>(forwarding.release());
 }
 
 // libevent opens the connection without making it close-on-exec. What may slip through is one that

@@ -70,9 +70,11 @@ void Serve(int connection, const Destination& destination) {
 }
 
 uint16_t RunDestination(const Destination& destination) {
-  const uint16_t port = test::FreePort();
-  const int listener = tavlo::OpenListeningSocket("127.0.0.1", port);
-  Require(listener >= 0, "the destination listens");
+  const int listener = tavlo::OpenListeningSocket("127.0.0.1", 0);
+  sockaddr_in address = {};
+  socklen_t size = sizeof address;
+  Require(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) == 0,
+          "the destination listens");
   Require(::fcntl(listener, F_SETFL, 0) == 0, "the destination waits for its client");
   std::thread([listener, destination] {
     for (;;) {
@@ -80,7 +82,15 @@ uint16_t RunDestination(const Destination& destination) {
       Serve(::accept(listener, nullptr, nullptr), destination);
     }
   }).detach();
-  return port;
+  return ntohs(address.sin_port);
+}
+
+// The fuzzer's timer would interrupt what waits here, and for nothing: no wait is without an end.
+void BlockTimer() {
+  sigset_t timer;
+  sigemptyset(&timer);
+  sigaddset(&timer, SIGALRM);
+  pthread_sigmask(SIG_BLOCK, &timer, nullptr);
 }
 
 int Connect(uint16_t port) {
@@ -117,6 +127,7 @@ std::string ReadAll(int fd) {
 uint16_t RunHost(bool tls, const Destination& destination) {
   static test::TemporaryDirectory directory;
   ::signal(SIGPIPE, SIG_IGN);
+  BlockTimer();
   evthread_use_pthreads();
   tavlo::RouteLibeventLog();
   if (tls) {
@@ -124,9 +135,10 @@ uint16_t RunHost(bool tls, const Destination& destination) {
   }
   directory.Write("devices.json",
                   R"({"devices":[{"ip":["127.0.0.1"],"mac":"02:00:5e:10:00:01"}]})");
+  const uint16_t destinationPort = RunDestination(destination);
   const uint16_t port = test::FreePort();
   static tavlo::AgentHost host(nullptr, tls, "", directory.Path(), directory / "devices.json", port,
-                               "127.0.0.1", RunDestination(destination), "", [] {});
+                               "127.0.0.1", destinationPort, "", [] {});
   host.SetPairingKey(kPairingKey);
   std::thread([] { host.Run(); }).detach();
   return port;

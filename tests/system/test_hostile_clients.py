@@ -212,13 +212,13 @@ def is_stalled(client):
     return before >= len(BLOCK) and unsent_bytes(client) == before
 
 
-@pytest.mark.parametrize("size", [60 * 1024, 70 * 1024, 1 << 20])
+@pytest.mark.parametrize("size", [15 * 1024, 17 * 1024, 1 << 20])
 @pytest.mark.parametrize("split", [1, 100])
-def test_headers_are_taken_up_to_64_kibibytes(root, daemon, sdk_host, size, split):
+def test_headers_are_taken_up_to_16_kibibytes(root, daemon, sdk_host, size, split):
     part = b"X-Header: " + b"h" * (size // split - 12) + b"\r\n"
     request = b"GET /api/version HTTP/1.1\r\nHost: x\r\nConnection: close\r\n" + part * split
     answer = exchange(root.http_port, request + b"\r\n")
-    if size < 64 * 1024:
+    if size < 16 * 1024:
         assert answer.startswith(b"HTTP/1.1 200 OK\r\n")
     else:
         assert answer == b"" or answer.startswith(b"HTTP/1.1 400 Bad Request\r\n")
@@ -246,15 +246,6 @@ def test_nonsense_is_turned_away(shared, tls, request_bytes):
     answer = exchange(port_of(shared.root, tls), request_bytes, tls)
     assert b"HTTP/1.1 200" not in answer
     assert_serving(shared.root)
-
-
-def test_many_idle_connections_do_not_keep_others_out(root, daemon, sdk_host):
-    idle = [connect(port_of(root, tls)) for tls in (False, True) for _ in range(150)]
-    assert_serving(root)
-    for client in idle:
-        client.close()
-    daemon.wait_for_no_clients()
-    assert_small(daemon)
 
 
 def test_a_client_that_sends_byte_by_byte_does_not_hold_up_others(root, daemon, sdk_host):

@@ -1,0 +1,197 @@
+#include "agent/client_table.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <stdexcept>
+#include <string>
+
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
+#include <event2/event.h>
+#include <event2/http.h>
+#include <sys/socket.h>
+
+#include "agent/callback_guard.h"
+#include "util/log.h"
+
+namespace tavlo {
+
+namespace {
+
+// What libevent allocates for a header, however short its line, in bytes.
+constexpr size_t kHeaderOverhead = 100;
+
+// The most headers that a request can have: a colon is enough for one.
+constexpr size_t kMaxHeaders = kMaxHeadSize;
+
+// Lines may be headers: libevent does not tell how far it has come.
+size_t CountLines(evbuffer* input, size_t length, size_t added) {
+  evbuffer_ptr start;
+  if (evbuffer_ptr_set(input, &start, length - added, EVBUFFER_PTR_SET) != 0) {
+    return 0;
+  }
+  size_t lines = 0;
+  evbuffer_iovec piece;
+  while (evbuffer_peek(input, -1, &start, &piece, 1) > 0) {
+    const char* const text = static_cast<const char*>(piece.iov_base);
+    lines += static_cast<size_t>(std::count(text, text + piece.iov_len, '\n'));
+    if (evbuffer_ptr_set(input, &start, piece.iov_len, EVBUFFER_PTR_ADD) != 0) {
+      break;
+    }
+  }
+  return lines;
+}
+
+}  // namespace
+
+void ClientTable::OnNewConnections(evutil_socket_t, short, void* table) {
+  auto* const self = static_cast<ClientTable*>(table);
+  for (bufferevent* const connection : self->newConnections_) {
+    RunGuarded(__PRETTY_FUNCTION__, [&] { self->TakeIn(connection); });
+    bufferevent_decref(connection);
+  }
+  self->newConnections_.clear();
+}
+
+void ClientTable::OnInput(evbuffer* input, const evbuffer_cb_info* change, void* client) {
+  if (change->n_added > 0) {
+    auto* const self = static_cast<Client*>(client);
+    self->table->Count(self, input, change->n_added);
+  }
+}
+
+void ClientTable::OnClose(evhttp_connection* connection, void* table) {
+  auto* const self = static_cast<ClientTable*>(table);
+  const auto found = self->clients_.find(connection);
+  if (found == self->clients_.end()) {
+    return;
+  }
+  Client& client = found->second;
+  evbuffer_remove_cb(bufferevent_get_input(evhttp_connection_get_bufferevent(connection)), OnInput,
+                     &client);
+  self->SetUnfinished(&client, 0);
+  self->served_ -= client.isCut ? 0 : 1;
+  self->clients_.erase(found);
+}
+
+ClientTable::ClientTable(event_base* base) {
+  event* const made = event_new(base, -1, 0, OnNewConnections, this);
+  if (made == nullptr) {
+    throw std::runtime_error("Failed to init client event errno " + std::to_string(errno));
+  }
+  newConnectionsEvent_.reset(made, event_free);
+}
+
+// libevent sets the connection up only when this has returned, so the rest waits until then. The
+// reference keeps the connection in memory even if that fails.
+void ClientTable::Add(bufferevent* connection) {
+  newConnections_.push_back(connection);
+  bufferevent_incref(connection);
+  event_active(newConnectionsEvent_.get(), 0, 0);
+}
+
+// Only the callbacks' argument leads from here to libevent's connection, which tells when it ends.
+void ClientTable::TakeIn(bufferevent* connection) {
+  void* argument = nullptr;
+  bufferevent_getcb(connection, nullptr, nullptr, nullptr, &argument);
+  if (argument == nullptr) {
+    return;  // it has ended
+  }
+  if (served_ == kMaxClients) {
+    EndLongestWaiting();
+  }
+  auto* const served = static_cast<evhttp_connection*>(argument);
+  Client& client = clients_[served];
+  client.table = this;
+  client.connection = served;
+  client.turn = ++turns_;
+  ++served_;
+  evhttp_connection_set_closecb(served, OnClose, this);
+  evbuffer_add_cb(bufferevent_get_input(connection), OnInput, &client);
+}
+
+void ClientTable::Count(Client* client, evbuffer* input, size_t added) {
+  const size_t length = evbuffer_get_length(input);
+  if (client->isCut) {
+    evbuffer_drain(input, length);
+    return;
+  }
+  const size_t lines = std::min(kMaxHeaders, client->lines + CountLines(input, length, added));
+  SetUnfinished(client, client->unfinished + added + (lines - client->lines) * kHeaderOverhead);
+  client->lines = lines;
+  if (unfinished_ > kMaxUnfinished) {
+    EndLargest(client);
+  }
+}
+
+void ClientTable::SetUnfinished(Client* client, size_t bytes) {
+  unfinished_ += bytes - client->unfinished;
+  client->unfinished = bytes;
+}
+
+void ClientTable::OnRequest(evhttp_connection* connection) {
+  const auto found = clients_.find(connection);
+  if (found != clients_.end()) {
+    Client& client = found->second;
+    client.turn = ++turns_;
+    client.lines = 0;
+    SetUnfinished(&client, 0);
+  }
+}
+
+void ClientTable::OnForward(evhttp_connection* connection) {
+  const auto found = clients_.find(connection);
+  if (found != clients_.end()) {
+    found->second.isForwarded = true;
+  }
+}
+
+void ClientTable::OnReply(evhttp_connection* connection) {
+  const auto found = clients_.find(connection);
+  if (found != clients_.end()) {
+    found->second.isForwarded = false;
+    found->second.turn = ++turns_;
+  }
+}
+
+void ClientTable::EndLongestWaiting() {
+  Client* longest = nullptr;
+  for (auto& entry : clients_) {
+    Client& client = entry.second;
+    if (!client.isCut && !client.isForwarded &&
+        (longest == nullptr || client.turn < longest->turn)) {
+      longest = &client;
+    }
+  }
+  if (longest != nullptr) {
+    ORX_LOG(Orx::Log::kInfo, "Too many connections: the one that waited longest is ended");
+    evhttp_connection_free(longest->connection);
+  }
+}
+
+// `reading` is the client whose input is being read.
+void ClientTable::EndLargest(Client* reading) {
+  Client& largest =
+      std::max_element(clients_.begin(), clients_.end(), [](const auto& a, const auto& b) {
+        return a.second.unfinished < b.second.unfinished;
+      })->second;
+  ORX_LOG(Orx::Log::kInfo, "Unfinished requests take too much memory: the largest is ended");
+  if (&largest == reading) {
+    Cut(reading);
+  } else {
+    evhttp_connection_free(largest.connection);
+  }
+}
+
+// Ends a connection by its socket: libevent does not bear one that goes while it reads it.
+void ClientTable::Cut(Client* client) {
+  client->isCut = true;
+  --served_;
+  SetUnfinished(client, 0);
+  bufferevent* const connection = evhttp_connection_get_bufferevent(client->connection);
+  evbuffer* const input = bufferevent_get_input(connection);
+  evbuffer_drain(input, evbuffer_get_length(input));
+  ::shutdown(bufferevent_getfd(connection), SHUT_RDWR);
+}
+
+}  // namespace tavlo

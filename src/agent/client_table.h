@@ -1,0 +1,87 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <vector>
+
+struct bufferevent;
+struct evbuffer;
+struct evbuffer_cb_info;
+struct event;
+struct event_base;
+struct evhttp_connection;
+
+namespace tavlo {
+
+/// The largest head of a request, its first line included, in bytes. A larger one is answered 400
+/// by libevent itself.
+constexpr size_t kMaxHeadSize = size_t{16} * 1024;
+
+/// The largest body that is taken in, in bytes. A larger one is answered 413 by libevent itself.
+constexpr size_t kMaxBodySize = size_t{2} * 1024 * 1024;
+
+/// How many connections one listener keeps.
+constexpr size_t kMaxClients = 128;
+
+/// What the unfinished requests of all clients of one listener may take, in bytes; more than the
+/// largest of them does.
+constexpr size_t kMaxUnfinished = size_t{4} * 1024 * 1024;
+
+/// The connections of one listener's clients, anybody in the LAN: limits how many there are and how
+/// much memory their unfinished requests take. Who comes when there are too many ends the one that
+/// has waited longest since its last request, or since it connected; what comes when there is too
+/// much ends the one that takes most.
+///
+/// Belongs to the thread of the event loop; outlives the HTTP server whose connections it is told.
+class ClientTable {
+ public:
+  /// Throws std::runtime_error when the event cannot be made.
+  explicit ClientTable(event_base* base);
+  ClientTable(const ClientTable&) = delete;
+  ClientTable& operator=(const ClientTable&) = delete;
+
+  /// A connection that the HTTP server is about to serve.
+  void Add(bufferevent* connection);
+
+  /// Tells of a request that has come whole; what it takes is the host's from now on.
+  void OnRequest(evhttp_connection* connection);
+
+  /// A connection whose request waits for its reply is not ended.
+  void OnForward(evhttp_connection* connection);
+
+  /// Null when the client has gone meanwhile.
+  void OnReply(evhttp_connection* connection);
+
+ private:
+  struct Client {
+    ClientTable* table = nullptr;
+    evhttp_connection* connection = nullptr;
+    uint64_t turn = 0;      // the larger, the later its last request
+    size_t unfinished = 0;  // what the request that is coming in takes, in bytes
+    size_t lines = 0;       // of that request
+    bool isForwarded = false;
+    bool isCut = false;
+  };
+
+  static void OnNewConnections(int, short, void* table);
+  static void OnInput(evbuffer* input, const evbuffer_cb_info* change, void* client);
+  static void OnClose(evhttp_connection* connection, void* table);
+
+  void TakeIn(bufferevent* connection);
+  void Count(Client* client, evbuffer* input, size_t added);
+  void SetUnfinished(Client* client, size_t bytes);
+  void EndLongestWaiting();
+  void EndLargest(Client* reading);
+  void Cut(Client* client);
+
+  std::shared_ptr<event> newConnectionsEvent_;
+  std::vector<bufferevent*> newConnections_;  // references of our own
+  std::map<evhttp_connection*, Client> clients_;
+  uint64_t turns_ = 0;
+  size_t served_ = 0;      // clients that were not cut
+  size_t unfinished_ = 0;  // of all clients
+};
+
+}  // namespace tavlo

@@ -1,0 +1,259 @@
+"""More clients, and more of their bytes, than one listener takes: it ends those that it can spare,
+stays small, and goes on serving the others."""
+
+import resource
+import ssl
+import threading
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+
+from support.clients import Client, ask, connect, read_to_end
+from support.destinations import Destination, answer_bytes, read_request
+from support.scratch_root import PAIRING_KEY
+from support.waiting import DEFAULT_LIMIT, SANITIZER, wait_until
+
+KEY = {"PairingKey": PAIRING_KEY}
+MOST_CLIENTS = 128  # of one listener
+MOST_WAITING = 100  # requests of one listener
+LARGEST_MEMORY_KIB = 32 * 1024
+
+TOO_MANY = r"INFO: .*: Too many connections: the one that waited longest is ended$"
+TOO_MUCH = r"INFO: .*: Unfinished requests take too much memory: the largest is ended$"
+
+PATCH = b"PATCH /api/1/router-ref HTTP/1.1\r\nHost: x\r\n"
+MIB = 1 << 20
+
+
+@pytest.fixture(autouse=True)
+def enough_descriptors():
+    before = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (before[1], before[1]))
+    yield
+    resource.setrlimit(resource.RLIMIT_NOFILE, before)
+
+
+def assert_small(daemon):
+    if SANITIZER:
+        print("the memory of a sanitizer's build says nothing: not looked at")
+    else:
+        assert daemon.peak_resident_kib() <= LARGEST_MEMORY_KIB
+
+
+def assert_serving(root):
+    assert ask(root.http_port, "GET", "/api/mac").status == 200
+    assert ask(root.https_port, "GET", "/api/mac", tls=True).status == 200
+
+
+def send_half_a_handshake(root):
+    connection = connect(root.https_port)
+    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    context.check_hostname = False
+    context.verify_mode = ssl.CERT_NONE
+    with pytest.raises(ssl.SSLWantReadError):
+        context.wrap_bio(incoming, outgoing).do_handshake()
+    connection.sendall(outgoing.read())
+    return connection
+
+
+def send_part(port, part, tls=False):
+    """The daemon may hang up while it is sent."""
+    connection = connect(port, tls)
+    try:
+        connection.sendall(part)
+    except OSError:
+        pass
+    return connection
+
+
+HALF_DONE = {
+    "silent": lambda root: connect(root.http_port),
+    "silent on the TLS port": lambda root: connect(root.https_port),
+    "half a TLS handshake": send_half_a_handshake,
+    "a whole TLS handshake": lambda root: connect(root.https_port, True),
+    "half a head": lambda root: send_part(root.http_port, PATCH),
+    "a head full of headers": lambda root: send_part(root.http_port, PATCH + b":\n" * 8000),
+    "half a body": lambda root: send_part(
+        root.http_port, PATCH + b"Content-Length: 2000000\r\n\r\n" + b"b" * MIB),
+    "half a body in chunks": lambda root: send_part(
+        root.http_port, PATCH + b"Transfer-Encoding: chunked\r\n\r\n" + b"4\r\nbody\r\n" * 60000),
+    "a body and trailers": lambda root: send_part(
+        root.http_port,
+        PATCH + b"Transfer-Encoding: chunked\r\n\r\n10000\r\n" + b"b" * 65536 + b"\r\n0\r\n" +
+        b":\n" * 8000),
+    "half a request in TLS": lambda root: send_part(root.https_port, PATCH + b":\n" * 8000, True),
+    "half a body in TLS": lambda root: send_part(
+        root.https_port, PATCH + b"Content-Length: 2000000\r\n\r\n" + b"b" * MIB, True),
+}
+
+
+@pytest.mark.parametrize("begin", HALF_DONE.values(), ids=HALF_DONE)
+def test_a_thousand_clients_that_do_not_go_on(root, daemon, begin):
+    before = daemon.descriptors()
+    count = 100 if SANITIZER else 1000
+    clients = []
+    for number in range(count):
+        clients.append(begin(root))
+        if number % 200 == 199:
+            assert_serving(root)
+    assert_serving(root)
+    assert len(daemon.client_connections()) <= MOST_CLIENTS + 2
+    assert_small(daemon)
+    for client in clients:
+        client.close()
+    daemon.wait_for_no_clients()
+    assert daemon.descriptors() == before
+    assert_serving(root)
+
+
+def test_all_that_at_once(root, daemon):
+    clients = [begin(root) for _ in range(100) for begin in HALF_DONE.values()]
+    assert_serving(root)
+    assert_small(daemon)
+    for client in clients:
+        client.close()
+    daemon.wait_for_no_clients()
+
+
+@pytest.mark.parametrize("tls", [False, True])
+def test_ten_thousand_connections_that_come_and_go(root, daemon, tls):
+    before = daemon.descriptors()
+    port = root.https_port if tls else root.http_port
+    for number in range(10000):
+        connect(port).close()
+        if number % 1000 == 0:
+            assert_serving(root)
+    daemon.wait_for_no_clients()
+    assert daemon.descriptors() == before
+    assert_small(daemon)
+    assert_serving(root)
+
+
+@pytest.mark.parametrize("tls", [False, True])
+def test_who_waits_longest_makes_room(root, daemon, tls):
+    port = root.https_port if tls else root.http_port
+    with Client(port, tls) as early, Client(port, tls) as late:
+        early.ask("GET", "/api/mac")
+        late.ask("GET", "/api/mac")
+        first = connect(port)
+        clients = [connect(port) for _ in range(MOST_CLIENTS - 3)]
+        # All are taken in, and nobody had to go.
+        wait_until(lambda: len(daemon.client_connections()) == MOST_CLIENTS, "the clients")
+        early.ask("GET", "/api/mac")
+        assert daemon.count_in_log(TOO_MANY) == 0
+        clients.append(connect(port))
+        daemon.wait_for_log(TOO_MANY, count=1)
+        # Its last request was longer ago than the first one's connection.
+        assert late.connection.sock.recv(1) == b""
+        clients.append(connect(port))
+        daemon.wait_for_log(TOO_MANY, count=2)
+        assert first.recv(1) == b""
+        # The next ones are those that only connected; who had a request since stays.
+        for number in range(50):
+            clients.append(connect(port))
+            daemon.wait_for_log(TOO_MANY, count=3 + number)
+        own = early.connection.sock.getsockname()
+        assert early.ask("GET", "/api/mac").status == 200
+        assert early.connection.sock.getsockname() == own
+        for client in clients:
+            client.close()
+
+
+def test_who_waits_for_a_reply_is_not_ended(root, daemon):
+    go_on = threading.Event()
+
+    def wait_and_answer(connection):
+        while read_request(connection):
+            go_on.wait(DEFAULT_LIMIT)
+            connection.sendall(answer_bytes(b"ok"))
+
+    with Destination(root.destination_port, wait_and_answer), ThreadPoolExecutor(20) as pool:
+        mark = daemon.mark()
+        answers = [pool.submit(ask, root.http_port, "GET", "/api/version") for _ in range(20)]
+        daemon.wait_for_log("INFO: .*: GET /api/version$", since=mark, count=len(answers))
+        others = [connect(root.http_port) for _ in range(2 * MOST_CLIENTS)]
+        daemon.wait_for_log(TOO_MANY, count=len(answers) + MOST_CLIENTS)
+        go_on.set()
+        assert [answer.result().body for answer in answers] == [b"ok"] * len(answers)
+        for other in others:
+            other.close()
+
+
+def test_the_largest_unfinished_request_makes_room(root, daemon, sdk_host):
+    def begin(size, tls=False):
+        port = root.https_port if tls else root.http_port
+        return send_part(port, PATCH + b"Content-Length: 2000000\r\n\r\n" + b"b" * size, tls)
+
+    # In whatever order it is read: when it becomes too much, the large one is the largest.
+    small = begin(1200000)
+    # TLS has a listener of its own, with a measure of its own.
+    elsewhere = begin(MIB, tls=True)
+    large = begin(1900000)
+    others = [begin(400000) for _ in range(4)]
+    daemon.wait_for_log(TOO_MUCH)
+    assert read_to_end(large) == b""
+    for client in (small, elsewhere):
+        client.setblocking(False)
+        with pytest.raises((BlockingIOError, ssl.SSLWantReadError)):
+            client.recv(1)
+    assert_serving(root)
+    assert daemon.count_in_log(TOO_MUCH) == 1
+    for client in (small, elsewhere, large, *others):
+        client.close()
+
+
+def test_what_was_answered_counts_no_more(root, daemon, sdk_host):
+    with Client(root.http_port) as client:
+        for _ in range(150):
+            assert client.ask("PATCH", "/api/1/router-ref", b"b" * 32768).status == 200
+    assert daemon.count_in_log(TOO_MUCH) == 0
+
+
+def test_no_more_than_a_hundred_requests_wait(root, daemon):
+    go_on = threading.Event()
+
+    def wait_and_answer(connection):
+        while read_request(connection):
+            go_on.wait(DEFAULT_LIMIT)
+            connection.sendall(answer_bytes(b"ok"))
+
+    with Destination(root.destination_port, wait_and_answer), \
+            ThreadPoolExecutor(MOST_WAITING) as pool:
+        mark = daemon.mark()
+        answers = [pool.submit(ask, root.http_port, "GET", "/api/version")
+                   for _ in range(MOST_WAITING)]
+        daemon.wait_for_log("INFO: .*: GET /api/version$", since=mark, count=len(answers))
+        refused = ask(root.http_port, "GET", "/api/version")
+        assert refused.status == 500
+        assert refused.reason == "Cannot forward the http request to the server"
+        assert daemon.messages(mark)[-1] == ("ERROR", "Too many requests wait for the SDK REST host")
+        # The other listener has a queue of its own, and what is not forwarded need not wait.
+        assert_serving(root)
+        go_on.set()
+        assert [answer.result().status for answer in answers] == [200] * MOST_WAITING
+        assert ask(root.http_port, "GET", "/api/version").status == 200
+
+
+def test_a_full_queue_that_fails_at_once_needs_little_stack(root, make_daemon):
+    """libevent takes up each waiting request from within the other."""
+    if SANITIZER:
+        pytest.skip("a sanitizer's build needs more stack anyway")
+    daemon = make_daemon(prefix=["prlimit", "--stack=262144"]).start()
+    go_on = threading.Event()
+
+    def close_later(connection):
+        read_request(connection)
+        go_on.wait(DEFAULT_LIMIT)
+
+    with Destination(root.destination_port, close_later), \
+            ThreadPoolExecutor(MOST_WAITING) as pool:
+        answers = [pool.submit(ask, root.http_port, "GET", "/api/version")
+                   for _ in range(MOST_WAITING)]
+        daemon.wait_for_log("INFO: .*: GET /api/version$", count=len(answers))
+        before = resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE)
+        resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (3, before[1]))
+        go_on.set()
+        assert {answer.result().status for answer in answers} == {500}
+        resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, before)
+    assert_serving(root)
