@@ -139,6 +139,7 @@ void AgentHost::InitServer() {
   evcon_.reset(evcon, evhttp_connection_free);
   evhttp_connection_set_timeout(evcon, kHttpTimeoutSecs);
   evhttp_connection_set_max_body_size(evcon, kMaxReply);
+  evhttp_connection_set_closecb(evcon, OnDisconnect, this);
 
   evhttp_set_gencb(http, OnRequest, this);
   evhttp_set_bevcb(http, OnConnection, this);

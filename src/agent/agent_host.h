@@ -85,6 +85,7 @@ class AgentHost {
   static bufferevent* OnConnection(event_base* base, void* argument);
   static void OnRequest(evhttp_request* req, void* host);
   static void OnReply(evhttp_request* reply, void* argument);
+  static void OnDisconnect(evhttp_connection* connection, void* host);
   static void OnAcceptError(evconnlistener* listener, void*);
 
   void InitServer();
@@ -105,7 +106,7 @@ class AgentHost {
   bool CallHook(const std::string& uri, evhttp_cmd_type method, const std::string& data,
                 bool* terminated);
   void Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
-  void KeepConnectionFromChildren();
+  void SetUpConnection();
   static void RelayReply(evhttp_request* reply, evhttp_request* client);
   void ApiGetMac(evhttp_request* req);
 
@@ -129,6 +130,7 @@ class AgentHost {
   std::shared_ptr<evhttp> http_;
   std::map<evhttp_request*, Forwarding> forwardings_;  // by the client's request
   std::shared_ptr<evhttp_connection> evcon_;
+  int setUpFd_ = -1;  // the descriptor of that connection, once its options are set
   std::shared_ptr<ssl_ctx_st> sslCtx_;
   bool certificateLoaded_ = false;
   std::mutex mutex_;  // guards what follows

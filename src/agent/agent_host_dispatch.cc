@@ -5,6 +5,9 @@
 
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include "agent/access.h"
 #include "agent/agent_host.h"
@@ -39,8 +42,12 @@ void AgentHost::OnReply(evhttp_request* reply, void* argument) {
   evhttp_request* const req = forwarding->client;
   host->forwardings_.erase(req);
   host->clients_->OnReply(evhttp_request_get_connection(req));
-  // For the next request in its queue libevent may have connected anew.
-  host->KeepConnectionFromChildren();
+  // For the next request in its queue libevent may have connected anew; of a connection that failed
+  // to be made it tells by no reply alone.
+  if (reply == nullptr || evhttp_request_get_response_code(reply) == 0) {
+    host->setUpFd_ = -1;
+  }
+  host->SetUpConnection();
   if (!RunGuarded(__PRETTY_FUNCTION__, [&] { RelayReply(reply, req); })) {
     evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
   }
@@ -138,7 +145,7 @@ void AgentHost::Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_
     evbuffer_remove_buffer(body, evhttp_request_get_output_buffer(forwarded), length);
     const std::lock_guard<std::mutex> lock(stdext::exec_mutex());
     result = evhttp_make_request(evcon_.get(), forwarded, method, target.c_str());
-    KeepConnectionFromChildren();
+    SetUpConnection();
   }
   // Otherwise the reply callback will run, or has run already.
   if (result < 0) {
@@ -152,8 +159,20 @@ void AgentHost::Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_
 
 // libevent opens the connection without making it close-on-exec. What may slip through is one that
 // it opens by itself, while the other listener starts a script, until the reply callback runs.
-void AgentHost::KeepConnectionFromChildren() {
-  stdext::set_close_on_exec(bufferevent_getfd(evhttp_connection_get_bufferevent(evcon_.get())));
+// Without TCP_NODELAY the last piece of a body would wait for the acknowledgement of the others.
+void AgentHost::SetUpConnection() {
+  const int fd = bufferevent_getfd(evhttp_connection_get_bufferevent(evcon_.get()));
+  if (fd == setUpFd_ || fd < 0) {
+    return;
+  }
+  const int on = 1;
+  stdext::set_close_on_exec(fd);
+  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  setUpFd_ = fd;
+}
+
+void AgentHost::OnDisconnect(evhttp_connection* /*connection*/, void* host) {
+  static_cast<AgentHost*>(host)->setUpFd_ = -1;
 }
 
 void AgentHost::RelayReply(evhttp_request* reply, evhttp_request* client) {

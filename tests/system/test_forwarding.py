@@ -1,14 +1,17 @@
 """What of a request reaches the destination, and what of its answer comes back."""
 
 import subprocess
+import threading
+from concurrent.futures import ThreadPoolExecutor
 from socket import AF_INET, IPPROTO_TCP, SOCK_STREAM, TCP_NODELAY
 
 import pytest
 
 from sdk_rest_host import Answer
 from support.clients import Client, ask, connect, exchange, read_to_end
-from support.destinations import Destination, answer_bytes, answering
+from support.destinations import Destination, answer_bytes, answering, hang, read_request
 from support.scratch_root import PAIRING_KEY
+from support.waiting import DEFAULT_LIMIT
 
 KEY = {"PairingKey": PAIRING_KEY}
 ALL_BYTES = bytes(range(256)) * 100
@@ -224,25 +227,62 @@ def test_a_client_that_waits_for_100_continue_gets_it(root, daemon, sdk_host):
     assert sdk_host.requests[0].body == b"ab"
 
 
-def test_answers_do_not_wait_for_acknowledgements(root, daemon, sdk_host):
+def peers_without_delay(daemon):
+    """The ports that its connections over IPv4 lead to; each of them must have TCP_NODELAY."""
+    found = []
+    for descriptor in daemon.descriptors():
+        connection = daemon.borrow_socket(descriptor)
+        if connection is None or connection.type != SOCK_STREAM:
+            continue
+        with connection:
+            try:
+                peer = connection.getpeername()
+            except OSError:
+                continue  # it listens
+            if connection.family == AF_INET:
+                assert connection.getsockopt(IPPROTO_TCP, TCP_NODELAY) != 0
+                found.append(peer[1])
+    return sorted(found)
+
+
+def test_nothing_waits_for_acknowledgements(root, daemon):
     with Client(root.http_port) as plain, Client(root.https_port, tls=True) as tls:
-        assert plain.ask("GET", "/api/version").status == 200
-        assert tls.ask("GET", "/api/x", headers=KEY).status == 200
-        clients = {client.connection.sock.getsockname()[1] for client in (plain, tls)}
-        found = set()
-        for descriptor in daemon.descriptors():
-            connection = daemon.borrow_socket(descriptor)
-            if connection is None or connection.type != SOCK_STREAM:
-                continue
-            with connection:
-                try:
-                    peer = connection.getpeername()
-                except OSError:
-                    continue  # it listens
-                if connection.family == AF_INET and peer[1] in clients:
-                    assert connection.getsockopt(IPPROTO_TCP, TCP_NODELAY) != 0
-                    found.add(peer[1])
-        assert found == clients
+        # The destination is connected anew each time, in the second round after a failure.
+        for _ in range(2):
+            with Destination(root.destination_port, answering(answer_bytes(b"ok"))):
+                assert plain.ask("GET", "/api/version").status == 200
+                assert tls.ask("GET", "/api/x", headers=KEY).status == 200
+                clients = [client.connection.sock.getsockname()[1] for client in (plain, tls)]
+                assert peers_without_delay(daemon) == sorted(
+                    [*clients, root.destination_port, root.destination_port])
+            assert plain.ask("GET", "/api/version").status == 500
+            assert tls.ask("GET", "/api/x", headers=KEY).status == 500
+
+
+def test_a_waiting_request_gets_a_connection_without_delay_too(root, daemon):
+    go_on = threading.Event()
+
+    def answer_and_close(connection):
+        read_request(connection)
+        go_on.wait(DEFAULT_LIMIT)
+        connection.sendall(answer_bytes(b"ok", headers=b"Connection: close\r\n"))
+
+    def hang_then_answer(connection):
+        (answer_and_close if destination.accepted == 1 else hang)(connection)
+
+    with Destination(root.destination_port, hang_then_answer) as destination, \
+            Client(root.http_port) as first, Client(root.http_port) as second:
+        with ThreadPoolExecutor(2) as pool:
+            answers = []
+            for client in (first, second):
+                answers.append(pool.submit(client.ask, "GET", "/api/version"))
+                daemon.wait_for_log("INFO: .*: GET /api/version$", count=len(answers))
+            go_on.set()
+            assert answers[0].result().status == 200
+            destination.wait_for_connections(2)
+            assert root.destination_port in peers_without_delay(daemon)
+            destination.drop()
+            assert answers[1].result().status == 500
 
 
 def test_a_destination_that_comes_late_is_reached(root, daemon):

@@ -70,6 +70,10 @@ class Destination:
         self._listener.shutdown(socket.SHUT_RDWR)
         self._listener.close()
         self._thread.join()
+        self.drop()
+
+    def drop(self):
+        """Ends all connections."""
         for connection in self._connections:
             try:
                 connection.shutdown(socket.SHUT_RDWR)
