@@ -1,6 +1,6 @@
 # The front door: each target says in a line what it is for; the work is in CMake and tools/.
 
-.PHONY: all aarch64 bench build check check-slow run format fuzz clean help
+.PHONY: all aarch64 bench build check check-slow run format fuzz fuzz-coverage soak clean help
 
 all: build
 
@@ -31,6 +31,15 @@ aarch64:  ## build for AArch64 and run all tests of that build under an emulator
 fuzz:  ## feed made-up inputs to what reads foreign ones: a minute each, or TIME=seconds TARGET=name
 	@tools/dependencies check
 	@tools/fuzz $(or $(TIME),60) $(TARGET)
+
+fuzz-coverage:  ## show what the inputs of the fuzz targets reach, and what they do not
+	@tools/dependencies check
+	@tools/fuzz coverage $(TARGET)
+
+soak:  ## a long run of mixed requests while everything changes: 100,000, or REQUESTS=number
+	@tools/dependencies check
+	@BUILD_TESTING=OFF tools/build release
+	@tools/soak $(REQUESTS)
 
 bench:  ## show how small and how fast the release build is
 	@tools/dependencies run

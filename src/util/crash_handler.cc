@@ -113,6 +113,10 @@ const char* Demangle(const char* symbol) {
   return text;
 }
 
+void SetName(size_t index, const char* name) {
+  std::snprintf(state.names[index], kMaxNameSize, "%s", name);
+}
+
 void NameFrame(size_t index) {
   Dl_info info = {};
   const char* name = kUnknownName;
@@ -122,7 +126,7 @@ void NameFrame(size_t index) {
     state.offsets[index] =
         static_cast<char*>(state.frames[index]) - static_cast<char*>(info.dli_saddr);
   }
-  std::snprintf(state.names[index], kMaxNameSize, "%s", name);
+  SetName(index, name);
 }
 
 // Writes one line; one that does not fit is cut.

@@ -1,6 +1,6 @@
 #include "fuzz/http_face.h"
 
-#include <memory>
+#include <algorithm>
 #include <thread>
 
 #include <event2/thread.h>
@@ -153,25 +153,35 @@ std::string Exchange(uint16_t port, const std::string& bytes) {
   return answer;
 }
 
-std::string ExchangeInTls(uint16_t port, const std::string& bytes) {
+TlsConnection::TlsConnection(uint16_t port) : fd_(Connect(port)), tls_(nullptr, SSL_free) {
   static SSL_CTX* const context = SSL_CTX_new(TLS_client_method());
-  const int fd = Connect(port);
-  const std::unique_ptr<SSL, decltype(&SSL_free)> tls(SSL_new(context), SSL_free);
-  Require(SSL_set_fd(tls.get(), fd) == 1 && SSL_connect(tls.get()) == 1, "the host speaks TLS");
+  tls_.reset(SSL_new(context));
+  Require(SSL_set_fd(tls_.get(), fd_) == 1 && SSL_connect(tls_.get()) == 1, "the host speaks TLS");
+}
+
+TlsConnection::~TlsConnection() {
+  ::close(fd_);
+}
+
+void TlsConnection::Write(const std::string& bytes) {
   if (!bytes.empty()) {
-    SSL_write(tls.get(), bytes.data(), static_cast<int>(bytes.size()));
+    SSL_write(tls_.get(), bytes.data(), static_cast<int>(bytes.size()));
   }
-  SSL_shutdown(tls.get());
-  ::shutdown(fd, SHUT_WR);
-  std::string answer;
+}
+
+std::string TlsConnection::Read() {
   char buffer[4096];
-  int count = 0;
-  while ((count = SSL_read(tls.get(), buffer, sizeof buffer)) > 0) {
-    answer.append(buffer, static_cast<size_t>(count));
+  const int count = SSL_read(tls_.get(), buffer, sizeof buffer);
+  return std::string(buffer, static_cast<size_t>(std::max(count, 0)));
+}
+
+std::string TlsConnection::ReadWhatIsThere() {
+  Require(::fcntl(fd_, F_SETFL, O_NONBLOCK) == 0, "the connection does not block");
+  std::string all;
+  for (std::string part = Read(); !part.empty(); part = Read()) {
+    all += part;
   }
-  Require(SSL_get_error(tls.get(), count) != SSL_ERROR_WANT_READ, "the host ends the connection");
-  ::close(fd);
-  return answer;
+  return all;
 }
 
 }  // namespace fuzz

@@ -3,9 +3,12 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include <sys/types.h>
+
+struct ssl_st;
 
 namespace fuzz {
 
@@ -27,7 +30,26 @@ uint16_t RunHost(bool tls, const Destination& destination);
 /// back until the host ends it too. A host that does not is a failure.
 std::string Exchange(uint16_t port, const std::string& bytes);
 
-/// The same, inside TLS.
-std::string ExchangeInTls(uint16_t port, const std::string& bytes);
+/// A connection inside TLS, which ends with the object. A host that does not answer within seconds
+/// is a failure.
+class TlsConnection {
+ public:
+  explicit TlsConnection(uint16_t port);
+  ~TlsConnection();
+  TlsConnection(const TlsConnection&) = delete;
+  TlsConnection& operator=(const TlsConnection&) = delete;
+
+  void Write(const std::string& bytes);
+
+  /// Waits for the next piece; empty when the host has ended the connection.
+  std::string Read();
+
+  /// Waits for nothing. To be called last.
+  std::string ReadWhatIsThere();
+
+ private:
+  int fd_;
+  std::unique_ptr<ssl_st, void (*)(ssl_st*)> tls_;
+};
 
 }  // namespace fuzz
