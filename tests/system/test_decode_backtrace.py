@@ -384,12 +384,21 @@ def test_a_binary_at_a_fixed_address_can_be_nowhere_else(program, fixed):
 
 def test_the_frames_that_deviate_are_named(program):
     line, = named_lines(program.record, r"Finish\(")
-    # A whole page, so that it would do by itself.
-    wrong = line.rpartition("0x")[0] + hex(int(line.rpartition("0x")[2], 16) + 0x1000)
-    record = program.record.replace(line, wrong)
+    address = line.split(" ")[0]
+    record = program.record.replace(line, line.replace(address, hex(int(address, 16) + 1)))
     complaint = assert_mismatch(refuse(program.movable, record), record, [r"Finish\("])
     assert "other frames agree on 0x" in complaint
     assert complaint.count(": the binary would be at ") == 1
+
+
+def test_an_offset_beyond_the_function_is_of_another_binary(program):
+    line, = named_lines(program.record, r"Finish\(")
+    start, _, offset = line.rpartition("0x")
+    # Whole pages, so that the load address would do by itself.
+    for pages in (1, 100):
+        wrong = start + hex(int(offset, 16) + pages * 0x1000)
+        complaint = refuse(program.movable, program.record.replace(line, wrong))
+        assert f"\n  {wrong}: it does not reach so far\n" in complaint + "\n"
 
 
 def test_two_possible_load_addresses_are_refused(program):
