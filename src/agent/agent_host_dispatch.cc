@@ -24,6 +24,16 @@ constexpr const char* kCannotForward = "Cannot forward the http request to the s
 // The lines of all steps of the dispatch carry its name.
 constexpr const char* kDispatchRequest = "void tavlo::AgentHost::DispatchRequest(evhttp_request*)";
 
+// An answer's head and body are pieces of their own, and so would be their TLS records: the body
+// joins the head where both fit into one. A larger body is not worth the copying.
+void JoinPieces(evhttp_connection* connection) {
+  constexpr size_t kMaxRecord = 16384;
+  evbuffer* const output = bufferevent_get_output(evhttp_connection_get_bufferevent(connection));
+  if (evbuffer_get_length(output) <= kMaxRecord) {
+    evbuffer_pullup(output, -1);
+  }
+}
+
 }  // namespace
 
 // Answering or forwarding a request is the last thing that its handling does, so that a request
@@ -41,7 +51,8 @@ void AgentHost::OnReply(evhttp_request* reply, void* argument) {
   AgentHost* const host = forwarding->host;
   evhttp_request* const req = forwarding->client;
   host->forwardings_.erase(req);
-  host->clients_->OnReply(evhttp_request_get_connection(req));
+  evhttp_connection* const client = evhttp_request_get_connection(req);  // null when it has gone
+  host->clients_->OnReply(client);
   // For the next request in its queue libevent may have connected anew; of a connection that failed
   // to be made it tells by no reply alone.
   if (reply == nullptr || evhttp_request_get_response_code(reply) == 0) {
@@ -50,6 +61,9 @@ void AgentHost::OnReply(evhttp_request* reply, void* argument) {
   host->SetUpConnection();
   if (!RunGuarded(__PRETTY_FUNCTION__, [&] { RelayReply(reply, req); })) {
     evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
+  }
+  if (host->secure_ && client != nullptr) {
+    JoinPieces(client);
   }
 }
 
