@@ -123,6 +123,7 @@ def test_the_daemon_runs_with_what_procd_was_told(router):
 RULES = """
 INCLUDE_DIR:=$(TOPDIR)/include
 PKG_BUILD_DIR:=$(TOPDIR)/build_dir
+TARGET_CROSS:=router-
 INSTALL_DIR:=install -d -m0755
 INSTALL_BIN:=install -m0755
 INSTALL_DATA:=install -m0644
@@ -158,7 +159,9 @@ def build_system(tmp_path):
 def test_its_version_is_the_builds(make):
     cache = (BUILD / "CMakeCache.txt").read_text()
     version = cache.split("CMAKE_PROJECT_VERSION:STATIC=")[1].split()[0]
-    assert make("show").split() == ["tavlo", version, "-DBUILD_TESTING=OFF"]
+    assert make("show").split() == [
+        "tavlo", version, "-DBUILD_TESTING=OFF", "-DCMAKE_OBJCOPY=router-objcopy",
+        "-DCMAKE_STRIP=router-strip"]
 
 
 def test_the_package_holds_these_files(make, tmp_path):
