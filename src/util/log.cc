@@ -99,8 +99,11 @@ void LogFileStream::Open(const std::string& path) {
   if (IsOpen()) {
     Close();
   }
-  fd_ = stdext::retry_on_interrupt(
-      [&] { return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666); });
+  // Without O_NONBLOCK a FIFO that nobody reads would hold up whoever logs, and so everybody; a
+  // regular file knows no difference.
+  fd_ = stdext::retry_on_interrupt([&] {
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
+  });
   good_ = IsOpen();
 }
 
