@@ -171,13 +171,14 @@ PidTidText LogPidTid() {
 
 void Open(const char* name, const std::string& path, int level, bool console, bool sysLog,
           bool file) {
+  // Before the lock: it allocates, and a crash for want of memory is logged as well.
+  Detail::FilePath(path);
   const std::lock_guard<std::mutex> lock(Detail::Mutex());
   static const char* const s_name = name;
   const int ceiling = Detail::LogLevel(level);
   Detail::ConsoleLogEnabled(console);
   const bool toSysLog = Detail::SysLogEnabled(sysLog);
   Detail::FileLogEnabled(file);
-  Detail::FilePath(path);
   if (toSysLog) {
     ::setlogmask(LOG_UPTO(ceiling));
     // LOG_PERROR shows each message on standard error too; with the console on as well it appears
