@@ -5,7 +5,8 @@ import re
 import threading
 from dataclasses import dataclass
 
-START = re.compile(rb"[A-Z]+ [^\r\n\0]* HTTP/1\.1")
+# A carriage return by itself ends no line; the daemon passes it on as it came.
+START = re.compile(rb"[A-Z]+ [^\n\0]* HTTP/1\.1")
 HEADER = re.compile(rb"([!-9;-~]+): ([^\r\n\0]*)")
 
 
@@ -65,6 +66,7 @@ class RequestRecorder:
     def take(self):
         """What has come since the last call; fails if something came that was no request."""
         with self._lock:
-            assert self._errors == []
+            errors, self._errors = self._errors, []
             requests, self._requests = self._requests, []
-            return requests
+        assert errors == []
+        return requests
