@@ -2,7 +2,6 @@
 exactly the requests that were judged, each with one plain length, and never what was hidden in one
 of them."""
 
-import socket
 from dataclasses import dataclass
 
 import pytest
@@ -103,7 +102,7 @@ class Judge:
 
     def take_notes(self):
         found = []
-        for note in sorted(self.notes.iterdir()):
+        for note in sorted(self.notes.iterdir(), key=lambda path: int(path.name)):
             start, _, body = note.read_bytes().partition(b"\n")
             found.append((start, body))
             note.unlink()
@@ -129,8 +128,6 @@ def send(port, request, tls):
     with connect(port, tls) as client:
         try:
             client.sendall(request + b"GET /the-end HTTP/1.1\r\nConnection: close\r\n\r\n")
-            if not tls:
-                client.shutdown(socket.SHUT_WR)
         except OSError:
             pass  # it has ended it already
         return read_to_end(client)
