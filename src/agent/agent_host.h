@@ -106,6 +106,7 @@ class AgentHost {
                 bool* terminated);
   void Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
   void KeepConnectionFromChildren();
+  void EndConnectionWithMore();
   static void RelayReply(evhttp_request* reply, evhttp_request* client);
   void ApiGetMac(evhttp_request* req);
 

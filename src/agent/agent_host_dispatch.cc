@@ -5,6 +5,7 @@
 
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
+#include <sys/socket.h>
 
 #include "agent/access.h"
 #include "agent/agent_host.h"
@@ -39,6 +40,9 @@ void AgentHost::OnReply(evhttp_request* reply, void* argument) {
   evhttp_request* const req = forwarding->client;
   host->forwardings_.erase(req);
   host->clients_->OnReply(evhttp_request_get_connection(req));
+  if (reply != nullptr) {
+    host->EndConnectionWithMore();
+  }
   // For the next request in its queue libevent may have connected anew.
   host->KeepConnectionFromChildren();
   if (!RunGuarded(__PRETTY_FUNCTION__, [&] { RelayReply(reply, req); })) {
@@ -154,6 +158,20 @@ void AgentHost::Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_
 // it opens by itself, while the other listener starts a script, until the reply callback runs.
 void AgentHost::KeepConnectionFromChildren() {
   stdext::set_close_on_exec(bufferevent_getfd(evhttp_connection_get_bufferevent(evcon_.get())));
+}
+
+// What has come behind a reply would be taken for that to the next request, which has not gone out
+// yet: its client would get what was meant for somebody else.
+void AgentHost::EndConnectionWithMore() {
+  bufferevent* const connection = evhttp_connection_get_bufferevent(evcon_.get());
+  evbuffer* const input = bufferevent_get_input(connection);
+  const size_t length = evbuffer_get_length(input);
+  if (length == 0) {
+    return;
+  }
+  ORX_LOG(Orx::Log::kError, "The SDK REST host sent more than its reply: the connection is ended");
+  evbuffer_drain(input, length);
+  ::shutdown(bufferevent_getfd(connection), SHUT_RDWR);
 }
 
 void AgentHost::RelayReply(evhttp_request* reply, evhttp_request* client) {
