@@ -6,9 +6,16 @@ from contextlib import contextmanager
 
 
 def set_limit(daemon, name, value):
-    """The soft limit; None for the hard one."""
-    text = f"--{name}={value}:" if value is not None else f"--{name}=unlimited:"
-    subprocess.run(["prlimit", "--pid", str(daemon.pid), text], check=True)
+    """The soft one."""
+    subprocess.run(["prlimit", "--pid", str(daemon.pid), f"--{name}={value}:"], check=True)
+
+
+def set_own_limit(daemon, name, value):
+    """The same, by the daemon's own user: root may not everywhere."""
+    owner = os.stat(f"/proc/{daemon.pid}")
+    subprocess.run(["setpriv", f"--reuid={owner.st_uid}", f"--regid={owner.st_gid}",
+                    "--clear-groups", "prlimit", "--pid", str(daemon.pid), f"--{name}={value}:"],
+                   check=True)
 
 
 @contextmanager
