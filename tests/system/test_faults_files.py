@@ -13,7 +13,7 @@ import pytest
 from support.clients import ask
 from support.limits import inside, own_file_system, remount
 from support.scratch_root import PAIRING_KEY
-from support.waiting import DEFAULT_LIMIT, EMULATOR
+from support.waiting import DEFAULT_LIMIT
 
 CHANGE = ("PATCH", "/api/1/router-ref")
 INTERNAL_ERROR = (500, "Internal error")
@@ -243,15 +243,15 @@ def test_router_information_that_was_cut_keeps_the_key(root, daemon, sdk_host, t
     assert answer.status == 200
 
 
-def test_a_body_file_that_became_a_fifo_or_a_directory(root, make_daemon, sdk_host):
-    if EMULATOR:
-        pytest.skip("an emulator restarts the open by itself")
+def test_a_body_file_whose_place_is_taken(root, make_daemon, sdk_host):
     root.settings["agentDataPath"] = str(root.agent_data)
     root.write_hook(root.internal_hooks, "10-pass", "#!/bin/sh\nexit 0\n")
-    make_daemon().start()
+    daemon = make_daemon().start()
     root.agent_data.mkdir()
     answer = ask(root.http_port, *CHANGE, body=b"x")
     assert (answer.status, answer.reason) == INTERNAL_ERROR
+    assert ("ERROR", f"Failed to write file {root.agent_data}: 21 Is a directory") in (
+        daemon.messages())
     assert sdk_host.requests == []
     root.agent_data.rmdir()
     assert ask(root.http_port, *CHANGE, body=b"x").status == 200
