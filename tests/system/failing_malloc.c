@@ -1,6 +1,6 @@
 /* Preloaded into the daemon by test_faults_memory.py, which builds it: memory that is refused at
- * chosen calls. The file named in FAILING_MALLOC is shared with the test, which may change it at any
- * time. */
+ * chosen calls. The file named in FAILING_MALLOC is shared with the test, which may change it at
+ * any time. */
 
 #include <errno.h>
 #include <fcntl.h>
@@ -32,8 +32,7 @@ __attribute__((constructor)) static void find_control(void) {
   if (fd < 0) {
     abort();
   }
-  void* const place =
-      mmap(NULL, sizeof(struct control), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  void* const place = mmap(NULL, sizeof(struct control), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (place == MAP_FAILED) {
     abort();
   }
@@ -58,7 +57,9 @@ static void* count(void* block) {
   return block;
 }
 
-void* malloc(size_t size) { return is_refused() ? NULL : count(__libc_malloc(size)); }
+void* malloc(size_t size) {
+  return is_refused() ? NULL : count(__libc_malloc(size));
+}
 
 void* calloc(size_t number, size_t size) {
   return is_refused() ? NULL : count(__libc_calloc(number, size));
