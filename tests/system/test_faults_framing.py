@@ -31,35 +31,45 @@ FRAMINGS = {
     "the same length twice":
         head(b"Content-Length: " + LENGTH, b"Content-Length: " + LENGTH) + HIDDEN,
     "two lengths in one line": head(b"Content-Length: 0, " + LENGTH) + HIDDEN,
-    "a length and chunks": head(b"Content-Length: " + LENGTH, b"Transfer-Encoding: chunked") + CHUNK,
+    "a length and chunks":
+        head(b"Content-Length: " + LENGTH, b"Transfer-Encoding: chunked") + CHUNK,
     "a length and chunks that end at once":
         head(b"Content-Length: 5", b"Transfer-Encoding: chunked") + NO_CHUNK + HIDDEN,
     "chunks and a length that covers less":
         head(b"Transfer-Encoding: chunked", b"Content-Length: 3") + CHUNK,
-    "a length of zero and chunks": head(b"Content-Length: 0", b"Transfer-Encoding: chunked") + CHUNK,
+    "a length of zero and chunks":
+        head(b"Content-Length: 0", b"Transfer-Encoding: chunked") + CHUNK,
     "chunks twice": head(b"Transfer-Encoding: chunked", b"Transfer-Encoding: chunked") + CHUNK,
-    "chunks and identity": head(b"Transfer-Encoding: chunked", b"Transfer-Encoding: identity") + CHUNK,
-    "identity and chunks": head(b"Transfer-Encoding: identity", b"Transfer-Encoding: chunked") + CHUNK,
+    "chunks and identity":
+        head(b"Transfer-Encoding: chunked", b"Transfer-Encoding: identity") + CHUNK,
+    "identity and chunks":
+        head(b"Transfer-Encoding: identity", b"Transfer-Encoding: chunked") + CHUNK,
     "a list of encodings": head(b"Transfer-Encoding: identity, chunked") + CHUNK,
     "another encoding": head(b"Transfer-Encoding: gzip", b"Content-Length: 0") + HIDDEN,
     "chunks in capitals": head(b"Transfer-Encoding: CHUNKED") + CHUNK,
-    "chunks with a letter before": head(b"Transfer-Encoding: xchunked", b"Content-Length: 0") + HIDDEN,
+    "chunks with a letter before":
+        head(b"Transfer-Encoding: xchunked", b"Content-Length: 0") + HIDDEN,
     "chunks with a tab": head(b"Transfer-Encoding:\tchunked") + CHUNK,
     "chunks with a tab behind": head(b"Transfer-Encoding: chunked\t", b"Content-Length: 0") + CHUNK,
     "chunks in quotes": head(b'Transfer-Encoding: "chunked"', b"Content-Length: 0") + HIDDEN,
     "a blank before the colon": head(b"Transfer-Encoding : chunked", b"Content-Length: 0") + HIDDEN,
-    "a blank before the length's colon": head(b"Content-Length : 0", b"Content-Length: " + LENGTH) + HIDDEN,
+    "a blank before the length's colon":
+        head(b"Content-Length : 0", b"Content-Length: " + LENGTH) + HIDDEN,
     "a blank before the name": head(b" Content-Length: 0", b"Content-Length: " + LENGTH) + HIDDEN,
     "an underscore": head(b"Content_Length: 0", b"Content-Length: " + LENGTH) + HIDDEN,
     "a folded encoding": head(b"Transfer-Encoding:\r\n chunked", b"Content-Length: 0") + CHUNK,
     "a folded length": head(b"Content-Length:\r\n " + LENGTH) + HIDDEN,
-    "a fold that looks like a length": head(b"X: y\r\n Content-Length: 0", b"Content-Length: " + LENGTH) + HIDDEN,
-    "a bare line feed before a length": START + b"Host: x\nContent-Length: " + LENGTH + b"\n\n" + HIDDEN,
-    "a bare line feed within a header": head(b"X: y\nContent-Length: 0", b"Content-Length: " + LENGTH) + HIDDEN,
+    "a fold that looks like a length":
+        head(b"X: y\r\n Content-Length: 0", b"Content-Length: " + LENGTH) + HIDDEN,
+    "a bare line feed before a length":
+        START + b"Host: x\nContent-Length: " + LENGTH + b"\n\n" + HIDDEN,
+    "a bare line feed within a header":
+        head(b"X: y\nContent-Length: 0", b"Content-Length: " + LENGTH) + HIDDEN,
     "a bare carriage return within a header":
         head(b"X: y\rContent-Length: 0", b"Content-Length: " + LENGTH) + HIDDEN,
     "a NUL within a length": head(b"Content-Length: 0\x00" + LENGTH) + HIDDEN,
-    "a NUL within an encoding": head(b"Transfer-Encoding: chunked\x00x", b"Content-Length: 0") + CHUNK,
+    "a NUL within an encoding":
+        head(b"Transfer-Encoding: chunked\x00x", b"Content-Length: 0") + CHUNK,
     "a NUL within a name": head(b"Content-Length\x00: 0", b"Content-Length: " + LENGTH) + HIDDEN,
     "a length with a sign": head(b"Content-Length: +" + LENGTH) + HIDDEN,
     "a negative length": head(b"Content-Length: -1") + HIDDEN,
@@ -72,24 +82,38 @@ FRAMINGS = {
     "a length that wraps around": head(b"Content-Length: 18446744073709551616") + HIDDEN,
     "no length": head() + HIDDEN,
     "no length and to the end": head(b"Connection: close") + HIDDEN,
-    "a GET with a length": head(b"Content-Length: " + LENGTH, start=b"GET /api/version HTTP/1.1\r\n") + HIDDEN,
-    "a GET with chunks": head(b"Transfer-Encoding: chunked", start=b"GET /api/version HTTP/1.1\r\n") + CHUNK,
-    "HTTP/1.0 with chunks": head(b"Transfer-Encoding: chunked", b"Content-Length: 0", start=START.replace(b"1.1", b"1.0")) + CHUNK,
+    "a GET with a length":
+        head(b"Content-Length: " + LENGTH, start=b"GET /api/version HTTP/1.1\r\n") + HIDDEN,
+    "a GET with chunks":
+        head(b"Transfer-Encoding: chunked", start=b"GET /api/version HTTP/1.1\r\n") + CHUNK,
+    "HTTP/1.0 with chunks":
+        head(b"Transfer-Encoding: chunked", b"Content-Length: 0", start=START.replace(b"1.1",
+             b"1.0")) + CHUNK,
     "a chunk with an extension":
         head(b"Transfer-Encoding: chunked") + b"%x;x=y\r\n" % len(HIDDEN) + HIDDEN + b"\r\n0\r\n\r\n",
-    "a chunk size with a sign": head(b"Transfer-Encoding: chunked") + b"+%x\r\n" % len(HIDDEN) + HIDDEN + b"\r\n0\r\n\r\n",
-    "a chunk size with 0x": head(b"Transfer-Encoding: chunked") + b"0x%x\r\n" % len(HIDDEN) + HIDDEN + b"\r\n0\r\n\r\n",
-    "a chunk size with a blank": head(b"Transfer-Encoding: chunked") + b" %x \r\n" % len(HIDDEN) + HIDDEN + b"\r\n0\r\n\r\n",
-    "a chunk that is longer than its size": head(b"Transfer-Encoding: chunked") + b"1\r\n" + HIDDEN + b"\r\n0\r\n\r\n",
-    "a chunk size that wraps around": head(b"Transfer-Encoding: chunked") + b"10000000000000000\r\n" + HIDDEN,
+    "a chunk size with a sign":
+        head(b"Transfer-Encoding: chunked") + b"+%x\r\n" % len(HIDDEN) + HIDDEN + b"\r\n0\r\n\r\n",
+    "a chunk size with 0x":
+        head(b"Transfer-Encoding: chunked") + b"0x%x\r\n" % len(HIDDEN) + HIDDEN + b"\r\n0\r\n\r\n",
+    "a chunk size with a blank":
+        head(b"Transfer-Encoding: chunked") + b" %x \r\n" % len(HIDDEN) + HIDDEN + b"\r\n0\r\n\r\n",
+    "a chunk that is longer than its size":
+        head(b"Transfer-Encoding: chunked") + b"1\r\n" + HIDDEN + b"\r\n0\r\n\r\n",
+    "a chunk size that wraps around":
+        head(b"Transfer-Encoding: chunked") + b"10000000000000000\r\n" + HIDDEN,
     "a chunk with a bare line feed": head(b"Transfer-Encoding: chunked") + b"1\nx\n0\n\n" + HIDDEN,
     "an empty chunk line": head(b"Transfer-Encoding: chunked") + b"\r\n" + CHUNK,
-    "a trailer that is a length": head(b"Transfer-Encoding: chunked") + b"0\r\nContent-Length: " + LENGTH + b"\r\n\r\n" + HIDDEN,
+    "a trailer that is a length":
+        head(b"Transfer-Encoding: chunked") + b"0\r\nContent-Length: " + LENGTH + b"\r\n\r\n" +
+        HIDDEN,
     "a start line with a carriage return":
         b"GET /api/version\rX: y HTTP/1.1\r\nHost: x\r\n\r\n" + HIDDEN,
-    "a start line with two versions": b"GET /api/version HTTP/1.1 HTTP/1.1\r\nHost: x\r\n\r\n" + HIDDEN,
+    "a start line with two versions":
+        b"GET /api/version HTTP/1.1 HTTP/1.1\r\nHost: x\r\n\r\n" + HIDDEN,
     "a whole URL": b"GET http://x/api/hidden HTTP/1.1\r\nHost: x\r\n\r\n",
-    "upgrade": head(b"Connection: Upgrade, HTTP2-Settings", b"Upgrade: h2c", b"Content-Length: 0") + HIDDEN,
+    "upgrade":
+        head(b"Connection: Upgrade, HTTP2-Settings", b"Upgrade: h2c", b"Content-Length: 0") +
+        HIDDEN,
 }
 
 @dataclass
