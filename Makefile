@@ -1,6 +1,6 @@
 # The front door: each target says in a line what it is for; the work is in CMake and tools/.
 
-.PHONY: all aarch64 bench build check check-slow run format fuzz clean help
+.PHONY: all aarch64 bench build check check-slow run format fuzz mutate clean help
 
 all: build
 
@@ -31,6 +31,10 @@ aarch64:  ## build for AArch64 and run all tests of that build under an emulator
 fuzz:  ## feed made-up inputs to what reads foreign ones: a minute each, or TIME=seconds TARGET=name
 	@tools/dependencies check
 	@tools/fuzz $(or $(TIME),60) $(TARGET)
+
+mutate:  ## break the code in many places and see that the tests notice: all, or ONLY=folder
+	@tools/dependencies check
+	@tools/mutate $(ONLY)
 
 bench:  ## show how small and how fast the release build is
 	@tools/dependencies run
