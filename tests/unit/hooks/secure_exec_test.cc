@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include "support/log_capture.h"
 #include "support/temporary_directory.h"
 #include "support/wait.h"
+#include "util/close_on_exec.h"
 
 namespace {
 
@@ -396,6 +398,24 @@ void RunMany(int count, int* failures) {
 }
 
 // A thread that was joined may be listed for a moment more, before the runs as well as after them.
+// Whether a library could have opened a descriptor, not marked yet, when the child was made.
+bool wasOpenToLibraries = true;
+
+void SeeWhetherLibrariesMayOpen() {
+  std::thread([] {
+    wasOpenToLibraries = stdext::exec_mutex().try_lock();
+    if (wasOpenToLibraries) {
+      stdext::exec_mutex().unlock();
+    }
+  }).join();
+}
+
+TEST_F(SecureExecTest, NoChildIsMadeWhileALibraryOpensADescriptor) {
+  ASSERT_EQ(::pthread_atfork(SeeWhetherLibrariesMayOpen, nullptr, nullptr), 0);
+  EXPECT_EQ(RunScript("exit 0"), 0);
+  EXPECT_FALSE(wasOpenToLibraries);
+}
+
 TEST_F(SecureExecTest, FiveHundredRunsLeaveNothingBehind) {
   int failures = 0;
   RunMany(1, &failures);
