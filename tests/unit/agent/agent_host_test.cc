@@ -11,6 +11,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include "agent/client_table.h"
 #include "agent/host_fixture.h"
 #include "agent/listening_socket.h"
 #include "support/faults.h"
@@ -268,6 +269,17 @@ TEST_F(AgentHostTest, ADestinationThatFailsAtOnceIsAnsweredOnce) {
   RunHost(false);
   EXPECT_THAT(Get("/api/version"), StartsWith("HTTP/1.1 500 Timeout in forwarding request\r\n"));
   EXPECT_THAT(Get("/api/version"), StartsWith("HTTP/1.1 500 Timeout in forwarding request\r\n"));
+}
+
+TEST_F(AgentHostTest, ABodyOfMoreThanTwoMebibytesIsRefusedByItsLength) {
+  RunHost(false);
+  const auto ask = [&](size_t length) {
+    return test::Exchange("127.0.0.1", port_,
+                          "PATCH /api/1/router-ref HTTP/1.1\r\nContent-Length: " +
+                              std::to_string(length) + "\r\n\r\n" + std::string(length, 'b'));
+  };
+  EXPECT_THAT(ask(tavlo::kMaxBodySize), StartsWith("HTTP/1.1 400 Request data too long\r\n"));
+  EXPECT_THAT(ask(tavlo::kMaxBodySize + 1), StartsWith("HTTP/1.1 413 "));
 }
 
 TEST_F(AgentHostTest, ForwardingsThatFailedAtOnceTakeNoPlaceInTheQueue) {
