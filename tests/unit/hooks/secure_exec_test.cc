@@ -359,8 +359,12 @@ TEST_P(StandardDescriptors, MayBeMissingInTheCaller) {
     for (const int number : GetParam().numbers) {
       ::close(number);
     }
-    const int result = RunScript("read line; echo \"got $line\"; echo complaint >&2", "input\n");
-    ::_exit(result == 0 && output_ == "got input\n" ? 0 : 1);
+    for (int fd = STDERR_FILENO + 1; fd < 256; ++fd) {
+      stdext::set_close_on_exec(fd);  // whatever started the test may have left some
+    }
+    const int result =
+        RunScript("read line; echo \"got $line\"; ls /proc/$$/fd; echo complaint >&2", "input\n");
+    ::_exit(result == 0 && output_ == "got input\n0\n1\n2\n" ? 0 : 1);
   });
   EXPECT_EQ(status, 0);
   EXPECT_THAT(Errors(), ElementsAre(EndsWith(": complaint")));
