@@ -1,6 +1,6 @@
 # The front door: each target says in a line what it is for; the work is in CMake and tools/.
 
-.PHONY: all aarch64 bench build check check-slow run format fuzz fuzz-coverage soak clean help
+.PHONY: all aarch64 bench build check check-slow run format fuzz fuzz-coverage mutate soak clean help
 
 all: build
 
@@ -40,6 +40,10 @@ soak:  ## a long run of mixed requests while everything changes: 100,000, or REQ
 	@tools/dependencies check
 	@BUILD_TESTING=OFF tools/build release
 	@tools/soak $(REQUESTS)
+
+mutate:  ## break the code in many places and see that the tests notice: all, or ONLY=folder
+	@tools/dependencies check
+	@tools/mutate $(ONLY)
 
 bench:  ## show how small and how fast the release build is
 	@tools/dependencies run
