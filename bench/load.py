@@ -2,29 +2,35 @@
 it has its answer."""
 
 import math
-import re
 import subprocess
-import time
 from dataclasses import dataclass
 
-from servers import Failure
+from servers import BUILD, Failure
 
 LIMIT_SECS = 300
 CIPHER = "TLS_AES_128_GCM_SHA256"  # one for all: some servers prefer another one by themselves
 
+PERCENTILES = {"p50": 50, "p99": 99, "p99.9": 99.9}
+
 
 @dataclass
 class Seen:
-    """`rate` a second; latencies in microseconds, by percentile; None where the tool has none."""
+    """`rate` a second; `latency` in microseconds, by percentile."""
 
     requests: int
     rate: float
-    latency: dict | None = None
+    latency: dict
 
 
 def percentile(ordered, percent):
     """The smallest of the values that `percent` of them do not exceed."""
     return ordered[max(0, math.ceil(len(ordered) * percent / 100) - 1)]
+
+
+def summary(taken, elapsed):
+    """`taken` are the ordered latencies, `elapsed` the time of all; both in microseconds."""
+    return Seen(len(taken), len(taken) * 1e6 / elapsed,
+                {name: percentile(taken, percent) for name, percent in PERCENTILES.items()})
 
 
 def run(command):
@@ -56,20 +62,12 @@ def h2load(log, url, requests, connections, expected=200, method="GET", body=Non
         taken.append(duration)
     if len(taken) != requests:
         raise Failure(f"{url} answered {len(taken)} of {requests} requests")
-    taken.sort()
-    return Seen(requests, requests * 1e6 / (max(ended) - min(began)),
-                {name: percentile(taken, name) for name in (50, 99, 99.9)})
+    return summary(sorted(taken), max(ended) - min(began))
 
 
-def resumed_handshakes(port, path, seconds):
-    """TLS connections, one after another, each with the session of the one before; `path` is asked
-    for over each."""
-    begin = time.monotonic()
-    output = run(["openssl", "s_time", "-connect", f"127.0.0.1:{port}", "-reuse", "-www", path,
-                  "-time", seconds, "-ciphersuites", CIPHER])
-    elapsed = time.monotonic() - begin
-    count = int(re.search(r"^(\d+) connections in \d+ real seconds", output, re.MULTILINE)[1])
-    marks = re.search(r"^r+$", output, re.MULTILINE)
-    if count == 0 or not marks or len(marks[0]) != count:
-        raise Failure(f"of {count} sessions some were not resumed:\n{output[-500:]}")
-    return Seen(count, count / elapsed)
+def handshakes(port, path, expected, count, reuse):
+    """`count` TLS connections, one after another, over each of which `path` is asked for; with
+    `reuse` each resumes a session."""
+    output = run([BUILD / "handshakes", port, path, expected, count, "reuse" if reuse else "new"])
+    taken = sorted(map(float, output.split()))
+    return summary(taken, sum(taken))

@@ -371,6 +371,7 @@ events {{ worker_connections 1024; }}
 http {{
   access_log off;
   keepalive_requests 1000000000;
+  keepalive_timeout 1h;
   client_body_buffer_size 64k;
   client_body_temp_path {self.directory}/body;
   proxy_temp_path {self.directory}/proxy;
