@@ -22,6 +22,7 @@ constexpr const char* kLoopback = "127.0.0.1";
 
 event_base* g_base = nullptr;
 evhttp_connection* g_destination = nullptr;
+bool g_setUp = false;  // the socket of g_destination's present connection
 
 void SetNoDelay(evutil_socket_t fd) {
   const int on = 1;
@@ -49,12 +50,15 @@ void OnRequest(evhttp_request* client, void* /*argument*/) {
   evbuffer_add_buffer(evhttp_request_get_output_buffer(forwarded), body);
   evhttp_make_request(g_destination, forwarded, evhttp_request_get_command(client),
                       evhttp_request_get_uri(client));
-  static evutil_socket_t setUpFd = -1;
   const evutil_socket_t fd = bufferevent_getfd(evhttp_connection_get_bufferevent(g_destination));
-  if (fd != setUpFd) {
+  if (!g_setUp && fd >= 0) {
     SetNoDelay(fd);
-    setUpFd = fd;
+    g_setUp = true;
   }
+}
+
+void OnDisconnect(evhttp_connection* /*connection*/, void* /*argument*/) {
+  g_setUp = false;
 }
 
 bufferevent* OnTlsConnection(event_base* base, void* context) {
@@ -90,6 +94,7 @@ int main(int argc, char** argv) {
   g_base = event_base_new();
   g_destination = evhttp_connection_base_new(g_base, nullptr, kLoopback,
                                              static_cast<uint16_t>(std::atoi(argv[3])));
+  evhttp_connection_set_closecb(g_destination, OnDisconnect, nullptr);
   Listen(argv[1]);
   evhttp_set_bevcb(Listen(argv[2]), OnTlsConnection, context);
   return event_base_dispatch(g_base);
