@@ -1,8 +1,12 @@
 """What the kernel tells about a server's processes: the processor's time, and memory."""
 
 import os
+import signal
+import subprocess
 import threading
 from pathlib import Path
+
+from servers import Failure
 
 SAMPLE_PAUSE_SECS = 0.1
 TICK_NS = 10**9 // os.sysconf("SC_CLK_TCK")
@@ -57,6 +61,28 @@ def largest_memory_kib(server, work):
         sampler.join()
     own, files = _proportional_kib(server)
     return max(largest, own) + files
+
+
+def system_calls(server, scratch, work):
+    """How many system calls all its processes make while `work()` runs."""
+    counts = scratch / "strace"
+    pids = server.pids()
+    tracer = subprocess.Popen(
+        ["setpriv", "--pdeathsig", "KILL", "strace", "-f", "-c", "-o", counts,
+         *(word for pid in pids for word in ("-p", str(pid)))],
+        stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+    try:
+        for _ in pids:
+            tracer.stderr.readline()  # "Process ... attached"
+        work()
+    finally:
+        tracer.send_signal(signal.SIGINT)
+        tracer.communicate()
+    # The last line: share of the time, seconds, microseconds a call, calls, and errors if any.
+    total = counts.read_text(encoding="ascii").splitlines()[-1].split()
+    if total[-1] != "total":
+        raise Failure(f"strace counted nothing of {server.name}")
+    return int(total[3])
 
 
 def sizes(server):

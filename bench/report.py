@@ -45,12 +45,15 @@ def row_text(row):
 
 def resources_text(resources):
     lines = [f"{'':<14}{'Pss at rest':>13}{'under load':>12}{'start':>10}{'program':>11}"
-             f"{'libraries':>13}"]
+             f"{'libraries':>14}"
+             f"{'calls plain':>13}{'calls TLS':>11}"]
     for server, own in resources.items():
         lines.append(f"  {server:<12}{own['rest_kib'] / 1024:>9.1f} MiB"
                      f"{own['load_kib'] / 1024:>8.1f} MiB{own['start_ms']['median']:>7.1f} ms"
                      f"{own['program_bytes'] / 1000:>8.0f} KB"
-                     f"{sum(own['libraries'].values()) / 1000:>8.0f} KB ({len(own['libraries'])})")
+                     f"{sum(own['libraries'].values()) / 1000:>8.0f} KB"
+                     f"{' (' + str(len(own['libraries'])) + ')':<5}"
+                     f"{own['calls']['plain']:>11.1f}{own['calls']['tls']:>11.1f}")
     return "\n".join(lines)
 
 
@@ -64,7 +67,7 @@ def text(results):
     return "\n\n".join([
         *(row_text(row) for row in results["rows"]),
         "Memory of all processes, time until the first answer, sizes (libraries and modules "
-        "besides\nthe C library and OpenSSL):\n" + resources_text(results["resources"]),
+        "besides\nthe C library and OpenSSL), system calls a small GET:\n" + resources_text(results["resources"]),
         "Inner pieces of tavlo:\n" + micro_text(results["micro"]),
         "Where the set-ups differ:\n" + differences])
 
@@ -90,10 +93,12 @@ def _ratio_table(rows, servers, unit, own, other):
 
 def _resources_table(resources):
     return _table(
-        ["", "Pss at rest", "Pss under load", "first answer after", "program", "its libraries"],
+        ["", "Pss at rest", "Pss under load", "first answer after", "program", "its libraries",
+         "system calls a GET, plain / TLS"],
         [[server, f"{own['rest_kib'] / 1024:.1f} MiB", f"{own['load_kib'] / 1024:.1f} MiB",
           f"{own['start_ms']['median']:.1f} ms", f"{own['program_bytes'] / 1000:.0f} KB",
-          f"{sum(own['libraries'].values()) / 1000:.0f} KB ({len(own['libraries'])})"]
+          f"{sum(own['libraries'].values()) / 1000:.0f} KB ({len(own['libraries'])})",
+          f"{own['calls']['plain']:.1f} / {own['calls']['tls']:.1f}"]
          for server, own in resources.items()])
 
 
@@ -122,8 +127,9 @@ def page_part(results):
         _ratio_table(rows, servers, "µs",
                      lambda own: " / ".join(f"{own[each]['median']:,.0f}" for each in latencies),
                      lambda ratio: " / ".join(f"{ratio[each]:.2f}" for each in latencies)),
-        "Memory of all processes of a server, time from its start to its first answer, and sizes in "
-        "bytes:",
+        "Memory of all processes of a server, time from its start to its first answer, sizes (of "
+        "libraries and modules those besides the C library and OpenSSL, which each of them maps), and "
+        "system calls for a request over a kept connection:",
         _resources_table(results["resources"]),
         "What the others have no counterpart to:",
         _table(["", "requests/s", "CPU µs", "p50 µs", "p99 µs"], alone),
