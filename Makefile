@@ -45,10 +45,10 @@ mutate:  ## break the code in many places and see that the tests notice: all, or
 	@tools/dependencies check
 	@tools/mutate $(ONLY)
 
-bench:  ## show how small and how fast the release build is
-	@tools/dependencies run
-	@BUILD_TESTING=OFF tools/build release
-	@tools/bench
+bench:  ## measure it beside other servers, some twenty minutes; QUICK=1 a look, PUBLISH=1 for docs/
+	@tools/dependencies bench
+	@BUILD_TESTING=OFF tools/build bench
+	@tools/bench $(if $(QUICK),--quick) $(if $(PUBLISH),--publish) $(BENCH)
 
 format:  ## rewrite the sources in the house's format
 	@tools/dependencies check
