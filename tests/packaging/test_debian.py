@@ -255,7 +255,8 @@ def check_left_after_purge(machine):
     own = Path("etc/tavlo/hooks/agent/10-ends-changes")
     assert {path for path in changed if "tavlo" in str(path)} == {own, *own.parents[:-2]}
     assert not (machine.root / "etc/systemd/system/multi-user.target.wants/tavlo.service").exists()
-    assert machine.run("dpkg", "--audit") == ""
+    # What other packages' triggers have not done yet may stand there.
+    assert "tavlo" not in machine.run("dpkg", "--audit")
 
 
 def test_a_life_from_installation_to_purge(machine, package, tmp_path):
