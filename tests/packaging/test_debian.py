@@ -252,7 +252,8 @@ def check_left_after_purge(machine):
     assert [path.name for path in (machine.root / "etc/tavlo").rglob("*") if path.is_file()] == [
         "10-ends-changes"]
     assert not (machine.root / "etc/systemd/system/multi-user.target.wants/tavlo.service").exists()
-    assert machine.run("dpkg", "--audit") == ""
+    # Triggers of other packages, such as that of the manual pages, were left out on purpose.
+    assert "tavlo" not in machine.run("dpkg", "--audit")
 
 
 def test_a_life_from_installation_to_purge(machine, package, tmp_path):
