@@ -62,14 +62,15 @@ def micro_text(micro):
 
 
 def text(results):
-    differences = "\n".join(f"  {name}: {difference}"
-                            for name, difference in results["differences"].items())
-    return "\n\n".join([
-        *(row_text(row) for row in results["rows"]),
-        "Memory of all processes, time until the first answer, sizes (libraries and modules "
-        "besides\nthe C library and OpenSSL), system calls a small GET:\n" + resources_text(results["resources"]),
-        "Inner pieces of tavlo:\n" + micro_text(results["micro"]),
-        "Where the set-ups differ:\n" + differences])
+    parts = [row_text(row) for row in results["rows"]]
+    if results["resources"]:
+        parts.append("Memory of all processes, time until the first answer, sizes (libraries and "
+                     "modules besides\nthe C library and OpenSSL), system calls a small GET:\n"
+                     + resources_text(results["resources"]))
+        parts.append("Inner pieces of tavlo:\n" + micro_text(results["micro"]))
+    parts.append("Where the set-ups differ:\n" + "\n".join(
+        f"  {name}: {difference}" for name, difference in results["differences"].items()))
+    return "\n\n".join(parts)
 
 
 # --- the page ---
