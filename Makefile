@@ -1,6 +1,9 @@
 # The front door: each target says in a line what it is for; the work is in CMake and tools/.
 
-.PHONY: all aarch64 bench build check check-slow run format fuzz fuzz-coverage soak clean help
+.PHONY: all aarch64 bench build check check-slow clean deb format fuzz fuzz-coverage help install \
+  mutate run soak uninstall
+
+export DESTDIR PREFIX SYSCONFDIR
 
 all: build
 
@@ -15,6 +18,20 @@ run:  ## show a session with a demonstration set-up, then stay until Ctrl-C
 	@tools/dependencies run
 	@BUILD_TESTING=OFF tools/build release
 	@tools/demonstration
+
+install:  ## install the release build: PREFIX=/usr/local, DESTDIR=, SYSCONFDIR=PREFIX/etc
+	@tools/dependencies build
+	@BUILD_TESTING=OFF tools/build release
+	@tools/install
+
+uninstall:  ## take away what `make install` with the same variables has put there
+	@BUILD_TESTING=OFF tools/build release
+	@tools/install remove
+
+deb:  ## make the Debian packages in build/deb, the one with the debug file too
+	@tools/dependencies deb
+	@BUILD_TESTING=OFF tools/build release
+	@tools/deb
 
 check:  ## build and run everything that proves the system
 	@tools/dependencies check
@@ -41,10 +58,14 @@ soak:  ## a long run of mixed requests while everything changes: 100,000, or REQ
 	@BUILD_TESTING=OFF tools/build release
 	@tools/soak $(REQUESTS)
 
-bench:  ## show how small and how fast the release build is
-	@tools/dependencies run
-	@BUILD_TESTING=OFF tools/build release
-	@tools/bench
+mutate:  ## break the code in many places and see that the tests notice: all, or ONLY=folder
+	@tools/dependencies check
+	@tools/mutate $(ONLY)
+
+bench:  ## measure it beside other servers, some twenty minutes; QUICK=1 a look, PUBLISH=1 for docs/
+	@tools/dependencies bench
+	@BUILD_TESTING=OFF tools/build bench
+	@tools/bench $(if $(QUICK),--quick) $(if $(PUBLISH),--publish) $(BENCH)
 
 format:  ## rewrite the sources in the house's format
 	@tools/dependencies check

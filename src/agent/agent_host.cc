@@ -29,6 +29,9 @@ constexpr size_t kShownKeyLength = 3;
 // The largest body of a reply, in bytes. It is held in memory until it has come whole.
 constexpr ev_ssize_t kMaxReply = 4L * 1024 * 1024;
 
+// The largest head of a reply, in bytes. libevent searches a line without an end again and again.
+constexpr ev_ssize_t kMaxReplyHead = 65536;
+
 // How long a listener rests that the system refuses a connection, for want of descriptors mostly.
 constexpr timeval kAcceptPause = {1, 0};
 
@@ -152,6 +155,7 @@ void AgentHost::InitServer() {
   }
   evcon_.reset(evcon, evhttp_connection_free);
   evhttp_connection_set_timeout(evcon, kHttpTimeoutSecs);
+  evhttp_connection_set_max_headers_size(evcon, kMaxReplyHead);
   evhttp_connection_set_max_body_size(evcon, kMaxReply);
   evhttp_connection_set_closecb(evcon, OnDisconnect, this);
 

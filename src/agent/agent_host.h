@@ -107,6 +107,7 @@ class AgentHost {
                 bool* terminated);
   void Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
   void SetUpConnection();
+  void EndConnectionWithMore();
   static void RelayReply(evhttp_request* reply, evhttp_request* client);
   void ApiGetMac(evhttp_request* req);
 

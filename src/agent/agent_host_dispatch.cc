@@ -1,5 +1,6 @@
 // What happens to a request: the checks, in their order, and its way to the SDK REST host and back.
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 
@@ -23,6 +24,12 @@ constexpr const char* kCannotForward = "Cannot forward the http request to the s
 
 // The lines of all steps of the dispatch carry its name.
 constexpr const char* kDispatchRequest = "void tavlo::AgentHost::DispatchRequest(evhttp_request*)";
+
+// libevent lets blanks and control characters through, a carriage return among them, which the SDK
+// REST host may take for the end of the URI or of the line, and what follows for another request.
+bool HasInvalidCharacter(const std::string& uri) {
+  return std::any_of(uri.begin(), uri.end(), [](unsigned char c) { return c <= ' ' || c == 127; });
+}
 
 // An answer's head and body are pieces of their own, and so would be their TLS records: the body
 // joins the head where both fit into one. A larger body is not worth the copying.
@@ -57,6 +64,8 @@ void AgentHost::OnReply(evhttp_request* reply, void* argument) {
   // to be made it tells by no reply alone.
   if (reply == nullptr || evhttp_request_get_response_code(reply) == 0) {
     host->setUpFd_ = -1;
+  } else {
+    host->EndConnectionWithMore();
   }
   host->SetUpConnection();
   if (!RunGuarded(__PRETTY_FUNCTION__, [&] { RelayReply(reply, req); })) {
@@ -91,6 +100,11 @@ void AgentHost::DispatchRequest(evhttp_request* req) {
   }
   if (evbuffer_get_length(evhttp_request_get_input_buffer(req)) > kMaxRequestBody) {
     evhttp_send_error(req, HTTP_BADREQUEST, "Request data too long");
+    return;
+  }
+  if (HasInvalidCharacter(uri)) {
+    ORX_LOG(Orx::Log::kError, "Invalid character in the URI");
+    evhttp_send_error(req, HTTP_BADREQUEST, "Invalid character in the URI");
     return;
   }
   if (!agentDataPath_.empty() && !OfferToHook(req, uri, method)) {
@@ -187,6 +201,20 @@ void AgentHost::SetUpConnection() {
 
 void AgentHost::OnDisconnect(evhttp_connection* /*connection*/, void* host) {
   static_cast<AgentHost*>(host)->setUpFd_ = -1;
+}
+
+// What has come behind a reply would be taken for that to the next request, which has not gone out
+// yet: its client would get what was meant for somebody else.
+void AgentHost::EndConnectionWithMore() {
+  bufferevent* const connection = evhttp_connection_get_bufferevent(evcon_.get());
+  evbuffer* const input = bufferevent_get_input(connection);
+  const size_t length = evbuffer_get_length(input);
+  if (length == 0) {
+    return;
+  }
+  ORX_LOG(Orx::Log::kError, "The SDK REST host sent more than its reply: the connection is ended");
+  evbuffer_drain(input, length);
+  ::shutdown(bufferevent_getfd(connection), SHUT_RDWR);
 }
 
 void AgentHost::RelayReply(evhttp_request* reply, evhttp_request* client) {

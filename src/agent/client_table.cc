@@ -97,7 +97,7 @@ void ClientTable::TakeIn(bufferevent* connection) {
   if (argument == nullptr) {
     return;  // it has ended
   }
-  if (served_ == kMaxClients) {
+  if (served_ >= kMaxClients) {
     EndLongestWaiting();
   }
   auto* const served = static_cast<evhttp_connection*>(argument);

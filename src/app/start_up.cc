@@ -7,6 +7,7 @@
 #include <event2/thread.h>
 
 #include "agent/libevent_log.h"
+#include "agent/libevent_memory.h"
 #include "app/thread_monitor.h"
 #include "util/crash_handler.h"
 #include "util/log.h"
@@ -74,6 +75,7 @@ bool Init(const std::string& configPath) {
     ORX_LOG(Orx::Log::kError, "Failed to ignore SIGPIPE");
     return false;
   }
+  tavlo::EndWhenLibeventGetsNoMemory();
   if (evthread_use_pthreads() < 0) {
     ORX_LOG(Orx::Log::kError, "Failed to configure evthreads");
     return false;

@@ -20,7 +20,8 @@ using JsonTree = std::shared_ptr<json_object>;
 
 // Null when the text does not parse, or is the value null.
 JsonTree ParseJson(const std::string& text) {
-  const std::shared_ptr<json_tokener> tokener(json_tokener_new(), json_tokener_free);
+  const std::unique_ptr<json_tokener, decltype(&json_tokener_free)> tokener(json_tokener_new(),
+                                                                            json_tokener_free);
   if (tokener == nullptr) {
     return nullptr;
   }

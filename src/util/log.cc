@@ -99,8 +99,11 @@ void LogFileStream::Open(const std::string& path) {
   if (IsOpen()) {
     Close();
   }
-  fd_ = stdext::retry_on_interrupt(
-      [&] { return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666); });
+  // Without O_NONBLOCK a FIFO that nobody reads would hold up whoever logs, and so everybody; a
+  // regular file knows no difference.
+  fd_ = stdext::retry_on_interrupt([&] {
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
+  });
   good_ = IsOpen();
 }
 
@@ -168,13 +171,14 @@ PidTidText LogPidTid() {
 
 void Open(const char* name, const std::string& path, int level, bool console, bool sysLog,
           bool file) {
+  // Before the lock: it allocates, and a crash for want of memory is logged as well.
+  Detail::FilePath(path);
   const std::lock_guard<std::mutex> lock(Detail::Mutex());
   static const char* const s_name = name;
   const int ceiling = Detail::LogLevel(level);
   Detail::ConsoleLogEnabled(console);
   const bool toSysLog = Detail::SysLogEnabled(sysLog);
   Detail::FileLogEnabled(file);
-  Detail::FilePath(path);
   if (toSysLog) {
     ::setlogmask(LOG_UPTO(ceiling));
     // LOG_PERROR shows each message on standard error too; with the console on as well it appears

@@ -180,6 +180,16 @@ def test_who_waits_for_a_reply_is_not_ended(root, daemon):
             other.close()
 
 
+def test_who_got_its_reply_is_ended_like_others(root, daemon, sdk_host):
+    with Client(root.http_port) as answered:
+        assert answered.ask("GET", "/api/version").status == 200
+        others = [connect(root.http_port) for _ in range(MOST_CLIENTS)]
+        daemon.wait_for_log(TOO_MANY)
+        assert answered.connection.sock.recv(1) == b""
+        for other in others:
+            other.close()
+
+
 def test_the_largest_unfinished_request_makes_room(root, daemon, sdk_host):
     def begin(size, tls=False):
         port = root.https_port if tls else root.http_port

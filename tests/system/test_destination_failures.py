@@ -15,6 +15,7 @@ from support.waiting import wait_until
 KEY = {"PairingKey": PAIRING_KEY}
 FAILED = "Destination request failed"
 NO_REPLY = "Timeout in forwarding request"
+LARGEST_BODY = 4 << 20
 
 WITHOUT_REPLY = {
     "closes at once": close_at_once,
@@ -32,6 +33,10 @@ WITHOUT_REPLY = {
                               b"64\r\nhalf", repeat=False),
     "a bad chunk": answering(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nxyz\r\n"),
     "a negative length": answering(b"HTTP/1.1 200 OK\r\nContent-Length: -1\r\n\r\n"),
+    "a large body": answering(answer_bytes(b"b" * (LARGEST_BODY + 1))),
+    "a large body in chunks": answering(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                                        b"400001\r\n" + b"b" * (LARGEST_BODY + 1) +
+                                        b"\r\n0\r\n\r\n"),
 }
 
 

@@ -4,7 +4,7 @@ import itertools
 
 import pytest
 
-from support.clients import Client, ask, connect
+from support.clients import Client, ask, connect, exchange
 from support.scratch_root import PAIRING_KEY
 
 METHODS = ["GET", "POST", "PUT", "DELETE", "PATCH"]
@@ -260,3 +260,15 @@ def test_a_refused_request_leaves_nothing_behind_on_its_connection(shared):
             assert client.ask("GET", "/api/x").status == 417
             assert client.ask("GET", "/api/version").status == 200
             assert client.ask("PATCH", "/api/1/router-ref", body=LONG_BODY).status == 400
+
+
+@pytest.mark.parametrize("character", [b"\r", b"\t", b" ", b"\x01", b"\x1f", b"\x7f"])
+def test_a_uri_that_another_server_may_read_otherwise_is_not_forwarded(shared, character):
+    mark = shared.mark()
+    received = len(shared.sdk_host.requests)
+    answer = exchange(shared.root.https_port,
+                      b"GET /api/x" + character + b"HTTP/1.1 HTTP/1.1\r\nConnection: close\r\n"
+                      b"PairingKey: " + PAIRING_KEY.encode() + b"\r\n\r\n", tls=True)
+    assert answer.startswith(b"HTTP/1.1 400 Invalid character in the URI\r\n")
+    assert shared.messages(mark)[-1] == ("ERROR", "Invalid character in the URI")
+    assert len(shared.sdk_host.requests) == received

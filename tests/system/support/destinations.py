@@ -33,7 +33,7 @@ class Destination:
     is closed when that returns."""
 
     def __init__(self, port, behave):
-        self._behave = behave
+        self.behave = behave
         self._connections = []
         self.accepted = 0
         self._listener = socket.create_server(("127.0.0.1", port), backlog=64)
@@ -53,7 +53,7 @@ class Destination:
 
     def _serve(self, connection):
         try:
-            self._behave(connection)
+            self.behave(connection)
         except OSError:
             pass
         finally:

@@ -1,13 +1,22 @@
 #include "agent/agent_host.h"
 
 #include <cerrno>
+#include <memory>
 #include <ostream>
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include "agent/client_table.h"
 #include "agent/host_fixture.h"
+#include "agent/listening_socket.h"
 #include "support/faults.h"
 #include "support/wait.h"
+#include "util/descriptor.h"
 
 namespace {
 
@@ -110,6 +119,7 @@ TEST_F(AgentHostTest, ListensOnAFurtherAddressAtOnceAndOnTheOldOnesToo) {
       "DEBUG: void tavlo::AgentHost::Invoke: Listen to endpoint '127.0.0.2:" +
       std::to_string(port_) + "'";
   ASSERT_TRUE(test::WaitUntil([&] { return LogHas(listening); }));
+  host.BindSrcAddr("127.0.0.2");  // is passed over, or it would fail before the next one is bound
   host.BindSrcAddr("127.0.0.3");
   ASSERT_TRUE(test::WaitUntil([&] { return test::Connection("127.0.0.3", port_).IsOpen(); }));
   for (const char* address : {"127.0.0.1", "127.0.0.2", "127.0.0.3"}) {
@@ -122,6 +132,7 @@ TEST_F(AgentHostTest, ListensOnAFurtherAddressAtOnceAndOnTheOldOnesToo) {
                     Contains("DEBUG: void tavlo::AgentHost::BindSrcAddr: Leave"),
                     Contains("DEBUG: void tavlo::AgentHost::Invoke: Enter"),
                     Contains("DEBUG: void tavlo::AgentHost::Invoke: Leave")));
+  EXPECT_THAT(log_.Lines(), Not(Contains(StartsWith("ERROR: void tavlo::AgentHost::Invoke"))));
 }
 
 TEST_F(AgentHostTest, PassesOverAnEmptyAddressAndOneThatIsBound) {
@@ -259,6 +270,60 @@ TEST_F(AgentHostTest, ADestinationThatFailsAtOnceIsAnsweredOnce) {
   RunHost(false);
   EXPECT_THAT(Get("/api/version"), StartsWith("HTTP/1.1 500 Timeout in forwarding request\r\n"));
   EXPECT_THAT(Get("/api/version"), StartsWith("HTTP/1.1 500 Timeout in forwarding request\r\n"));
+}
+
+TEST_F(AgentHostTest, ABodyOfMoreThanTwoMebibytesIsRefusedByItsLength) {
+  RunHost(false);
+  const auto head = [](size_t length) {
+    return "PATCH /api/1/router-ref HTTP/1.1\r\nContent-Length: " + std::to_string(length) +
+           "\r\n\r\n";
+  };
+  const std::string largest = head(tavlo::kMaxBodySize) + std::string(tavlo::kMaxBodySize, 'b');
+  EXPECT_THAT(test::Exchange("127.0.0.1", port_, largest),
+              StartsWith("HTTP/1.1 400 Request data too long\r\n"));
+  EXPECT_THAT(test::Exchange("127.0.0.1", port_, head(tavlo::kMaxBodySize + 1)),
+              StartsWith("HTTP/1.1 413 "));
+}
+
+TEST_F(AgentHostTest, ForwardingsThatFailedAtOnceTakeNoPlaceInTheQueue) {
+  RunHost(false);
+  std::vector<std::unique_ptr<test::Connection>> clients;
+  for (size_t i = 0; i <= tavlo::kMaxForwardings; ++i) {
+    clients.push_back(std::make_unique<test::Connection>("127.0.0.1", port_));
+  }
+  WaitForAccept();
+  const Fault fault("evhttp_make_request", ENOMEM);
+  for (const auto& client : clients) {
+    EXPECT_THAT(client->Exchange("GET /api/version HTTP/1.1\r\n\r\n"), StartsWith("HTTP/1.1 500 "));
+  }
+  EXPECT_THAT(log_.Lines(), Not(Contains(HasSubstr("Too many requests"))));
+}
+
+TEST_F(AgentHostTest, LibeventsWarningsLeaveTheErrorNumberToItsCallers) {
+  tavlo::AgentHost& host = RunHost(false);
+  Get("/elsewhere");
+  const Fault clock("gettimeofday", EIO);  // fails the logger
+  errno = 0;
+  host.Run();  // the second time at once, which libevent refuses with a warning
+  EXPECT_EQ(errno, 0);
+  EXPECT_GT(clock.Calls(), 0);
+}
+
+int FlagOf(int fd, int level, int name) {
+  int value = 0;
+  socklen_t size = sizeof value;
+  EXPECT_EQ(::getsockopt(fd, level, name, &value, &size), 0);
+  return value;
+}
+
+TEST(ListeningSocket, IsWatchedPromptAndKeptFromPrograms) {
+  const stdext::descriptor socket(tavlo::OpenListeningSocket("127.0.0.1", test::FreePort()));
+  ASSERT_TRUE(socket.is_open());
+  EXPECT_NE(FlagOf(socket.get(), SOL_SOCKET, SO_KEEPALIVE), 0);
+  EXPECT_NE(FlagOf(socket.get(), SOL_SOCKET, SO_REUSEADDR), 0);
+  EXPECT_NE(FlagOf(socket.get(), IPPROTO_TCP, TCP_NODELAY), 0);
+  EXPECT_EQ(::fcntl(socket.get(), F_GETFD), FD_CLOEXEC);
+  EXPECT_NE(::fcntl(socket.get(), F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST_F(AgentHostTest, LibeventsWarningsGoToTheDebugLog) {

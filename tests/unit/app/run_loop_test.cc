@@ -130,15 +130,17 @@ TEST_F(RunLoop, AThreadThatCannotBeStartedEndsItWithAnError) {
   EXPECT_EQ(Count("INFO: void Run: tavlo started"), 0U);
 }
 
-TEST_F(RunLoop, RegistersBothThreadsBeforeItSaysThatItStarted) {
+TEST_F(RunLoop, RegistersBothThreadsForAMinuteBeforeItSaysThatItStarted) {
   RunDaemon([this] {
     std::thread([this] {
       test::WaitUntil([&] { return LogHas("INFO: void Run: tavlo started"); });
-      // The silent one with the lowest identity, then the other one.
       Orx::ThreadMonitor& monitor = Orx::TheThreadMonitor();
-      const auto later = std::chrono::steady_clock::now() + std::chrono::seconds(61);
-      directory_.Write("names", "");
-      std::string names;
+      const auto now = std::chrono::steady_clock::now();
+      const auto later = now + std::chrono::seconds(61);
+      // Both have registered within the last moments.
+      std::string names =
+          monitor.FindSilentThread(now + std::chrono::seconds(50)) != 0 ? "early\n" : "";
+      // The silent one with the lowest identity, then the other one.
       for (Orx::ThreadIdentity thread = monitor.FindSilentThread(later); thread != 0;
            thread = monitor.FindSilentThread(later)) {
         names += monitor.Name(thread) + "\n";
@@ -149,7 +151,24 @@ TEST_F(RunLoop, RegistersBothThreadsBeforeItSaysThatItStarted) {
     }).detach();
   });
   const std::string names = test::ReadFile(directory_ / "names");
-  EXPECT_THAT(names, AllOf(HasSubstr("tavlo::httpAgent\n"), HasSubstr("tavlo::httpsAgent\n")));
+  EXPECT_THAT(names, AllOf(HasSubstr("tavlo::httpAgent\n"), HasSubstr("tavlo::httpsAgent\n"),
+                           Not(HasSubstr("early"))));
+}
+
+TEST_F(RunLoop, AListenerThatEndedByItselfIsNotASilentOne) {
+  RunDaemon([this] {
+    // libevent's loop ends when it cannot wait.
+    static const Fault fault("epoll_wait", EBADF);
+    std::thread([this] {
+      const auto later = std::chrono::steady_clock::now() + std::chrono::seconds(90);
+      test::WaitUntil([&] { return LogHas("INFO: void Run: tavlo started"); });
+      if (test::WaitUntil([&] { return Orx::TheThreadMonitor().FindSilentThread(later) == 0; })) {
+        directory_.Write("none", "");
+      }
+      ::kill(::getpid(), SIGTERM);
+    }).detach();
+  });
+  EXPECT_EQ(::access((directory_ / "none").c_str(), F_OK), 0);
 }
 
 TEST_F(RunLoop, AKeyFileWithoutAKeyChangesNothing) {

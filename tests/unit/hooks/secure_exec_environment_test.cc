@@ -37,6 +37,9 @@ TEST(Environment, OfTheDaemonIsKeptInItsOrder) {
 
 TEST(Environment, LosesTheDaemonsOwnLoaderVariables) {
   EXPECT_THAT(ChildEnvironment({"LD_LIBRARY_PATH=/own", "A=1", "LD_PRELOAD="}), ElementsAre("A=1"));
+  // Whatever their values.
+  EXPECT_THAT(ChildEnvironment({"LD_LIBRARY_PATH=own:lib", "A=1"}), ElementsAre("A=1"));
+  EXPECT_THAT(ChildEnvironment({"LD_LIBRARY_PATH=", "A=1"}), ElementsAre("A=1"));
 }
 
 TEST(Environment, KeepsVariablesWithSimilarNames) {

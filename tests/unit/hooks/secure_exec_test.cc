@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include "support/log_capture.h"
 #include "support/temporary_directory.h"
 #include "support/wait.h"
+#include "util/close_on_exec.h"
 
 namespace {
 
@@ -357,8 +359,12 @@ TEST_P(StandardDescriptors, MayBeMissingInTheCaller) {
     for (const int number : GetParam().numbers) {
       ::close(number);
     }
-    const int result = RunScript("read line; echo \"got $line\"; echo complaint >&2", "input\n");
-    ::_exit(result == 0 && output_ == "got input\n" ? 0 : 1);
+    for (int fd = STDERR_FILENO + 1; fd < 256; ++fd) {
+      stdext::set_close_on_exec(fd);  // whatever started the test may have left some
+    }
+    const int result =
+        RunScript("read line; echo \"got $line\"; ls /proc/$$/fd; echo complaint >&2", "input\n");
+    ::_exit(result == 0 && output_ == "got input\n0\n1\n2\n" ? 0 : 1);
   });
   EXPECT_EQ(status, 0);
   EXPECT_THAT(Errors(), ElementsAre(EndsWith(": complaint")));
@@ -396,6 +402,24 @@ void RunMany(int count, int* failures) {
 }
 
 // A thread that was joined may be listed for a moment more, before the runs as well as after them.
+// Whether a library could have opened a descriptor, not marked yet, when the child was made.
+bool wasOpenToLibraries = true;
+
+void SeeWhetherLibrariesMayOpen() {
+  std::thread([] {
+    wasOpenToLibraries = stdext::exec_mutex().try_lock();
+    if (wasOpenToLibraries) {
+      stdext::exec_mutex().unlock();
+    }
+  }).join();
+}
+
+TEST_F(SecureExecTest, NoChildIsMadeWhileALibraryOpensADescriptor) {
+  ASSERT_EQ(::pthread_atfork(SeeWhetherLibrariesMayOpen, nullptr, nullptr), 0);
+  EXPECT_EQ(RunScript("exit 0"), 0);
+  EXPECT_FALSE(wasOpenToLibraries);
+}
+
 TEST_F(SecureExecTest, FiveHundredRunsLeaveNothingBehind) {
   int failures = 0;
   RunMany(1, &failures);

@@ -107,6 +107,8 @@ FAULTY(pid_t, fork, -1, (), ())
 FAULTY(int, kill, -1, (pid_t pid, int signal), (pid, signal))
 FAULTY(int, waitid, -1, (int type, unsigned id, void* info, int options), (type, id, info, options))
 FAULTY(int, poll, -1, (void* entries, unsigned long count, int timeout), (entries, count, timeout))
+FAULTY(int, epoll_wait, -1, (int fd, void* events, int count, int timeout),
+       (fd, events, count, timeout))
 FAULTY(int, setuid, -1, (unsigned uid), (uid))
 FAULTY(int, ftruncate, -1, (int fd, off_t length), (fd, length))
 

@@ -1,0 +1,79 @@
+"""The rows of the comparison: which request, how often, over how many connections, and of whom."""
+
+from dataclasses import dataclass, field
+
+import load
+from servers import LARGEST_BODY, PAIRING_KEY, SIDE_BY_SIDE
+
+ALL = tuple(server.name for server in SIDE_BY_SIDE)
+KEY = f"PairingKey: {PAIRING_KEY}"
+QUICK_SHARE = 10
+
+
+@dataclass
+class Row:
+    """`requests` is the number in a full run; `paths` has the path of a server that is asked for
+    another one than the rest."""
+
+    key: str
+    title: str
+    path: str
+    connections: int
+    requests: int
+    tls: bool = False
+    method: str = "GET"
+    body: bool = False
+    anew: bool = False
+    expected: int = 200
+    handshakes: str = ""
+    servers: tuple = ALL
+    paths: dict = field(default_factory=dict)
+
+    def load(self, server, scratch, requests):
+        path = self.paths.get(server.name, self.path)
+        if self.handshakes:
+            expected = self.expected if server.refusal else 200
+            return load.handshakes(server.tls_port, path, expected, requests,
+                                   self.handshakes == "reuse")
+        scheme, port = ("https", server.tls_port) if self.tls else ("http", server.plain_port)
+        headers = ([KEY] if self.tls else []) + (["Connection: close"] if self.anew else [])
+        body = None
+        if self.body:
+            body = scratch / "body"
+            body.write_bytes(b"x" * LARGEST_BODY)
+        return load.h2load(scratch / "h2load.log", f"{scheme}://127.0.0.1:{port}{path}", requests,
+                           self.connections, self.expected, self.method, body, headers)
+
+
+def plain(name, title, path, connections, requests, **options):
+    """The destination stands in the plain rows too."""
+    return Row(f"{name}-plain-{connections}", f"{title}, plain, {connections} conn.", path,
+               connections, requests, servers=(*ALL, "destination"), **options)
+
+
+def tls(name, title, path, connections, requests, **options):
+    return Row(f"{name}-tls-{connections}", f"{title}, TLS, {connections} conn.", path,
+               connections, requests, tls=True, **options)
+
+
+ROWS = [
+    *(plain("get", "GET", "/api/version", connections, requests)
+      for connections, requests in ((1, 10000), (16, 20000), (64, 20000))),
+    *(tls("get", "GET", "/api/1/profiles", connections, requests)
+      for connections, requests in ((1, 10000), (16, 20000), (64, 20000))),
+    plain("body", "PATCH of 32 KiB", "/api/1/router-ref", 16, 8000, method="PATCH", body=True),
+    tls("body", "POST of 32 KiB", "/api/1/profiles", 16, 8000, method="POST", body=True),
+    plain("answer", "answer of 64 KiB", "/api/2/router-info", 16, 8000),
+    tls("answer", "answer of 64 KiB", "/api/2/router-info", 16, 8000),
+    plain("anew", "GET, connection each", "/api/version", 16, 10000, anew=True),
+    Row("handshake-new", "TLS full handshake each", "/outside", 1, 2000, tls=True, expected=404,
+        handshakes="new"),
+    Row("handshake-reuse", "TLS resumed handshake each", "/outside", 1, 3000, tls=True,
+        expected=404, handshakes="reuse"),
+    Row("mac", "GET /api/mac, 250 devices, 16 conn.", "/api/mac", 16, 10000,
+        servers=("tavlo", "floor"), paths={"floor": "/api/version"}),
+    Row("hook-1", "GET, one hook script, 1 conn.", "/api/version", 1, 1000,
+        servers=("tavlo with one script",)),
+    Row("hook-10", "GET, ten hook scripts, 1 conn.", "/api/version", 1, 150,
+        servers=("tavlo with ten scripts",)),
+]

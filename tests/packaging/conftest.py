@@ -1,0 +1,49 @@
+"""What the tests of all ways to install share."""
+
+import os
+import stat
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+SOURCE = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ["TAVLO_BUILD_DIR"])
+LIMIT_SECS = 20
+
+
+class Installation:
+    """tools/install at work below a directory of its own."""
+
+    def __init__(self, root):
+        self.root = root
+
+    def run(self, *arguments, **variables):
+        environment = {name: value for name, value in os.environ.items()
+                       if name not in ("DESTDIR", "PREFIX", "SYSCONFDIR")}
+        environment |= {"BUILD": str(BUILD), "DESTDIR": str(self.root), **variables}
+        return subprocess.run([SOURCE / "tools/install", *arguments], env=environment, check=True,
+                              capture_output=True, text=True, umask=0o077).stdout
+
+
+def listing(root):
+    """Path -> mode, as text, of every file and every empty directory below `root`."""
+    return {f"/{path.relative_to(root)}": stat.filemode(path.stat().st_mode)
+            for path in root.rglob("*") if path.is_file() or not any(path.iterdir())}
+
+
+def manual_pages():
+    return sorted(path.name for path in SOURCE.glob("docs/man/*.[58]"))
+
+
+def wait_for(condition, what):
+    end = time.monotonic() + LIMIT_SECS
+    while not condition():
+        assert time.monotonic() < end, f"not within {LIMIT_SECS} s: {what}"
+        time.sleep(0.02)
+
+
+@pytest.fixture
+def installation(tmp_path):
+    return Installation(tmp_path / "root")

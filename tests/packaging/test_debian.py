@@ -1,0 +1,293 @@
+"""The Debian packages: what is in them, what lintian says, and a life from installation to purge.
+
+That life is lived in a scratch root: this machine's own files below an overlay that takes every
+change, in namespaces of its own for mounts, processes and the network.
+"""
+
+import os
+import re
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+from conftest import BUILD, SOURCE, manual_pages, wait_for
+
+VERSION = (BUILD / "CMakeCache.txt").read_text().split("CMAKE_PROJECT_VERSION:STATIC=")[1].split()[0]
+CONFIGURATION = "etc/tavlo/tavlo.json"
+LOG = "var/log/tavlo/tavlo.log"
+
+
+def run(*command, **options):
+    return subprocess.run(command, check=True, capture_output=True, text=True, **options).stdout
+
+
+@pytest.fixture(name="packages", scope="module")
+def built_packages(tmp_path_factory):
+    output = tmp_path_factory.mktemp("deb")
+    run(SOURCE / "tools/deb", env={**os.environ, "BUILD": str(BUILD), "OUTPUT": str(output)})
+    return output
+
+
+@pytest.fixture(name="package")
+def package_of_the_daemon(packages):
+    return next(packages.glob("tavlo_*.deb"))
+
+
+@pytest.fixture(name="debug_package")
+def package_of_the_debug_file(packages):
+    return next(packages.glob("tavlo-dbg_*.deb"))
+
+
+def contents(package):
+    """Path -> mode and owner, of all files and of the directories that are the package's own."""
+    lines = [line.split() for line in run("dpkg-deb", "--contents", package).splitlines()]
+    return {fields[5][1:]: f"{fields[0]} {fields[1]}" for fields in lines
+            if fields[0].startswith("-") or "/etc/tavlo/" in fields[5]}
+
+
+def test_the_package_holds_these_files(package):
+    program, file, directory = (f"{mode} root/root"
+                                for mode in ("-rwxr-xr-x", "-rw-r--r--", "drwxr-xr-x"))
+    pages = {f"/usr/share/man/man{name[-1]}/{name}.gz": file for name in manual_pages()}
+    assert contents(package) == pages | {
+        "/usr/sbin/tavlo": program,
+        "/lib/systemd/system/tavlo.service": file,
+        "/etc/logrotate.d/tavlo": file,
+        "/etc/tavlo/": directory,
+        "/etc/tavlo/agent/": directory,
+        "/etc/tavlo/hooks/": directory,
+        "/etc/tavlo/hooks/agent/": directory,
+        "/etc/tavlo/tavlo.json": file,
+        "/usr/share/doc/tavlo/changelog.gz": file,
+        "/usr/share/doc/tavlo/copyright": file,
+        "/usr/share/doc/tavlo/examples/hooks/10-audit": program,
+        "/usr/share/doc/tavlo/examples/hooks/20-office-hours": program,
+        "/usr/share/doc/tavlo/examples/hooks/30-reload-service": program,
+    }
+    assert run("dpkg-deb", "--info", package, "conffiles").split() == [
+        "/etc/logrotate.d/tavlo", "/etc/tavlo/tavlo.json"]
+    assert run("dpkg-deb", "--field", package, "Version").strip() == VERSION
+
+
+def test_the_debug_file_lies_where_debuggers_look_for_it(package, debug_package, tmp_path):
+    run("dpkg-deb", "--extract", package, tmp_path)
+    notes = run("readelf", "-n", tmp_path / "usr/sbin/tavlo")
+    build_id = re.search(r"Build ID: ([0-9a-f]+)", notes)[1]
+    place = f"/usr/lib/debug/.build-id/{build_id[:2]}/{build_id[2:]}.debug"
+    assert set(contents(debug_package)) == {
+        place, "/usr/share/doc/tavlo-dbg/changelog.gz", "/usr/share/doc/tavlo-dbg/copyright"}
+    run("dpkg-deb", "--extract", debug_package, tmp_path)
+    assert build_id in run("readelf", "-n", tmp_path / place[1:])
+
+
+def test_lintian_has_nothing_to_say_against_them(packages):
+    options = [] if manual_pages() else ["--suppress-tags=no-manual-page"]
+    result = subprocess.run(
+        ["lintian", "--allow-root", "--fail-on=error,warning", *options,
+         next(packages.glob("*.changes"))], check=False, capture_output=True, text=True)
+    assert (result.returncode, result.stdout) == (0, "")
+
+
+MAKE_ROOT = r"""
+set -e
+mount -t tmpfs tmpfs "$1"
+mkdir "$1/upper" "$1/work" "$1/root"
+mount -t overlay overlay -o "lowerdir=/,upperdir=$1/upper,workdir=$1/work" "$1/root"
+cd "$1/root"
+mount --rbind /dev dev
+mount -t tmpfs tmpfs run
+mount -t tmpfs tmpfs tmp
+mount -t proc proc proc
+ip link set lo up
+test -e var/lib/dpkg/status
+echo ready
+exec sleep infinity
+"""
+# No systemd runs there: a stand-in remembers what it was asked for and passes signals on. Links are
+# still made by the real one.
+SYSTEMCTL = """#!/bin/sh
+echo "$*" >>/run/asked
+case "$*" in
+  *able* | *preset*) SYSTEMD_OFFLINE=1 exec systemctl.real "$@" ;;
+  kill*) pkill -HUP -x tavlo ;;
+esac
+"""
+
+
+class Machine:
+    def __init__(self, keeper, directory):
+        self.keeper = keeper
+        self.pid = int(Path(f"/proc/{keeper.pid}/task/{keeper.pid}/children").read_text())
+        self.upper = Path(f"/proc/{self.pid}/root{directory}/upper")
+        self.root = Path(f"/proc/{self.pid}/root{directory}/root")
+        self.inside = ["nsenter", f"--target={self.pid}", "--mount", "--net", "--pid", "chroot",
+                       f"{directory}/root"]
+
+    def run(self, *command):
+        result = subprocess.run([*self.inside, *command], check=False, stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT, text=True, stdin=subprocess.DEVNULL,
+                                env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C",
+                                     "DEBIAN_FRONTEND": "noninteractive"})
+        assert result.returncode == 0, f"{command}: {result.stdout}"
+        return result.stdout
+
+    def install(self, package):
+        shutil.copy(package, self.root / "tmp")
+        self.run("dpkg", "--no-triggers", "--install", f"/tmp/{package.name}")
+
+    def start(self):
+        """What systemd does to start the unit, as far as a process can do it for another."""
+        unit = dict(line.split("=", 1) for line in
+                    (self.root / "lib/systemd/system/tavlo.service").read_text().splitlines()
+                    if re.match(r"\w+=", line))
+        user = unit["User"]
+        self.run("install", "-d", "-o", user, "-g", user, "-m", unit["RuntimeDirectoryMode"],
+                 f"/run/{unit['RuntimeDirectory']}")
+        log = self.root / LOG
+        before = log.stat().st_size if log.exists() else 0
+        daemon = subprocess.Popen(
+            [*self.inside, "setpriv", f"--reuid={user}", f"--regid={unit['Group']}", "--init-groups",
+             "--bounding-set=-all", "--inh-caps=-all", "--no-new-privs", "sh", "-c",
+             f"umask {unit['UMask']}; exec {unit['ExecStart']}"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        wait_for(lambda: log.exists() and b"tavlo started" in log.read_bytes()[before:],
+                 "tavlo started")
+        return daemon
+
+    def ask(self, *arguments):
+        return self.run("curl", "--silent", "--output", "/dev/null", "--write-out", "%{http_code}",
+                        *arguments)
+
+
+def stop(machine, daemon):
+    machine.run("pkill", "-TERM", "-x", "tavlo")
+    assert daemon.wait(20) == 0
+
+
+@pytest.fixture(name="machine")
+def scratch_machine(tmp_path):
+    if os.geteuid() != 0:
+        pytest.skip("only root can make a scratch root")
+    keeper = subprocess.Popen(
+        ["unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "sh", "-c", MAKE_ROOT,
+         "sh", tmp_path], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    try:
+        if keeper.stdout.readline() != "ready\n":
+            pytest.skip(f"no scratch root here: {keeper.communicate()[1].strip()}")
+        yield Machine(keeper, tmp_path)
+    finally:
+        keeper.kill()
+        keeper.communicate()
+
+
+def next_version(package, directory):
+    """The same package as the one after it."""
+    run("dpkg-deb", "--raw-extract", package, directory)
+    control = directory / "DEBIAN/control"
+    control.write_text(control.read_text().replace(f"Version: {VERSION}\n", f"Version: {VERSION}+1\n"))
+    run("dpkg-deb", "--build", "-Zxz", "-z1", directory, f"{directory}.deb")
+    return Path(f"{directory}.deb")
+
+
+def set_up_systemctl(machine):
+    # As a container's own, it would keep services from being started.
+    (machine.root / "usr/sbin/policy-rc.d").unlink(missing_ok=True)
+    path = machine.root / "usr/bin/systemctl"
+    path.rename(path.with_suffix(".real"))
+    path.write_text(SYSTEMCTL)
+    path.chmod(0o755)
+    (machine.root / "run/systemd/system").mkdir(parents=True)
+
+
+def check_installed(machine):
+    for name in ("var/lib/tavlo", "var/lib/tavlo/tmp", "var/log/tavlo"):
+        assert machine.run("stat", "-c", "%U:%G %a", f"/{name}").strip() == "tavlo:tavlo 750"
+    assert machine.run("id", "-nG", "tavlo").strip() == "tavlo"
+    wanted = machine.root / "etc/systemd/system/multi-user.target.wants/tavlo.service"
+    assert os.readlink(wanted) == "/lib/systemd/system/tavlo.service"
+    machine.run("systemd-analyze", "verify", "--man=no", "/lib/systemd/system/tavlo.service")
+
+
+def check_at_work(machine):
+    hook = machine.root / "etc/tavlo/hooks/agent/10-ends-changes"
+    hook.write_text('#!/bin/sh\n[ "$2" = GET ] || [ ! -s "$6" ]\n')
+    hook.chmod(0o755)
+    # Nobody is there to forward to, but the script ends what has no body to look at.
+    url = "http://127.0.0.1:60278/api/1"
+    assert machine.ask(f"{url}/router-info") == "500"
+    assert machine.ask("-X", "PATCH", "--data", "x", f"{url}/router-ref") == "200"
+    status = machine.run("sh", "-c", "cat /proc/$(pgrep -x tavlo)/status")
+    user = machine.run("id", "-u", "tavlo").strip()
+    assert re.search(r"^Uid:((\s+\d+)+)$", status, re.M)[1].split() == [user] * 4
+    group = machine.run("id", "-g", "tavlo").strip()
+    assert set(re.search(r"^Groups:(.*)$", status, re.M)[1].split()) <= {group}
+    assert re.search(r"^CapEff:\s+0+$", status, re.M)
+
+
+def check_rotation(machine):
+    before = (machine.root / LOG).read_text()
+    machine.run("logrotate", "--force", "--state", "/run/logrotate", "/etc/logrotate.d/tavlo")
+    assert (machine.root / f"{LOG}.1").read_text() == before
+    assert "kill --kill-whom=main --signal=HUP tavlo.service" in asked(machine)
+    wait_for((machine.root / LOG).exists, "a new log file")
+    assert machine.ask("http://127.0.0.1:60278/api/version") == "500"
+    wait_for(lambda: "ERROR" in (machine.root / LOG).read_text(), "a line in the new log file")
+    assert machine.run("stat", "-c", "%U:%G %a", f"/{LOG}").strip() == "tavlo:tavlo 640"
+
+
+def asked(machine):
+    return (machine.root / "run/asked").read_text().splitlines()
+
+
+def actions(machine):
+    return [action for action in re.findall(r"\b(\w+) tavlo\.service$", "\n".join(asked(machine)), re.M)
+            if action in ("start", "restart", "stop")]
+
+
+def check_left_after_purge(machine):
+    """Nothing but the administrator's own script and what dpkg and the log of users remember."""
+    changed = [path for path in machine.upper.rglob("*tavlo*") if path.is_file()]
+    assert changed == []
+    assert [path.name for path in (machine.root / "etc/tavlo").rglob("*") if path.is_file()] == [
+        "10-ends-changes"]
+    assert not (machine.root / "etc/systemd/system/multi-user.target.wants/tavlo.service").exists()
+    assert machine.run("dpkg", "--audit") == ""
+
+
+def test_a_life_from_installation_to_purge(machine, package, tmp_path):
+    set_up_systemctl(machine)
+    machine.install(package)
+    check_installed(machine)
+    assert actions(machine) == ["start"]
+    daemon = machine.start()
+    check_at_work(machine)
+    check_rotation(machine)
+
+    configuration = machine.root / CONFIGURATION
+    edited = configuration.read_text().replace('"br0"', '"lan0"')
+    configuration.write_text(edited)
+    kept = machine.root / "var/lib/tavlo/router_info"
+    kept.write_text("pairing_key: opensesame\n")
+    machine.install(next_version(package, tmp_path / "next"))
+    assert actions(machine) == ["start", "restart"]
+    assert configuration.read_text() == edited and kept.exists()
+    stop(machine, daemon)
+    daemon = machine.start()
+    check_at_work(machine)
+    stop(machine, daemon)
+
+    machine.run("dpkg", "--no-triggers", "--remove", "tavlo")
+    assert actions(machine) == ["start", "restart", "stop"]
+    assert not (machine.root / "usr/sbin/tavlo").exists()
+    assert configuration.read_text() == edited and kept.exists()
+    machine.run("dpkg", "--no-triggers", "--purge", "tavlo")
+    check_left_after_purge(machine)
+
+
+def test_the_debug_package_wants_the_very_same_version(machine, package, debug_package, tmp_path):
+    machine.install(next_version(package, tmp_path / "next"))
+    with pytest.raises(AssertionError, match="tavlo-dbg depends on tavlo"):
+        machine.install(debug_package)
+    machine.install(package)
+    machine.install(debug_package)

@@ -1,0 +1,104 @@
+"""`make install` and `make uninstall`: every file, where it goes, and what is left afterwards."""
+
+import filecmp
+import json
+import shutil
+import subprocess
+
+import pytest
+from conftest import BUILD, SOURCE, listing, manual_pages
+
+PROGRAM = "-rwxr-xr-x"
+FILE = "-rw-r--r--"
+DIRECTORY = "drwxr-xr-x"
+
+
+def expected(prefix, sysconfdir):
+    pages = {f"{prefix}/share/man/man{name[-1]}/{name}": FILE for name in manual_pages()}
+    return pages | {
+        f"{prefix}/sbin/tavlo": PROGRAM,
+        f"{prefix}/lib/systemd/system/tavlo.service": FILE,
+        f"{prefix}/share/doc/tavlo/examples/hooks/10-audit": PROGRAM,
+        f"{prefix}/share/doc/tavlo/examples/hooks/20-office-hours": PROGRAM,
+        f"{prefix}/share/doc/tavlo/examples/hooks/30-reload-service": PROGRAM,
+        f"{sysconfdir}/logrotate.d/tavlo": FILE,
+        f"{sysconfdir}/tavlo/tavlo.json": FILE,
+        f"{sysconfdir}/tavlo/agent": DIRECTORY,
+        f"{sysconfdir}/tavlo/hooks/agent": DIRECTORY,
+    }
+
+
+@pytest.mark.parametrize("variables, prefix, sysconfdir", [
+    ({}, "/usr/local", "/usr/local/etc"),
+    ({"PREFIX": "/usr"}, "/usr", "/etc"),
+    ({"PREFIX": "/opt/tavlo"}, "/opt/tavlo", "/opt/tavlo/etc"),
+    ({"PREFIX": "/opt/tavlo", "SYSCONFDIR": "/etc"}, "/opt/tavlo", "/etc"),
+], ids=["default", "usr", "opt", "sysconfdir"])
+def test_every_file_goes_where_it_belongs(installation, variables, prefix, sysconfdir):
+    installation.run(**variables)
+    assert listing(installation.root) == expected(prefix, sysconfdir)
+    unit = (installation.root / f"{prefix[1:]}/lib/systemd/system/tavlo.service").read_text()
+    assert f"ExecStart={prefix}/sbin/tavlo -c {sysconfdir}/tavlo/tavlo.json " in unit
+
+
+def test_a_prefix_alone_holds_everything(installation, tmp_path):
+    prefix = tmp_path / "prefix"
+    installation.run(PREFIX=str(prefix), DESTDIR="")
+    assert listing(prefix) == expected("", "/etc")
+    assert list(tmp_path.iterdir()) == [prefix]
+
+
+def test_the_program_is_the_one_that_the_debug_file_fits(installation):
+    installation.run(PREFIX="/usr")
+    assert filecmp.cmp(installation.root / "usr/sbin/tavlo", BUILD / "tavlo", shallow=False)
+
+
+def test_the_daemon_reads_the_configuration_as_it_is_written(installation):
+    installation.run(PREFIX="/opt")
+    path = installation.root / "opt/etc/tavlo/tavlo.json"
+    settings = json.loads(path.read_text())
+    assert len(settings) == 14
+    assert settings["internalHooksDirectory"] == "/opt/etc/tavlo/hooks"
+    for key, value in settings.items():
+        printed = subprocess.run([BUILD / "tavlo", "-c", path, "-p", key], check=True,
+                                 capture_output=True, text=True).stdout
+        assert printed == f"{value}\n", key
+
+
+def test_an_edited_configuration_survives_both(installation):
+    installation.run()
+    etc = installation.root / "usr/local/etc"
+    edited = [etc / "tavlo/tavlo.json", etc / "logrotate.d/tavlo"]
+    certificate = etc / "tavlo/agent/mirel.crt"
+    for path in (*edited, certificate):
+        path.write_text("edited")
+    installation.run()
+    installation.run("remove")
+    left = {path for path in installation.root.rglob("*") if path.is_file()}
+    assert left == {*edited, certificate}
+    assert all(path.read_text() == "edited" for path in (*edited, certificate))
+
+
+def test_nothing_is_left_after_it_was_taken_away(installation):
+    other = installation.root / "usr/local/sbin/other"
+    other.parent.mkdir(parents=True)
+    other.touch()
+    installation.run()
+    installation.run("remove")
+    left = list(installation.root.rglob("*"))
+    assert [path for path in left if not path.is_dir()] == [other]
+    assert not [path for path in left if "tavlo" in path.name]
+
+
+@pytest.mark.parametrize("target, tool", [
+    ("install", "install"), ("uninstall", "install remove")])
+def test_make_hands_its_variables_over(tmp_path, target, tool):
+    shutil.copy(SOURCE / "Makefile", tmp_path)
+    (tmp_path / "tools").mkdir()
+    for name in ("dependencies", "build", "install"):
+        path = tmp_path / "tools" / name
+        path.write_text('#!/bin/sh\necho "$(basename "$0") $*:$DESTDIR:$PREFIX:$SYSCONFDIR"\n')
+        path.chmod(0o755)
+    said = subprocess.run(["make", "-s", target, "DESTDIR=/d", "PREFIX=/p", "SYSCONFDIR=/s"],
+                          cwd=tmp_path, check=True, capture_output=True, text=True).stdout
+    assert said.splitlines()[-1].replace(" :", ":") == f"{tool}:/d:/p:/s"
