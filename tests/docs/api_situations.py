@@ -56,6 +56,7 @@ SITUATIONS = {
     "a large head": Situation((400, "Bad Request"), options={"headers": [("a", "a" * 16384)]}),
     "a long body": Situation((400, "Request data too long"),
                              options={"body": b"b" * (MAX_BODY + 1)}),
+    "a blank in the path": Situation((400, "Invalid character in the URI"), ("GET", "/api/x y")),
     "outside": Situation((404, "Invalid endpoint is called"), ("GET", "/")),
     "another method on the MAC address": Situation((405, "Method not allowed"),
                                                    ("PUT", "/api/mac")),

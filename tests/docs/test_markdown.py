@@ -16,6 +16,9 @@ NAMES = [str(page.relative_to(PROJECT)) for page in PAGES]
 ROOMS = sorted(path.name for path in PROJECT.iterdir()
                if path.is_dir() and path.name not in ("build", ".git"))
 
+# The daemon's name where a command begins, behind a prompt or a directory perhaps; its arguments.
+COMMAND = r"^(?:\$ )?(?:[\w./]*/)?tavlo((?: [\w./\[\]-]+)+)"
+
 pages = pytest.mark.parametrize("page", PAGES, ids=NAMES)
 
 
@@ -86,7 +89,7 @@ def test_files_that_are_named_exist(page):
 def test_targets_of_make_exist(page):
     targets = set(re.findall(r"^([a-z0-9-]+):", text(PROJECT / "Makefile"), re.M))
     for piece in code(page):
-        for target in re.findall(r"\bmake ([a-z][a-z0-9-]*)", piece):
+        for target in re.findall(r"\bmake ([a-z][a-z0-9-]*)(?![\w/-])", piece):
             assert target in targets, piece
 
 
@@ -102,7 +105,7 @@ def test_options_of_the_tools_exist(page):
 def test_options_of_the_daemon_exist(page):
     usage = run_tavlo("-h").stdout + "-h"
     for piece in code(page):
-        for arguments in re.findall(r"(?:^|[ /])tavlo((?: [\w./\[\]-]+)+)", piece):
+        for arguments in re.findall(COMMAND, piece, re.M):
             for option in re.findall(r" \[?(--?[a-z-]+)", arguments):
                 assert re.search(rf"(?<![\w-]){option}\b", usage), piece
 
