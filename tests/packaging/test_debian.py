@@ -59,6 +59,7 @@ def test_the_package_holds_these_files(package):
         "/etc/tavlo/hooks/": directory,
         "/etc/tavlo/hooks/agent/": directory,
         "/etc/tavlo/tavlo.json": file,
+        "/usr/share/bash-completion/completions/tavlo": file,
         "/usr/share/doc/tavlo/changelog.gz": file,
         "/usr/share/doc/tavlo/copyright": file,
         "/usr/share/doc/tavlo/examples/hooks/10-audit": program,

@@ -18,6 +18,7 @@ def expected(prefix, sysconfdir):
     return pages | {
         f"{prefix}/sbin/tavlo": PROGRAM,
         f"{prefix}/lib/systemd/system/tavlo.service": FILE,
+        f"{prefix}/share/bash-completion/completions/tavlo": FILE,
         f"{prefix}/share/doc/tavlo/examples/hooks/10-audit": PROGRAM,
         f"{prefix}/share/doc/tavlo/examples/hooks/20-office-hours": PROGRAM,
         f"{prefix}/share/doc/tavlo/examples/hooks/30-reload-service": PROGRAM,
