@@ -54,6 +54,8 @@ SITUATIONS = {
     "served": Situation((200, "OK")),
     "a malformed header": Situation((400, "Bad Request"), options={"headers": [("a\r\nb", "c")]}),
     "a large head": Situation((400, "Bad Request"), options={"headers": [("a", "a" * 16384)]}),
+    "a blank in the path": Situation((400, "Invalid character in the URI"),
+                                     ("GET", "/api/a path")),
     "a long body": Situation((400, "Request data too long"),
                              options={"body": b"b" * (MAX_BODY + 1)}),
     "outside": Situation((404, "Invalid endpoint is called"), ("GET", "/")),
