@@ -1,6 +1,7 @@
 """What the kernel tells about a server's processes: the processor's time, and memory."""
 
 import os
+import re
 import signal
 import subprocess
 import threading
@@ -83,6 +84,19 @@ def system_calls(server, scratch, work):
     if total[-1] != "total":
         raise Failure(f"strace counted nothing of {server.name}")
     return int(total[3])
+
+
+def instructions(server, scratch, work):
+    """How many instructions the server executes that is started, does `work()` and is stopped."""
+    counts = scratch / "callgrind"
+    server.prefix = ["valgrind", "--tool=callgrind", f"--callgrind-out-file={counts}", "--quiet"]
+    try:
+        server.start()
+        work()
+    finally:
+        server.stop()
+        server.prefix = []
+    return int(re.search(r"^summary: (\d+)$", counts.read_text(encoding="utf-8"), re.MULTILINE)[1])
 
 
 def sizes(server):

@@ -4,6 +4,7 @@ import matplotlib
 
 matplotlib.use("svg")
 matplotlib.rcParams["svg.hashsalt"] = "tavlo"  # the same results give the same file
+matplotlib.rcParams["svg.fonttype"] = "none"  # text stays text
 from matplotlib import pyplot  # noqa: E402
 from matplotlib.ticker import FixedLocator, FuncFormatter, NullLocator  # noqa: E402
 

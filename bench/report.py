@@ -57,19 +57,29 @@ def resources_text(resources):
     return "\n".join(lines)
 
 
+def instructions_text(resources):
+    return "\n".join(f"  {server:<12}{own['instructions']['plain']:>12,.0f} plain"
+                     f"{own['instructions']['tls']:>12,.0f} over TLS"
+                     for server, own in resources.items() if "instructions" in own)
+
+
 def micro_text(micro):
     return "\n".join(f"  {name:<24}{nanoseconds:>12,.0f} ns" for name, nanoseconds in micro.items())
 
 
 def text(results):
-    differences = "\n".join(f"  {name}: {difference}"
-                            for name, difference in results["differences"].items())
-    return "\n\n".join([
-        *(row_text(row) for row in results["rows"]),
-        "Memory of all processes, time until the first answer, sizes (libraries and modules "
-        "besides\nthe C library and OpenSSL), system calls a small GET:\n" + resources_text(results["resources"]),
-        "Inner pieces of tavlo:\n" + micro_text(results["micro"]),
-        "Where the set-ups differ:\n" + differences])
+    parts = [row_text(row) for row in results["rows"]]
+    if results["resources"]:
+        parts.append("Memory of all processes, time until the first answer, sizes (libraries and "
+                     "modules besides\nthe C library and OpenSSL), system calls a small GET:\n"
+                     + resources_text(results["resources"]))
+        counted = instructions_text(results["resources"])
+        if counted:
+            parts.append("Instructions a small GET, without the kernel's:\n" + counted)
+        parts.append("Inner pieces of tavlo:\n" + micro_text(results["micro"]))
+    parts.append("Where the set-ups differ:\n" + "\n".join(
+        f"  {name}: {difference}" for name, difference in results["differences"].items()))
+    return "\n\n".join(parts)
 
 
 # --- the page ---
@@ -131,6 +141,10 @@ def page_part(results):
         "libraries and modules those besides the C library and OpenSSL, which each of them maps), and "
         "system calls for a request over a kept connection:",
         _resources_table(results["resources"]),
+        "Instructions for such a request, without the kernel's, counted under callgrind:",
+        _table(["", "plain", "TLS"],
+               [[server, *(f"{own['instructions'][each]:,.0f}" for each in ("plain", "tls"))]
+                for server, own in results["resources"].items() if "instructions" in own]),
         "What the others have no counterpart to:",
         _table(["", "requests/s", "CPU µs", "p50 µs", "p99 µs"], alone),
         "Inner pieces:",

@@ -24,7 +24,7 @@ PLAIN_ENDPOINTS = [
     ("PATCH", "/api/1/router-ref"), ("PATCH", "/api/2/router-ref"),
 ]
 DEVICES = 250
-START_LIMIT_SECS = 10
+START_LIMIT_SECS = 60
 STOP_LIMIT_SECS = 10
 
 
@@ -70,6 +70,7 @@ class Server:
         self.log = self.directory / "log"
         self.stdout = self.directory / "stdout"
         self.stderr = self.directory / "stderr"
+        self.prefix = []  # what it is run under, callgrind for one
         self.process = None
         self.configure()
 
@@ -88,7 +89,7 @@ class Server:
         """Starts it; it ends with this process, whatever ends that."""
         with open(self.stdout, "ab") as stdout, open(self.stderr, "ab") as stderr:
             self.process = subprocess.Popen(
-                ["setpriv", "--pdeathsig", "TERM", *map(str, self.command())],
+                ["setpriv", "--pdeathsig", "TERM", *map(str, [*self.prefix, *self.command()])],
                 stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr, start_new_session=True)
 
     def start(self):

@@ -64,7 +64,12 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   mayHaveKey = bytes.find(fuzz::kPairingKey) != bytes.npos;
   const std::string answer = Ask(port, bytes);
-  mayHaveKey = false;
+  if (mayHaveKey) {
+    // A second request of the same input comes up when the first one is answered.
+    WaitForHost(port);
+    WaitForHost(port);
+    mayHaveKey = false;
+  }
   fuzz::Require(answer.empty() || answer.compare(0, 5, "HTTP/") == 0, "an answer is HTTP");
   return 0;
 }

@@ -524,6 +524,18 @@ TEST_F(FileRead, FailsWithTheErrorOfClosing) {
             "Failed to read file " + path_ + ": 28 No space left on device");
 }
 
+TEST_F(FileRead, UsesADescriptorThatProgramsDoNotInherit) {
+  const int fd = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);  // the lowest number that is free
+  ::close(fd);
+  {
+    const test::Fault fault("close", EIO);  // leaves it open
+    EXPECT_FALSE(Read(path_, kNoLimit, &content_).IsOk());
+  }
+  EXPECT_EQ(fs::read_symlink("/proc/self/fd/" + std::to_string(fd)), path_);
+  EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
+  ::close(fd);
+}
+
 TEST_F(FileRead, GoesOnAfterAnInterruption) {
   const test::Fault fault("read", EINTR, 0, 3);
   EXPECT_TRUE(Read(path_, kNoLimit, &content_).IsOk());
