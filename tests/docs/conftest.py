@@ -7,10 +7,10 @@ from pathlib import Path
 SYSTEM = Path(__file__).resolve().parents[1] / "system"
 
 sys.path.insert(0, str(SYSTEM))
-_specification = importlib.util.spec_from_file_location("system_fixtures", SYSTEM / "conftest.py")
-system_fixtures = importlib.util.module_from_spec(_specification)
+_found = importlib.util.spec_from_file_location("system_fixtures", SYSTEM / "conftest.py")
+system_fixtures = importlib.util.module_from_spec(_found)
 sys.modules["system_fixtures"] = system_fixtures
-_specification.loader.exec_module(system_fixtures)
+_found.loader.exec_module(system_fixtures)
 
 root = system_fixtures.root
 make_daemon = system_fixtures.make_daemon

@@ -162,6 +162,14 @@ def test_the_example_is_valid_and_sets_every_key():
         assert in_force(key, EXAMPLE) == str(value)
 
 
+@pytest.mark.parametrize("name", ["tavlo.json.in", "openwrt/files/tavlo.json"])
+def test_what_ships_is_valid_and_sets_every_key(name):
+    text = (PROJECT / "packaging" / name).read_text(encoding="utf-8")
+    settings = json.loads(text)
+    assert is_valid(settings)
+    assert settings.keys() == TYPES.keys()
+
+
 def test_a_schema_beside_the_keys_is_valid_and_passed_over(read):
     settings = {"$schema": "../tavlo.schema.json", "agentHttpPort": 8080}
     assert is_valid(settings)

@@ -43,6 +43,12 @@ def test_man_shows_it_without_a_warning(page):
     assert "SEE ALSO" in result.stdout
 
 
+@pytest.mark.parametrize("page", PAGES, ids=lambda page: page.name)
+def test_it_has_the_version_of_the_build(page):
+    version = re.search(r"project\(tavlo VERSION (\S+)", text(PROJECT / "CMakeLists.txt"))[1]
+    assert f"\n.Os tavlo {version}\n" in text(page)
+
+
 def test_the_options_are_those_of_the_program():
     source = text(PROJECT / "src" / "app" / "command_line.cc")
     letters = set(re.search(r'kShortOptions = "([^"]+)"', source)[1]) - {":"}

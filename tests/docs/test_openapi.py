@@ -109,6 +109,9 @@ def ask_all(coverage, ask, variants):
             for variant in variants:
                 answer = ask(listener, (method.upper(), path), **variant)
                 coverage.check(template, method, operation, answer)
+            if "{" in template:
+                answer = ask(listener, (method.upper(), path + " and more"))
+                coverage.check(template, method, operation, answer)
 
 
 @pytest.fixture(scope="module")
