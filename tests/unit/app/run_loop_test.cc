@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <thread>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -97,6 +99,20 @@ TEST_F(RunLoop, AMissingRouterInformationFileIsNotReadUntilSighup) {
   EXPECT_EQ(Count("DEBUG: void Run: Update pairing key"), 0U);
 }
 
+TEST_F(RunLoop, AKeyFileWhoseTimeWentBackIsReadAgain) {
+  RunDaemon([this] {
+    // The pause after a failed wait is long enough to change the time, and to be told to stop.
+    static const Fault wait("sigtimedwait", EINVAL, 0, 1);
+    std::thread([this] {
+      test::WaitUntil([&] { return LogHas("DEBUG: void Run: Update LAN address"); });
+      const timespec times[2] = {{1000000000, 0}, {1000000000, 0}};
+      ::utimensat(AT_FDCWD, (directory_ / "router_info").c_str(), times, 0);
+      ::kill(::getpid(), SIGTERM);
+    }).detach();
+  });
+  EXPECT_EQ(Count("DEBUG: void Run: Update pairing key"), 2U);
+}
+
 TEST_F(RunLoop, AFailedWaitIsLoggedAndFollowedByAPauseThatInterruptionsDoNotShorten) {
   const auto start = std::chrono::steady_clock::now();
   RunDaemon([this] {
@@ -118,6 +134,8 @@ TEST_P(QuietWait, PassesWithoutAnError) {
   });
   EXPECT_THAT(log_.Lines(), Not(Contains(HasSubstr("sigtimedwait"))));
   EXPECT_EQ(Count("DEBUG: void Run: Got signal 0, from pid 0"), 4U);
+  // Nothing has changed since the first pass.
+  EXPECT_EQ(Count("DEBUG: void Run: Update pairing key"), 1U);
 }
 
 INSTANTIATE_TEST_SUITE_P(TimedOutOrInterrupted, QuietWait, testing::Values(EAGAIN, EINTR));

@@ -395,6 +395,15 @@ TEST_F(LogFileSink, StaysLeftOutAfterAFailedWriteUntilReopened) {
               ElementsAre("INFO: does not fit", "INFO: would fit", "INFO: reopened"));
 }
 
+TEST_F(LogFileSink, StaysLeftOutAfterALineThatFitInPart) {
+  Open("test", path_, kInfo, kOff, kOff, kOn);
+  LimitFiles(20);
+  Message2(kInfo, "", "fits in part");
+  LimitFiles(RLIM_INFINITY);
+  Message2(kInfo, "", "would fit");
+  EXPECT_EQ(test::ReadFile(path_).size(), 20U);
+}
+
 TEST_F(LogReopen, LetsGoOfARenamedFile) {
   Open("test", path_, kInfo, kOff, kOff, kOn);
   Message2(kInfo, "", "before");

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/if_addr.h>
 #include <linux/netlink.h>
@@ -209,6 +210,24 @@ TEST_F(LookUpInNamespace, FailsForAnUnknownInterface) {
 TEST_F(LookUpFailure, OfTheSocketComesFirst) {
   const test::Fault fault("socket", EMFILE);
   EXPECT_EQ(Find("no such interface"), "Failed to create socket: 24 Too many open files");
+}
+
+TEST(LookUpSocket, IsKeptFromPrograms) {
+  const int fd = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);  // the lowest number that is free
+  ::close(fd);
+  {
+    const test::Fault fault("close", EIO);  // leaves it open
+    std::string address;
+    unsigned char prefixLength = 0;
+    EXPECT_FALSE(
+        Orx::RouterUtil::GetIpAddrAndPrefix("nosuch", AF_INET, &address, &prefixLength).IsOk());
+  }
+  int domain = 0;
+  socklen_t size = sizeof domain;
+  ASSERT_EQ(::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size), 0);
+  EXPECT_EQ(domain, AF_NETLINK);
+  EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
+  ::close(fd);
 }
 
 TEST_F(LookUpFailure, OfTheNameComesBeforeSending) {
