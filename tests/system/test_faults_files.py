@@ -13,7 +13,7 @@ import pytest
 from support.clients import ask
 from support.limits import inside, own_file_system, remount
 from support.scratch_root import PAIRING_KEY
-from support.waiting import DEFAULT_LIMIT
+from support.waiting import DEFAULT_LIMIT, open_fifo_for_its_reader
 
 CHANGE = ("PATCH", "/api/1/router-ref")
 INTERNAL_ERROR = (500, "Internal error")
@@ -180,9 +180,10 @@ def test_hooks_that_are_removed_while_one_runs(root, make_daemon, sdk_host):
     descriptors = daemon.descriptors()
     with ThreadPoolExecutor(1) as pool:
         answer = pool.submit(ask, root.http_port, *CHANGE, body=b"x")
-        daemon.wait_for_log("Running subprocess timeout thread for PID")
-        shutil.rmtree(root.internal_hooks)
-        gate.write_text("go on\n")
+        # The script has been started: it is not needed any more.
+        with open_fifo_for_its_reader(gate) as script:
+            shutil.rmtree(root.internal_hooks)
+            script.write("go on\n")
         assert answer.result().status == 200
     # The next one finds none, and is refused: nobody could say whether it may pass.
     answer = ask(root.http_port, *CHANGE, body=b"x")

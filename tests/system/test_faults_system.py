@@ -12,7 +12,8 @@ import pytest
 from support.clients import ask
 from support.limits import set_own_limit
 from support.scratch_root import PAIRING_KEY
-from support.waiting import DEFAULT_LIMIT, EMULATOR, SANITIZER, wait_until
+from support.waiting import (DEFAULT_LIMIT, EMULATOR, SANITIZER, open_fifo_for_its_reader,
+                             wait_until)
 
 KEY = {"PairingKey": PAIRING_KEY}
 CHANGE = ("PATCH", "/api/1/router-ref")
@@ -139,7 +140,8 @@ def test_a_clock_that_jumps_changes_nothing_but_the_log(root, with_clock, sdk_ho
             daemon.wait_for_log("void Run: HUP$", since=mark, count=count)
         assert not waiting.done()
         assert zombies(daemon) == []
-        (root.directory / "gate").write_text("go on\n")
+        with open_fifo_for_its_reader(root.directory / "gate") as script:
+            script.write("go on\n")
         assert waiting.result().status == 200
     (root.directory / "gate").unlink()
     assert ask(root.https_port, "GET", "/api/x", headers=KEY, tls=True).status == 200

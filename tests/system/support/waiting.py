@@ -1,5 +1,6 @@
 """Waiting for a state, never for a time."""
 
+import errno
 import os
 import time
 
@@ -22,3 +23,17 @@ def wait_until(condition, what, limit=DEFAULT_LIMIT):
         if time.monotonic() > deadline:
             raise AssertionError(f"not seen within {limit:.0f} s: {what}")
         time.sleep(PAUSE)
+
+
+def open_fifo_for_its_reader(path):
+    """Waits until somebody reads the FIFO; returns a file to write into it."""
+
+    def try_it():
+        try:
+            return os.open(path, os.O_WRONLY | os.O_NONBLOCK | os.O_CLOEXEC)
+        except OSError as error:
+            if error.errno != errno.ENXIO:
+                raise
+            return None
+
+    return open(wait_until(try_it, f"a reader of {path}"), "w", encoding="utf-8")
