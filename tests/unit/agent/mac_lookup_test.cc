@@ -1,6 +1,7 @@
 // GET /api/mac, as the client 127.0.0.1 sees it for many a device list.
 
 #include <cerrno>
+#include <ostream>
 #include <random>
 
 #include <fcntl.h>
@@ -93,6 +94,10 @@ struct DeviceList {
   const char* name;
   const char* text;
   const char* mac;  // null: no device found
+
+  friend std::ostream& operator<<(std::ostream& out, const DeviceList& list) {
+    return out << list.name;
+  }
 };
 
 class MacLookupIn : public MacLookup, public testing::WithParamInterface<DeviceList> {};

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <filesystem>
 #include <functional>
+#include <ostream>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -52,6 +53,10 @@ struct Event {
   std::function<Status(HookInvoker&)> call;
   const char* arguments;  // as the recorder writes them; null: the call is refused
   const char* refusal;
+
+  friend std::ostream& operator<<(std::ostream& out, const Event& event) {
+    return out << event.name;
+  }
 };
 
 constexpr const char* kNasty = "-- a 'b' \"c\" $(id)\n\xc3\xa9";

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <ostream>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -348,6 +349,10 @@ TEST_F(SecureExecTest, AWatchdogThatCannotBeStartedThrowsAndTheNextCallReapsTheC
 struct ClosedDescriptors {
   const char* name;
   std::vector<int> numbers;
+
+  friend std::ostream& operator<<(std::ostream& out, const ClosedDescriptors& closed) {
+    return out << closed.name;
+  }
 };
 
 class StandardDescriptors : public SecureExecTest,
