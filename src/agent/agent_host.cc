@@ -1,7 +1,6 @@
 #include "agent/agent_host.h"
 
 #include <cerrno>
-#include <memory>
 #include <stdexcept>
 
 #include <event2/bufferevent.h>
@@ -39,19 +38,6 @@ void ResumeAccepting(evutil_socket_t, short, void* listener) {
   if (evconnlistener_enable(static_cast<evconnlistener*>(listener)) != 0) {
     Orx::Log::Message2(Orx::Log::kError, __PRETTY_FUNCTION__, "Failed to accept connections again");
   }
-}
-
-// A request has the loop watch the same few sockets now for reading, now for writing; the list of
-// changes spares most of the system calls for that. It is safe where, as here, nobody duplicates a
-// descriptor that the loop watches.
-event_base* NewEventBase() {
-  const std::unique_ptr<event_config, decltype(&event_config_free)> config(event_config_new(),
-                                                                           event_config_free);
-  if (config == nullptr ||
-      event_config_set_flag(config.get(), EVENT_BASE_FLAG_EPOLL_USE_CHANGELIST) != 0) {
-    return nullptr;
-  }
-  return event_base_new_with_config(config.get());
 }
 
 std::runtime_error ErrnoFailure(const std::string& what) {
@@ -117,7 +103,7 @@ AgentHost::AgentHost(Orx::HookInvoker* invoker, bool secure, const std::string& 
 }
 
 void AgentHost::InitServer() {
-  event_base* const base = NewEventBase();
+  event_base* const base = event_base_new();
   if (base == nullptr) {
     throw ErrnoFailure("Failed to init event_base");
   }

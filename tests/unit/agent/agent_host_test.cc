@@ -68,8 +68,7 @@ TEST_P(AgentHostSetUpFailure, IsThrownWithItsCause) {
 INSTANTIATE_TEST_SUITE_P(
     All, AgentHostSetUpFailure,
     testing::Values(
-        SetUpFailure{"event_config_new", 0, false, "Failed to init event_base errno 12"},
-        SetUpFailure{"event_base_new_with_config", 0, false, "Failed to init event_base errno 12"},
+        SetUpFailure{"event_base_new", 0, false, "Failed to init event_base errno 12"},
         SetUpFailure{"event_new", 0, false, "Failed to init invoker event errno 12"},
         SetUpFailure{"evhttp_new", 0, false, "Failed to init evhttp errno 12"},
         SetUpFailure{"evconnlistener_new", 0, false,

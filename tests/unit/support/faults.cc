@@ -119,8 +119,7 @@ FAULTY(void*, signal, reinterpret_cast<void*>(SIG_ERR), (int number, void* handl
        (number, handler))
 
 // libevent's.
-FAULTY(void*, event_config_new, nullptr, (), ())
-FAULTY(void*, event_base_new_with_config, nullptr, (const void* config), (config))
+FAULTY(void*, event_base_new, nullptr, (), ())
 FAULTY(void*, event_new, nullptr,
        (void* base, int fd, short what, void (*callback)(int, short, void*), void* argument),
        (base, fd, what, callback, argument))
