@@ -26,7 +26,7 @@ std::string Record() {
   fuzz::Require(::ftruncate(fd, 0) == 0 && ::lseek(fd, 0, SEEK_SET) == 0, "the file is empty");
   WriteRecord(fd, SIGSEGV, siginfo_t(), Registers());
   const ssize_t size = ::pread(fd, record, sizeof record, 0);
-  return std::string(record, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+  return {record, static_cast<size_t>(std::max<ssize_t>(size, 0))};
 }
 
 // What stands between the heading and the closing line.

@@ -172,7 +172,7 @@ void TlsConnection::Write(const std::string& bytes) {
 std::string TlsConnection::Read() {
   char buffer[4096];
   const int count = SSL_read(tls_.get(), buffer, sizeof buffer);
-  return std::string(buffer, static_cast<size_t>(std::max(count, 0)));
+  return {buffer, static_cast<size_t>(std::max(count, 0))};
 }
 
 std::string TlsConnection::ReadWhatIsThere() {

@@ -9,6 +9,7 @@
 #include "fuzz/fuzz.h"
 
 // There in a build that measures what is reached; it does so when a program ends in good order.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): its name is so
 extern "C" int __llvm_profile_write_file() __attribute__((weak));
 
 int main(int argc, char** argv) {
