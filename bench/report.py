@@ -154,10 +154,13 @@ def page_part(results):
     ])
 
 
+PLOT = "![The others beside tavlo, row by row](performance.svg)"
+
+
 def publish(results, page: Path):
-    """Puts the tables in between the page's two marks."""
+    """Puts the plot and the tables in between the page's two marks."""
     before, _, rest = page.read_text(encoding="utf-8").partition(BEGIN)
     _, mark, after = rest.partition(END)
     if not mark:
         raise ValueError(f"{page} has no marks {BEGIN} and {END}")
-    page.write_text(f"{before}{BEGIN}\n\n{page_part(results)}\n\n{END}{after}", encoding="utf-8")
+    page.write_text(f"{before}{BEGIN}\n\n{PLOT}\n\n{page_part(results)}\n\n{END}{after}", encoding="utf-8")
