@@ -9,7 +9,7 @@ from concurrent.futures import ThreadPoolExecutor
 import pytest
 
 from support.clients import Client, ask, connect, read_to_end
-from support.destinations import Destination, answer_bytes, read_request
+from support.destinations import Destination, answer_bytes, answering_after, read_request
 from support.scratch_root import PAIRING_KEY
 from support.waiting import DEFAULT_LIMIT, SANITIZER, wait_until
 
@@ -163,12 +163,8 @@ def test_who_waits_longest_makes_room(root, daemon, tls):
 def test_who_waits_for_a_reply_is_not_ended(root, daemon):
     go_on = threading.Event()
 
-    def wait_and_answer(connection):
-        while read_request(connection):
-            go_on.wait(DEFAULT_LIMIT)
-            connection.sendall(answer_bytes(b"ok"))
-
-    with Destination(root.destination_port, wait_and_answer), ThreadPoolExecutor(20) as pool:
+    with Destination(root.destination_port, answering_after(go_on, answer_bytes(b"ok"))), \
+            ThreadPoolExecutor(20) as pool:
         mark = daemon.mark()
         answers = [pool.submit(ask, root.http_port, "GET", "/api/version") for _ in range(20)]
         daemon.wait_for_log("INFO: .*: GET /api/version$", since=mark, count=len(answers))
@@ -223,12 +219,7 @@ def test_what_was_answered_counts_no_more(root, daemon, sdk_host):
 def test_no_more_than_a_hundred_requests_wait(root, daemon):
     go_on = threading.Event()
 
-    def wait_and_answer(connection):
-        while read_request(connection):
-            go_on.wait(DEFAULT_LIMIT)
-            connection.sendall(answer_bytes(b"ok"))
-
-    with Destination(root.destination_port, wait_and_answer), \
+    with Destination(root.destination_port, answering_after(go_on, answer_bytes(b"ok"))), \
             ThreadPoolExecutor(MOST_WAITING) as pool:
         mark = daemon.mark()
         answers = [pool.submit(ask, root.http_port, "GET", "/api/version")

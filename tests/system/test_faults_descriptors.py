@@ -59,22 +59,15 @@ def test_the_router_information_cannot_be_opened(root, daemon, sdk_host):
     daemon.wait_for_log(r"Updated: 'ano\.\.\.'$", since=mark)
 
 
-def hang_up(daemon):
-    mark = daemon.console.stat().st_size
-    daemon.send_signal(signal.SIGHUP)
-    daemon.wait_for_log("(?:SetPairingKey|ERROR: void UpdatePairingKey): .*$", since=mark,
-                        path=daemon.console)
-
-
 def test_the_log_cannot_be_opened_again(root, daemon, client):
     before = len(daemon.descriptors())
     set_limit(daemon, "nofile", 3)
-    hang_up(daemon)
+    daemon.hang_up()
     assert client.ask("GET", "/elsewhere").status == 404
     assert daemon.log_text().endswith("DEBUG: void Run: HUP\n")
     set_limit(daemon, "nofile", 1024)
     assert len(daemon.descriptors()) < before
-    hang_up(daemon)
+    daemon.hang_up()
     mark = daemon.mark()
     assert ask(root.http_port, "GET", "/logged-again").status == 404
     daemon.wait_for_log("GET /logged-again$", since=mark)

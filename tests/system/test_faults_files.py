@@ -21,16 +21,6 @@ INTERNAL_ERROR = (500, "Internal error")
 needs_root = pytest.mark.skipif(os.geteuid() != 0, reason="only root can mount a file system")
 
 
-def hang_up(daemon):
-    """Sends SIGHUP and waits until it has been dealt with; the console has all lines."""
-    mark = daemon.console.stat().st_size
-    daemon.send_signal(signal.SIGHUP)
-    daemon.wait_for_log("void Run: HUP$", since=mark, path=daemon.console)
-    daemon.wait_for_log("(?:SetPairingKey|ERROR: void UpdatePairingKey): .*$", since=mark,
-                        path=daemon.console)
-    return mark
-
-
 def assert_serving(root):
     assert ask(root.http_port, "GET", "/api/mac").status == 200
     assert ask(root.https_port, "GET", "/api/mac", tls=True).status == 200
@@ -76,7 +66,7 @@ def test_a_full_disk_stops_the_log_and_nothing_else(root, on_small_disk):
     assert log.stat().st_size == size
     assert "/unlogged" in daemon.log_text(path=daemon.console)
     filler.unlink()
-    hang_up(daemon)
+    daemon.hang_up()
     assert ask(root.http_port, "GET", "/logged-again").status == 404
     assert "/logged-again" in log.read_text()
 
@@ -120,14 +110,14 @@ def test_a_log_on_a_disk_that_becomes_read_only(root, on_small_disk):
     log.rename(log.with_name("log.1"))
     # A file that is open for writing keeps the disk writable: the daemon's own must go first.
     log.mkdir()
-    hang_up(daemon)
+    daemon.hang_up()
     log.rmdir()
     remount(daemon, on_small_disk.disk, "ro")
-    hang_up(daemon)
+    daemon.hang_up()
     assert_serving(root)
     assert not log.exists()
     remount(daemon, on_small_disk.disk, "rw")
-    hang_up(daemon)
+    daemon.hang_up()
     assert "SetPairingKey" in log.read_text()
 
 
@@ -135,7 +125,7 @@ def test_a_log_that_was_removed_is_made_again(root, daemon):
     daemon.log.unlink()
     assert_serving(root)
     assert not daemon.log.exists()
-    hang_up(daemon)
+    daemon.hang_up()
     assert_serving(root)
     assert "/api/mac" in daemon.log_text()
 
@@ -147,12 +137,12 @@ def test_a_log_that_became_something_else_is_left_out(root, daemon, make):
     make(daemon.log)
     descriptors = len(daemon.descriptors())
     for _ in range(3):
-        hang_up(daemon)
+        daemon.hang_up()
         assert_serving(root)
     daemon.wait_for_no_clients()
     assert len(daemon.descriptors()) <= descriptors
     daemon.log.rmdir() if daemon.log.is_dir() else daemon.log.unlink()
-    hang_up(daemon)
+    daemon.hang_up()
     assert_serving(root)
     assert "/api/mac" in daemon.log_text()
 
@@ -161,7 +151,7 @@ def test_a_fifo_that_nobody_empties_holds_up_nobody(root, daemon):
     daemon.log.unlink()
     os.mkfifo(daemon.log)
     reader = os.open(daemon.log, os.O_RDONLY | os.O_NONBLOCK)
-    hang_up(daemon)
+    daemon.hang_up()
     # More than a pipe holds.
     for _ in range(60):
         assert ask(root.http_port, "GET", "/" + "x" * 2000).status == 404
@@ -199,7 +189,7 @@ def test_hooks_that_are_removed_while_one_runs(root, make_daemon, sdk_host):
 def test_router_information_that_is_rewritten_under_load(root, daemon, sdk_host):
     keys = ["a" * 200, "b" * 100]
     root.write_pairing_key(keys[0])
-    hang_up(daemon)
+    daemon.hang_up()
     done = threading.Event()
 
     def rewrite():
@@ -230,7 +220,7 @@ def test_router_information_that_is_rewritten_under_load(root, daemon, sdk_host)
     # One of the two, at any time.
     assert set(statuses) <= {200, 417} and 200 in statuses
     assert daemon.count_in_log("ERROR: void UpdatePairingKey") == 0
-    hang_up(daemon)
+    daemon.hang_up()
     assert work(keys[1]) == 200
 
 

@@ -12,7 +12,7 @@ import pytest
 
 from sdk_rest_host import Answer
 from support.clients import ask, connect, exchange, read_to_end, reset
-from support.destinations import Destination, answer_bytes, hang, read_request
+from support.destinations import Destination, answer_bytes, answering_after, hang
 from support.scratch_root import PAIRING_KEY
 from support.waiting import DEFAULT_LIMIT, SANITIZER, wait_until
 
@@ -47,12 +47,8 @@ def test_clients_that_vanish_while_their_requests_are_forwarded(root, daemon, tl
     count = 60
     go_on = threading.Event()
 
-    def wait_and_answer(connection):
-        while read_request(connection):
-            go_on.wait(DEFAULT_LIMIT)
-            connection.sendall(answer_bytes(BLOCK))
-
-    with Destination(root.destination_port, wait_and_answer) as destination:
+    behave = answering_after(go_on, answer_bytes(BLOCK))
+    with Destination(root.destination_port, behave) as destination:
         before = daemon.descriptors()
         mark = daemon.mark()
         clients = []

@@ -61,15 +61,6 @@ def owner(path):
     return info.st_uid, info.st_gid
 
 
-def hang_up(daemon):
-    """Sends SIGHUP and waits until it has been dealt with; the console has all lines."""
-    mark = daemon.console.stat().st_size
-    daemon.send_signal(signal.SIGHUP)
-    daemon.wait_for_log("void Run: HUP$", since=mark, path=daemon.console)
-    daemon.wait_for_log("(?:SetPairingKey|ERROR: void UpdatePairingKey): .*$", since=mark,
-                        path=daemon.console)
-
-
 def write_hook(root, script):
     root.settings["agentDataPath"] = str(root.agent_data)
     (root.external_hooks / "agent").rmdir()
@@ -111,7 +102,7 @@ def test_the_log_moves_to_a_file_that_the_user_makes(owned):
     daemon = owned()
     old = daemon.log.with_name("log.1")
     daemon.log.rename(old)
-    hang_up(daemon)
+    daemon.hang_up()
     daemon.wait_for_log("Update pairing key$")
     assert owner(daemon.log) == (UID, GID)
 
@@ -119,7 +110,7 @@ def test_the_log_moves_to_a_file_that_the_user_makes(owned):
 def test_the_pairing_key_is_read_again(root, owned, sdk_host):
     daemon = owned()
     root.write_pairing_key("another")
-    hang_up(daemon)
+    daemon.hang_up()
     answer = ask(root.https_port, "GET", "/api/x", headers={"PairingKey": "another"}, tls=True)
     assert answer.status == 200
 
@@ -156,7 +147,7 @@ def test_a_log_of_roots_is_lost_silently_at_hup(root, start):
     daemon = start()
     # The one that was opened as root is written on.
     assert owner(daemon.log) == (0, 0)
-    hang_up(daemon)
+    daemon.hang_up()
     size = daemon.log.stat().st_size
     assert daemon.log_text().endswith("DEBUG: void Run: HUP\n")
     mark = daemon.console.stat().st_size
@@ -166,7 +157,7 @@ def test_a_log_of_roots_is_lost_silently_at_hup(root, start):
             if "ERROR: " in line and str(daemon.log) in line] == []
     assert "GET /" in daemon.log_text(since=mark, path=daemon.console)
     os.chown(daemon.log, UID, GID)
-    hang_up(daemon)
+    daemon.hang_up()
     daemon.wait_for_log("Update pairing key$", since=size)
 
 

@@ -93,6 +93,16 @@ class Daemon:
     def send_signal(self, number):
         os.kill(self.pid, number)
 
+    def hang_up(self):
+        """Sends SIGHUP and waits until it has been dealt with; looks at the console, which has all
+        lines whatever becomes of the log. Returns the place in the console before it."""
+        mark = self.console.stat().st_size
+        self.send_signal(signal.SIGHUP)
+        self.wait_for_log("void Run: HUP$", since=mark, path=self.console)
+        self.wait_for_log("(?:SetPairingKey|ERROR: void UpdatePairingKey): .*$", since=mark,
+                          path=self.console)
+        return mark
+
     def wait_for_exit(self, limit=DEFAULT_LIMIT):
         status = self.process.wait(limit)
         assert_no_sanitizer_report(self.console.read_bytes())

@@ -93,6 +93,17 @@ def answering(answer, repeat=True):
     return behave
 
 
+def answering_after(event, answer):
+    """Each request gets these bytes, the first one not before the event."""
+
+    def behave(connection):
+        while read_request(connection):
+            event.wait(DEFAULT_LIMIT)
+            connection.sendall(answer)
+
+    return behave
+
+
 def close_at_once(connection):
     pass
 
