@@ -172,6 +172,17 @@ class TavloTenScripts(Tavlo):
     scripts = 10
 
 
+def nginx_start(directory):
+    """What each of its configurations begins with; the block of `http` is left open."""
+    return f"""daemon off;
+user root;
+worker_processes 1;
+pid {directory}/pid;
+error_log {directory}/error.log;
+events {{ worker_connections 1024; }}
+http {{"""
+
+
 class Nginx(Server):
     name = "nginx"
     difference = "a master process beside the worker; up to 64 connections to the destination"
@@ -183,13 +194,7 @@ class Nginx(Server):
       proxy_http_version 1.1;
       proxy_set_header Connection "";"""
         self.write("nginx.conf", f"""
-daemon off;
-user root;
-worker_processes 1;
-pid {self.directory}/pid;
-error_log {self.directory}/error.log;
-events {{ worker_connections 1024; }}
-http {{
+{nginx_start(self.directory)}
   log_format short '$time_iso8601 [$pid] INFO: $request_method $request_uri';
   access_log {self.log} short;
   keepalive_requests 1000000000;
@@ -363,13 +368,7 @@ class Destination(Server):
     def configure(self):
         self.write("large", "x" * 65536)
         self.write("nginx.conf", f"""
-daemon off;
-user root;
-worker_processes 1;
-pid {self.directory}/pid;
-error_log {self.directory}/error.log;
-events {{ worker_connections 1024; }}
-http {{
+{nginx_start(self.directory)}
   access_log off;
   keepalive_requests 1000000000;
   keepalive_timeout 1h;

@@ -4,7 +4,6 @@ root. The user is in an account file that only this daemon sees."""
 import os
 import resource
 import signal
-import subprocess
 from pathlib import Path
 
 import pytest
