@@ -84,8 +84,8 @@ def test_it_brings_no_path_to_search_libraries_in():
 def test_it_needs_no_more_libraries_than_documented():
     needed = re.findall(r"\(NEEDED\).*\[(.*?)\.so", readelf("-d"))
     assert sorted(name for name in needed if not name.startswith("ld-linux")) == [
-        "libc", "libcrypto", "libevent-2.1", "libevent_openssl-2.1", "libevent_pthreads-2.1",
-        "libgcc_s", "libjson-c", "libssl", "libstdc++"]
+        "libc", "libcrypto", "libevent_core-2.1", "libevent_extra-2.1", "libevent_openssl-2.1",
+        "libevent_pthreads-2.1", "libgcc_s", "libjson-c", "libssl", "libstdc++"]
 
 
 def of_the_c_library():
