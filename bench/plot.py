@@ -9,7 +9,8 @@ from matplotlib import pyplot  # noqa: E402
 from matplotlib.ticker import FixedLocator, FuncFormatter, NullLocator  # noqa: E402
 
 REFERENCE = "tavlo"
-LOOKS = {"nginx": ("o", "tab:green"), "HAProxy": ("s", "tab:blue"), "lighttpd": ("D", "tab:orange"),
+LOOKS = {"nginx": ("o", "tab:green"), "HAProxy": ("s", "tab:blue"),
+         "HAProxy with one connection": ("+", "tab:blue"), "lighttpd": ("D", "tab:orange"),
          "floor": ("|", "black"), "destination": ("x", "lightgrey")}
 PANELS = [("rate", "requests/s, to tavlo's\n(left of the line: tavlo leads)"),
           ("cpu_us", "processor time a request, to tavlo's\n(right of the line: tavlo leads)"),

@@ -3,9 +3,10 @@
 from dataclasses import dataclass, field
 
 import load
-from servers import LARGEST_BODY, PAIRING_KEY, SIDE_BY_SIDE
+from servers import LARGEST_BODY, PAIRING_KEY, SIDE_BY_SIDE, HaproxyOneConnection
 
 ALL = tuple(server.name for server in SIDE_BY_SIDE)
+ONE_AT_A_TIME = HaproxyOneConnection.name
 KEY = f"PairingKey: {PAIRING_KEY}"
 QUICK_SHARE = 10
 
@@ -45,10 +46,10 @@ class Row:
                            self.connections, self.expected, self.method, body, headers)
 
 
-def plain(name, title, path, connections, requests, **options):
+def plain(name, title, path, connections, requests, servers=ALL, **options):
     """The destination stands in the plain rows too."""
     return Row(f"{name}-plain-{connections}", f"{title}, plain, {connections} conn.", path,
-               connections, requests, servers=(*ALL, "destination"), **options)
+               connections, requests, servers=(*servers, "destination"), **options)
 
 
 def tls(name, title, path, connections, requests, **options):
@@ -57,9 +58,8 @@ def tls(name, title, path, connections, requests, **options):
 
 
 ROWS = [
-    *(plain("get", "GET", "/api/version", connections, requests)
-      for connections, requests in ((1, 10000), (16, 20000), (64, 20000))),
-    *(tls("get", "GET", "/api/1/profiles", connections, requests)
+    *(make("get", "GET", path, connections, requests, servers=(*ALL, ONE_AT_A_TIME))
+      for make, path in ((plain, "/api/version"), (tls, "/api/1/profiles"))
       for connections, requests in ((1, 10000), (16, 20000), (64, 20000))),
     plain("body", "PATCH of 32 KiB", "/api/1/router-ref", 16, 8000, method="PATCH", body=True),
     tls("body", "POST of 32 KiB", "/api/1/profiles", 16, 8000, method="POST", body=True),

@@ -247,6 +247,7 @@ class Haproxy(Server):
     name = "HAProxy"
     difference = "passes bodies on while they come; up to 64 connections to the destination"
     program = Path("/usr/sbin/haproxy")
+    limit = ""
 
     def configure(self):
         self.stdout = self.log  # each line goes there in a write of its own
@@ -282,11 +283,19 @@ frontend secure
 {common}
 backend destination
   http-reuse always
-  server destination 127.0.0.1:{self.destination_port}
+  server destination 127.0.0.1:{self.destination_port} {self.limit}
 """)
 
     def command(self):
         return [self.program, "-db", "-f", self.directory / "haproxy.cfg"]
+
+
+class HaproxyOneConnection(Haproxy):
+    """Shows what it costs a fast server to promise what tavlo promises."""
+
+    name = "HAProxy with one connection"
+    difference = "HAProxy that sends one request at a time to the destination, as tavlo does"
+    limit = "maxconn 1"
 
 
 class Lighttpd(Server):
@@ -394,6 +403,7 @@ class Destination(Server):
 
 RIVALS = (Nginx, Haproxy, Lighttpd)
 SIDE_BY_SIDE = (Tavlo, *RIVALS, Floor)
+VARIANTS = (HaproxyOneConnection, TavloOneScript, TavloTenScripts)  # in a few rows only
 
 
 def make_certificate(directory):
