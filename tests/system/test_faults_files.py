@@ -187,23 +187,27 @@ def test_hooks_that_are_removed_while_one_runs(root, make_daemon, sdk_host):
 
 
 def test_router_information_that_is_rewritten_under_load(root, daemon, sdk_host):
-    keys = ["a" * 200, "b" * 100]
-    root.write_pairing_key(keys[0])
+    keys = ["b" * 100, "a" * 200]
+    root.write_pairing_key(keys[1])
     daemon.hang_up()
     done = threading.Event()
 
     def rewrite():
-        """As its owner does, under the lock; in between the file is empty, and then half there."""
+        """As its owner does, under the lock; meanwhile the file is empty, and then half there, and the
+        daemon has begun to ask for the lock."""
         while not done.is_set():
             for key in keys:
+                mark = daemon.log.stat().st_size
                 with open(root.router_info, "r+b") as file:
                     fcntl.flock(file, fcntl.LOCK_EX)
                     file.truncate(0)
+                    daemon.send_signal(signal.SIGHUP)
+                    daemon.wait_for_log("DEBUG: void Run: Update pairing key$", since=mark)
                     file.write(b"pairing_")
                     file.flush()
                     file.write(b"key: " + key.encode() + b"\n")
                     file.flush()
-                daemon.send_signal(signal.SIGHUP)
+                daemon.wait_for_log("SetPairingKey: Updated", since=mark)
 
     def work(key):
         return ask(root.https_port, "GET", "/api/x", headers={"PairingKey": key}, tls=True).status
