@@ -31,6 +31,10 @@ constexpr ev_ssize_t kMaxReply = 4L * 1024 * 1024;
 // The largest head of a reply, in bytes. libevent searches a line without an end again and again.
 constexpr ev_ssize_t kMaxReplyHead = 65536;
 
+// What is written in one go, in bytes, when there is as much: libevent's own 16384 would be three
+// turns of the loop for the largest request.
+constexpr size_t kMaxWrite = size_t{128} * 1024;
+
 // How long a listener rests that the system refuses a connection, for want of descriptors mostly.
 constexpr timeval kAcceptPause = {1, 0};
 
@@ -70,6 +74,7 @@ bufferevent* AgentHost::OnConnection(event_base* base, void* argument) {
     connection = bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
   }
   if (connection != nullptr) {
+    bufferevent_set_max_single_write(connection, kMaxWrite);
     RunGuarded(__PRETTY_FUNCTION__, [&] { host->clients_->Add(connection); });
   }
   return connection;
@@ -144,6 +149,7 @@ void AgentHost::InitServer() {
   evhttp_connection_set_max_headers_size(evcon, kMaxReplyHead);
   evhttp_connection_set_max_body_size(evcon, kMaxReply);
   evhttp_connection_set_closecb(evcon, OnDisconnect, this);
+  bufferevent_set_max_single_write(evhttp_connection_get_bufferevent(evcon), kMaxWrite);
 
   evhttp_set_gencb(http, OnRequest, this);
   evhttp_set_bevcb(http, OnConnection, this);

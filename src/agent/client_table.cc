@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -24,6 +25,17 @@ constexpr size_t kHeaderOverhead = 100;
 // The most headers that a request can have: a colon is enough for one.
 constexpr size_t kMaxHeaders = kMaxHeadSize;
 
+size_t CountLines(const char* text, size_t length) {
+  size_t lines = 0;
+  const char* const end = text + length;
+  // Faster than looking at each character by far: most of what comes is a body of long lines.
+  while (const void* const found = std::memchr(text, '\n', static_cast<size_t>(end - text))) {
+    text = static_cast<const char*>(found) + 1;
+    ++lines;
+  }
+  return lines;
+}
+
 // Lines may be headers: libevent does not tell how far it has come.
 size_t CountLines(evbuffer* input, size_t length, size_t added) {
   evbuffer_ptr start;
@@ -33,8 +45,7 @@ size_t CountLines(evbuffer* input, size_t length, size_t added) {
   size_t lines = 0;
   evbuffer_iovec piece;
   while (evbuffer_peek(input, -1, &start, &piece, 1) > 0) {
-    const char* const text = static_cast<const char*>(piece.iov_base);
-    lines += static_cast<size_t>(std::count(text, text + piece.iov_len, '\n'));
+    lines += CountLines(static_cast<const char*>(piece.iov_base), piece.iov_len);
     if (evbuffer_ptr_set(input, &start, piece.iov_len, EVBUFFER_PTR_ADD) != 0) {
       break;
     }
