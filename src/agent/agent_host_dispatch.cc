@@ -31,12 +31,12 @@ bool HasInvalidCharacter(const std::string& uri) {
   return std::any_of(uri.begin(), uri.end(), [](unsigned char c) { return c <= ' ' || c == 127; });
 }
 
-// An answer's head and body are pieces of their own, and so would be their TLS records: the body
-// joins the head where both fit into one. A larger body is not worth the copying.
+// Each piece that an answer comes in from the destination, 4 KiB of it, would be a TLS record and a
+// write of its own. An answer of more than this is not worth the copying.
 void JoinPieces(evhttp_connection* connection) {
-  constexpr size_t kMaxRecord = 16384;
+  constexpr size_t kMaxJoined = size_t{128} * 1024;
   evbuffer* const output = bufferevent_get_output(evhttp_connection_get_bufferevent(connection));
-  if (evbuffer_get_length(output) <= kMaxRecord) {
+  if (evbuffer_get_length(output) <= kMaxJoined) {
     evbuffer_pullup(output, -1);
   }
 }
