@@ -16,9 +16,17 @@ from support.waiting import EMULATOR, SANITIZER
 
 REQUESTS = 300
 
+SHORT = b"x" * 200
+BODY = b"x" * 32768
+LARGE = b"x" * 65536
+
 # What was measured, and how much more other versions of the libraries and other processors may take.
-PLAIN_GET = 73_000
-TLS_GET = 104_000
+MEASURED = {
+    "plain": ({}, SHORT, 74_000),
+    "tls": ({"tls": True}, SHORT, 100_000),
+    "body": ({"method": "PATCH", "uri": "/api/1/router-ref", "body": BODY}, SHORT, 111_000),
+    "large answer": ({"tls": True}, LARGE, 407_000),
+}
 ROOM = 1.15
 
 
@@ -37,32 +45,30 @@ def reason_to_skip():
 pytestmark = pytest.mark.skipif(bool(reason_to_skip()), reason=reason_to_skip())
 
 
-def instructions(root, make_daemon, requests, **where):
+def instructions(root, make_daemon, requests, method="GET", uri="/api/version", body=b"", tls=False):
     """All that a daemon executes which answers so many requests over one connection."""
     counts = root.directory / "callgrind"
     daemon = make_daemon(options=[], prefix=[
         "valgrind", "--tool=callgrind", f"--callgrind-out-file={counts}", "--quiet"])
     daemon.log.unlink(missing_ok=True)  # an earlier daemon has said there that it has started
     daemon.start()
-    port = root.https_port if where.get("tls") else root.http_port
-    with Client(port, **where) as client:
+    with Client(root.https_port if tls else root.http_port, tls=tls) as client:
         for _ in range(requests):
-            answer = client.ask("GET", "/api/version", headers={"PairingKey": PAIRING_KEY})
+            answer = client.ask(method, uri, headers={"PairingKey": PAIRING_KEY}, body=body)
             assert answer.status == 200
     daemon.stop()
     return int(re.search(r"^summary: (\d+)$", counts.read_text(), re.MULTILINE)[1])
 
 
-@pytest.mark.parametrize("tls, measured", [(False, PLAIN_GET), (True, TLS_GET)],
-                         ids=["plain", "tls"])
-def test_a_forwarded_request_costs_no_more_instructions_than_it_did(root, make_daemon, capsys, tls,
-                                                                    measured):
-    with Destination(root.destination_port, answering(answer_bytes(b"x" * 200))):
-        once = instructions(root, make_daemon, REQUESTS, tls=tls)
-        twice = instructions(root, make_daemon, 2 * REQUESTS, tls=tls)
+@pytest.mark.parametrize("kind", MEASURED)
+def test_a_forwarded_request_costs_no_more_instructions_than_it_did(root, make_daemon, capsys, kind):
+    request, answer, measured = MEASURED[kind]
+    with Destination(root.destination_port, answering(answer_bytes(answer))):
+        once = instructions(root, make_daemon, REQUESTS, **request)
+        twice = instructions(root, make_daemon, 2 * REQUESTS, **request)
     # What start and end cost is in both.
     each = (twice - once) / REQUESTS
     with capsys.disabled():
-        print(f"{'TLS' if tls else 'plain'}: {each:,.0f} instructions a request")
+        print(f"{kind}: {each:,.0f} instructions a request")
     assert each > measured / 4, "this is no request's worth: what was measured is something else"
     assert each < measured * ROOM
