@@ -49,6 +49,15 @@ def test_only_debug_lines_say_why_a_request_was_refused(root, make_daemon, optio
     assert (reason in texts) == ("DEBUG" in levels)
 
 
+def test_a_file_that_takes_the_place_of_the_router_information_is_read(root, daemon, sdk_host):
+    following = root.directory / "router_info.new"
+    following.write_text("pairing_key: another\n", encoding="utf-8")
+    following.rename(root.router_info)
+    daemon.hang_up()
+    assert ask(root.https_port, "GET", "/api/1/x", headers=[("PairingKey", "another")],
+               tls=True).status == 200
+
+
 def test_the_first_address_of_a_record_names_the_sender(root, daemon):
     daemon.send_signal(signal.SIGSEGV)
     assert daemon.wait_for_exit() == -signal.SIGSEGV
