@@ -3,6 +3,7 @@
 import filecmp
 import json
 import os
+import re
 import shutil
 import subprocess
 
@@ -53,6 +54,16 @@ def test_a_prefix_alone_holds_everything(installation, tmp_path):
 def test_the_program_is_the_one_that_the_debug_file_fits(installation):
     installation.run(PREFIX="/usr")
     assert filecmp.cmp(installation.root / "usr/sbin/tavlo", BUILD / "tavlo", shallow=False)
+
+
+def test_who_calls_cmake_without_a_preset_builds_what_ships(tmp_path):
+    page = (SOURCE / "docs/install.md").read_text()
+    options = re.search(r"^ {4}cmake -S \. -B \S+ (.+?) &&", page, re.M)[1].split()
+    subprocess.run(["cmake", "-S", SOURCE, "-B", tmp_path, *options], check=True,
+                   capture_output=True)
+    cache = (tmp_path / "CMakeCache.txt").read_text()
+    assert re.search(r"^CMAKE_BUILD_TYPE:STRING=Release$", cache, re.M)
+    assert re.search(r"^BUILD_TESTING:BOOL=OFF$", cache, re.M)
 
 
 def test_the_daemon_reads_the_configuration_as_it_is_written(installation):
