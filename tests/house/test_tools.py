@@ -64,3 +64,16 @@ def test_the_demonstration_tells_how_it_is_used_and_starts_nothing(tmp_path, arg
     assert result.returncode == status
     assert "usage: tools/demonstration" in result.stdout + result.stderr
     assert [path.name for path in tmp_path.iterdir()] == ["tools"]
+
+
+def test_a_cross_build_without_its_libraries_says_what_makes_them(tmp_path):
+    toolchain = tmp_path / "cmake" / "aarch64.cmake"
+    toolchain.parent.mkdir()
+    shutil.copy(PROJECT / "cmake" / "aarch64.cmake", toolchain)
+    (tmp_path / "CMakeLists.txt").write_text(
+        "cmake_minimum_required(VERSION 3.25)\nproject(any LANGUAGES NONE)\n")
+    result = subprocess.run(
+        ["cmake", "-S", tmp_path, "-B", tmp_path / "build", f"-DCMAKE_TOOLCHAIN_FILE={toolchain}"],
+        capture_output=True, text=True, check=False, timeout=LIMIT_SECS)
+    assert result.returncode == 1
+    assert "tools/aarch64-sysroot makes it" in " ".join(result.stderr.split())
