@@ -2,6 +2,7 @@
 
 import fcntl
 import os
+import pty
 import shutil
 import subprocess
 from pathlib import Path
@@ -25,9 +26,9 @@ def tree(tmp_path):
     return tmp_path
 
 
-def start_build(tree, *arguments):
+def start_build(tree, *arguments, stdout=subprocess.PIPE):
     path = f"{tree / 'programs'}:{os.environ['PATH']}"
-    return subprocess.Popen([tree / "tools" / "build", *arguments], stdout=subprocess.PIPE,
+    return subprocess.Popen([tree / "tools" / "build", *arguments], stdout=stdout,
                             stderr=subprocess.PIPE, text=True, env={**os.environ, "PATH": path})
 
 
@@ -46,6 +47,15 @@ def test_a_build_waits_for_another_one_in_the_same_tree(tree):
     assert (process.returncode, *output) == (0, "", "")
     assert [line.split()[:3] for line in asked(tree)] == [
         ["--preset", "release", "--log-level=WARNING"], ["--build", "--preset", "release"]]
+
+
+@pytest.mark.parametrize("on_terminal, ending", [(True, "--"), (False, "-- --quiet")])
+def test_a_build_shows_how_far_it_is_on_a_terminal_alone(tree, on_terminal, ending):
+    master, slave = pty.openpty()
+    with open(master, "rb"), open(slave, "wb") as terminal:
+        output = terminal if on_terminal else subprocess.DEVNULL
+        start_build(tree, "release", stdout=output).communicate(timeout=LIMIT_SECS)
+    assert asked(tree)[-1] == f"--build --preset release {ending}"
 
 
 @pytest.mark.parametrize("arguments", [(), ("release", "debug")], ids=len)
