@@ -1,6 +1,6 @@
 #!/usr/bin/env node
 // Asks tavlo: prints the body of the answer; when it is an error, its status and reason on standard
-// error, with exit status 1.
+// error, with exit status 1. Without an answer it says why, with exit status 2.
 //
 // Usage: tavlo.mjs METHOD PATH [BODY]
 // In the environment:
@@ -15,16 +15,22 @@ import https from 'node:https';
 // The daemon itself gives up after 61 seconds.
 const timeout = 70000;
 
+function setting(name) {
+  const value = process.env[name];
+  if (!value) throw new Error(`${name} is not set`);
+  return value;
+}
+
 function ask(method, path, body = '') {
-  const { TAVLO_URL, TAVLO_KEY, TAVLO_CERTIFICATE } = process.env;
-  const secure = TAVLO_URL.startsWith('https:');
+  const url = setting('TAVLO_URL');
+  const secure = url.startsWith('https:');
   const options = { method, path, timeout, headers: { 'Content-Length': Buffer.byteLength(body) } };
   if (secure) {
-    options.ca = readFileSync(TAVLO_CERTIFICATE);
-    options.headers.PairingKey = TAVLO_KEY;
+    options.ca = readFileSync(setting('TAVLO_CERTIFICATE'));
+    options.headers.PairingKey = setting('TAVLO_KEY');
   }
   return new Promise((resolve, reject) => {
-    const request = (secure ? https : http).request(TAVLO_URL, options, (answer) => {
+    const request = (secure ? https : http).request(url, options, (answer) => {
       const parts = [];
       answer.on('data', (part) => parts.push(part));
       answer.on('error', reject);
@@ -40,8 +46,8 @@ function ask(method, path, body = '') {
   });
 }
 
-const [method, path, body] = process.argv.slice(2);
-if (path === undefined) {
+const [method, path, body, ...more] = process.argv.slice(2);
+if (path === undefined || more.length > 0) {
   console.error('usage: tavlo.mjs METHOD PATH [BODY]');
   process.exit(2);
 }
@@ -55,5 +61,5 @@ try {
   }
 } catch (error) {
   console.error(error.message);
-  process.exitCode = 1;
+  process.exitCode = 2;
 }

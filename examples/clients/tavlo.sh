@@ -1,6 +1,6 @@
 #!/bin/sh
 # Asks tavlo: prints the body of the answer; when it is an error, its status and reason on standard
-# error, with exit status 1.
+# error, with exit status 1. Without an answer it says why, with exit status 2.
 #
 # Usage: tavlo.sh METHOD PATH [BODY]
 # In the environment:
@@ -9,7 +9,7 @@
 #   TAVLO_CERTIFICATE  the file with the router's certificate; only for https
 set -eu
 
-if [ $# -lt 2 ]; then
+if [ $# -lt 2 ] || [ $# -gt 3 ]; then
   echo "usage: tavlo.sh METHOD PATH [BODY]" >&2
   exit 2
 fi
@@ -26,15 +26,15 @@ case $url in
   *) header= ;;
 esac
 
-answer=$(mktemp)
-head=$(mktemp)
-trap 'rm -f "$answer" "$head"' EXIT
+files=$(mktemp -d)
+trap 'rm -rf "$files"' EXIT
+trap 'exit 2' HUP INT TERM
 printf '%s' "$header" | curl --silent --show-error --max-time 70 --request "$method" --header @- \
-  --header "Expect:" --dump-header "$head" --output "$answer" "$@" "$url"
+  --header "Expect:" --dump-header "$files/head" --output "$files/body" "$@" "$url" || exit 2
 
-IFS=' ' read -r _ status reason <"$head"
+IFS=' ' read -r _ status reason <"$files/head"
 case $status in
-  2*) cat "$answer" ;;
+  2*) [ ! -e "$files/body" ] || cat "$files/body" ;;
   *)
     printf '%s %s\n' "$status" "$(printf '%s' "$reason" | tr -d '\r')" >&2
     exit 1

@@ -1,10 +1,17 @@
 """The fixtures of the system tests, for documents that speak of the running daemon."""
 
 import importlib.util
+import re
 import sys
+from contextlib import ExitStack
 from pathlib import Path
 
-SYSTEM = Path(__file__).resolve().parents[1] / "system"
+import pytest
+
+from markdown import PROJECT
+
+SYSTEM = PROJECT / "tests" / "system"
+DEMONSTRATION = PROJECT / "tools" / "demonstration"
 
 sys.path.insert(0, str(SYSTEM))
 _found = importlib.util.spec_from_file_location("system_fixtures", SYSTEM / "conftest.py")
@@ -17,3 +24,26 @@ make_daemon = system_fixtures.make_daemon
 sdk_host = system_fixtures.sdk_host
 daemon = system_fixtures.daemon
 pytest_runtest_makereport = system_fixtures.pytest_runtest_makereport
+
+
+@pytest.fixture
+def session(tmp_path):
+    """A directory with the files of a demonstration in the same places, and its daemon at work."""
+    # Only now, with the system tests' folder among the paths, as are their fixtures.
+    from sdk_rest_host import SdkRestHost
+    from support.daemon import BINARY, Daemon
+    from support.scratch_root import ScratchRoot
+
+    key = re.search(r'^PAIRING_KEY = "(\w+)"$', DEMONSTRATION.read_text(encoding="utf-8"), re.M)[1]
+    (tmp_path / "build" / "release").mkdir(parents=True)
+    (tmp_path / "build" / "release" / "tavlo").symlink_to(Path(BINARY).resolve())
+    (tmp_path / "build" / "demo").mkdir()
+    scratch_root = ScratchRoot(tmp_path / "build" / "demo")
+    scratch_root.write_pairing_key(key)
+    daemon = Daemon(scratch_root)
+    with ExitStack() as stack:
+        stack.enter_context(SdkRestHost(scratch_root.destination_port))
+        stack.callback(daemon.kill)
+        daemon.start()
+        yield tmp_path
+        daemon.stop()

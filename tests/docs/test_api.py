@@ -8,6 +8,7 @@ import pytest
 
 from api_situations import SITUATIONS, provoke
 from markdown import PROJECT, fenced_blocks, table
+from support import clients
 from support.scratch_root import PAIRING_KEY
 from support.waiting import DEFAULT_LIMIT
 
@@ -34,6 +35,22 @@ def test_an_example_answers_what_the_page_shows(root, daemon, sdk_host, line, ex
     # All that is shown, in its order; other lines may stand between.
     for expected in shown:
         assert expected in answer, f"{expected!r} is not where it should be in {result.stdout!r}"
+
+
+def test_the_examples_work_in_the_session_of_make_run(session):
+    [(_, settings)] = fenced_blocks(PAGE, "sh")
+    commands = [example.splitlines()[0][2:] for _, example in EXAMPLES]
+    of_either = [next(command for command in commands if address in command)
+                 for address in ("$PLAIN/api/mac", "$TLS/api/1/profiles?all")]
+    result = subprocess.run(["sh", "-euc", "\n".join([settings, *of_either])], cwd=session,
+                            capture_output=True, text=True, check=True, timeout=DEFAULT_LIMIT,
+                            env={**os.environ, "no_proxy": "*"})
+    assert result.stdout.count("HTTP/1.1 200 OK") == len(of_either)
+
+
+def test_an_expectation_without_a_body_is_left_alone(root, daemon, sdk_host):
+    answer = clients.ask(root.http_port, "GET", "/api/version", headers=[("Expect", "the-unexpected")])
+    assert answer.status == 200
 
 
 def test_there_are_examples():

@@ -2,11 +2,15 @@
 
 import json
 import os
+import signal
 import subprocess
 
 import pytest
 
 from markdown import PROJECT
+from support.daemon import DIE_WITH_PARENT
+from support.destinations import Destination, hang
+from support.ports import reserve_port
 from support.scratch_root import PAIRING_KEY
 from support.waiting import DEFAULT_LIMIT
 
@@ -66,3 +70,41 @@ def test_it_gives_its_key_to_no_stranger(ask, root, tmp_path):
     assert result.returncode != 0
     assert result.stdout == ""
     assert ask.received == []
+
+
+def test_it_says_why_there_is_no_answer(ask):
+    for url in ("http://127.0.0.1:1", "nonsense"):
+        result = ask(url, "GET", "/api/version")
+        assert (result.returncode, result.stdout) == (2, "")
+        assert len(result.stderr.splitlines()) == 1
+
+
+@pytest.mark.parametrize("missing", ["TAVLO_URL", "TAVLO_CERTIFICATE", "TAVLO_KEY"])
+def test_it_names_what_is_not_set(ask, missing):
+    result = ask(ask.tls, "GET", "/api/x", **{**ask.trust, missing: ""})
+    assert (result.returncode, result.stdout) == (2, "")
+    assert missing in result.stderr
+    assert len(result.stderr.splitlines()) == 1
+    assert ask.received == []
+
+
+def test_it_shows_how_it_is_used(ask):
+    for arguments in ([], ["GET"], ["PUT", "/api/x", "body", "more"]):
+        result = ask(ask.plain, *arguments)
+        assert (result.returncode, result.stdout) == (2, "")
+        assert result.stderr.startswith("usage: tavlo.")
+    assert ask.received == []
+
+
+@pytest.mark.parametrize("client", CLIENTS, ids=lambda path: path.name)
+def test_it_leaves_no_files_when_it_is_ended(client, tmp_path):
+    port = reserve_port()
+    with Destination(port, hang) as destination:
+        process = subprocess.Popen(
+            [*DIE_WITH_PARENT, client, "GET", "/api/version"], start_new_session=True,
+            env={**os.environ, "no_proxy": "*", "TMPDIR": str(tmp_path),
+                 "TAVLO_URL": f"http://127.0.0.1:{port}"})
+        destination.wait_for_connections(1)
+        os.killpg(process.pid, signal.SIGTERM)
+        assert process.wait(DEFAULT_LIMIT) != 0
+    assert list(tmp_path.iterdir()) == []

@@ -7,10 +7,12 @@ import re
 import jsonschema
 import pytest
 
-from markdown import PROJECT, table
+from markdown import PROJECT, fenced_blocks, table
+from support.clients import ask
 from support.daemon import run_tavlo
 
 SCHEMA = json.loads((PROJECT / "tavlo.schema.json").read_text(encoding="utf-8"))
+PAGE = PROJECT / "docs" / "configuration.md"
 EXAMPLE = PROJECT / "examples" / "tavlo.json"
 SOURCE = (PROJECT / "src" / "settings" / "app_settings.cc").read_text(encoding="utf-8")
 
@@ -91,7 +93,7 @@ def test_the_page_has_a_row_for_each_key_that_says_what_the_schema_says():
             values = f"{value['minimum']} to {value['maximum']}"
         return [f"`{key}`", value["type"], f"`{json.dumps(value['default'])}`", values]
 
-    rows = table(PROJECT / "docs" / "configuration.md", "Key")
+    rows = table(PAGE, "Key")
     assert [cells[:4] for cells in rows] == [row(key) for key in TYPES]
     assert all(cells[4] for cells in rows)
 
@@ -174,3 +176,43 @@ def test_a_schema_beside_the_keys_is_valid_and_passed_over(read):
     settings = {"$schema": "../tavlo.schema.json", "agentHttpPort": 8080}
     assert is_valid(settings)
     assert read("agentHttpPort", settings) == "8080"
+
+
+def test_what_other_programs_write_is_read_as_shown(root, daemon_of_examples):
+    key, devices = daemon_of_examples(suffix="")
+    assert asked_with(root, key) == 200
+    answer = ask(root.http_port, "GET", "/api/mac")
+    assert (answer.status, answer.body.decode()) == (200, devices["devices"][0]["mac"])
+
+
+@pytest.mark.parametrize("suffix", [" ", "\r"], ids=["blank", "carriage return"])
+def test_what_stands_behind_the_key_belongs_to_it(root, daemon_of_examples, suffix):
+    key, _ = daemon_of_examples(suffix)
+    assert asked_with(root, key) == 417
+
+
+def test_of_several_keys_the_last_one_counts(root, daemon_of_examples):
+    key, _ = daemon_of_examples(suffix="\npairing_key: last")
+    assert asked_with(root, key) == 417
+    assert asked_with(root, "last") == 200
+
+
+def asked_with(root, key):
+    return ask(root.https_port, "GET", "/api/version", headers=[("PairingKey", key)],
+               tls=True).status
+
+
+@pytest.fixture
+def daemon_of_examples(root, make_daemon, sdk_host):
+    """Starts a daemon with the files that the page shows; returns the key and the devices."""
+
+    def start(suffix):
+        [(_, lines)] = fenced_blocks(PAGE, "text")
+        [(_, devices)] = fenced_blocks(PAGE, "json")
+        key = re.search(r"^pairing_key: (.+)$", lines, re.M)[1]
+        root.write_router_info(lines.replace(key, key + suffix))
+        root.device_list.write_text(devices.replace("192.0.2.8", "127.0.0.1"), encoding="utf-8")
+        make_daemon().start()
+        return key, json.loads(devices)
+
+    return start

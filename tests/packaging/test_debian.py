@@ -16,6 +16,7 @@ from conftest import BUILD, SOURCE, manual_pages, wait_for
 VERSION = (BUILD / "CMakeCache.txt").read_text().split("CMAKE_PROJECT_VERSION:STATIC=")[1].split()[0]
 CONFIGURATION = "etc/tavlo/tavlo.json"
 LOG = "var/log/tavlo/tavlo.log"
+MAINTAINER = "Research & Development / Routers"
 
 
 def run(*command, **options):
@@ -24,8 +25,12 @@ def run(*command, **options):
 
 @pytest.fixture(name="packages", scope="module")
 def built_packages(tmp_path_factory):
-    output = tmp_path_factory.mktemp("deb")
-    run(SOURCE / "tools/deb", env={**os.environ, "BUILD": str(BUILD), "OUTPUT": str(output)})
+    # Names of directories and of maintainers may have what means something to a shell or to sed.
+    scratch = tmp_path_factory.mktemp("someone's files")
+    source, output = scratch / "the source", scratch / "the packages"
+    source.symlink_to(SOURCE)
+    run(source / "tools/deb", env={**os.environ, "BUILD": str(BUILD), "OUTPUT": str(output),
+                                   "DEBFULLNAME": MAINTAINER, "DEBEMAIL": "who@tavlo.example"})
     return output
 
 
@@ -69,6 +74,8 @@ def test_the_package_holds_these_files(package):
     assert run("dpkg-deb", "--info", package, "conffiles").split() == [
         "/etc/logrotate.d/tavlo", "/etc/tavlo/tavlo.json"]
     assert run("dpkg-deb", "--field", package, "Version").strip() == VERSION
+    maintainer = run("dpkg-deb", "--field", package, "Maintainer").strip()
+    assert maintainer == f"{MAINTAINER} <who@tavlo.example>"
 
 
 def test_the_debug_file_lies_where_debuggers_look_for_it(package, debug_package, tmp_path):

@@ -2,6 +2,8 @@
 
 import filecmp
 import json
+import os
+import re
 import shutil
 import subprocess
 
@@ -54,6 +56,16 @@ def test_the_program_is_the_one_that_the_debug_file_fits(installation):
     assert filecmp.cmp(installation.root / "usr/sbin/tavlo", BUILD / "tavlo", shallow=False)
 
 
+def test_who_calls_cmake_without_a_preset_builds_what_ships(tmp_path):
+    page = (SOURCE / "docs/install.md").read_text()
+    options = re.search(r"^ {4}cmake -S \. -B \S+ (.+?) &&", page, re.M)[1].split()
+    subprocess.run(["cmake", "-S", SOURCE, "-B", tmp_path, *options], check=True,
+                   capture_output=True)
+    cache = (tmp_path / "CMakeCache.txt").read_text()
+    assert re.search(r"^CMAKE_BUILD_TYPE:STRING=Release$", cache, re.M)
+    assert re.search(r"^BUILD_TESTING:BOOL=OFF$", cache, re.M)
+
+
 def test_the_daemon_reads_the_configuration_as_it_is_written(installation):
     installation.run(PREFIX="/opt")
     path = installation.root / "opt/etc/tavlo/tavlo.json"
@@ -103,3 +115,28 @@ def test_make_hands_its_variables_over(tmp_path, target, tool):
     said = subprocess.run(["make", "-s", target, "DESTDIR=/d", "PREFIX=/p", "SYSCONFDIR=/s"],
                           cwd=tmp_path, check=True, capture_output=True, text=True).stdout
     assert said.splitlines()[-1].replace(" :", ":") == f"{tool}:/d:/p:/s"
+
+
+@pytest.mark.parametrize("variables", [{"PREFIX": "usr"}, {"SYSCONFDIR": "etc"}], ids=str)
+def test_what_is_no_absolute_path_is_refused(installation, variables):
+    with pytest.raises(subprocess.CalledProcessError) as refused:
+        installation.run(**variables)
+    assert refused.value.returncode == 2
+    assert "must begin with '/'" in refused.value.stderr
+    assert not installation.root.exists()
+
+
+def test_nothing_is_left_when_it_is_ended_while_it_takes_away(installation, tmp_path):
+    installation.run()
+    before = listing(installation.root)
+    programs, scratch = tmp_path / "programs", tmp_path / "scratch"
+    programs.mkdir()
+    scratch.mkdir()
+    cmake = programs / "cmake"
+    cmake.write_text('#!/bin/sh\nls "$TMPDIR" >>"$TMPDIR/../seen"\nkill -TERM "$PPID"\n')
+    cmake.chmod(0o755)
+    with pytest.raises(subprocess.CalledProcessError):
+        installation.run("remove", TMPDIR=str(scratch), PATH=f"{programs}:{os.environ['PATH']}")
+    assert (tmp_path / "seen").read_text().strip()
+    assert list(scratch.iterdir()) == []
+    assert listing(installation.root) == before

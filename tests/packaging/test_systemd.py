@@ -35,6 +35,14 @@ def test_it_is_started_again_whatever_its_exit_status_was(unit):
     assert restart_secs * burst < interval
 
 
+def test_the_documented_drop_in_starts_the_same_with_all_lines(installation):
+    installation.run(PREFIX="/usr")
+    unit = (installation.root / "usr/lib/systemd/system/tavlo.service").read_text()
+    [started] = re.findall(r"^ExecStart=(.+)$", unit, re.M)
+    page = (SOURCE / "docs/install.md").read_text()
+    assert re.findall(r"^ExecStart=(.*)$", page, re.M) == ["", started.replace(" -c ", " -d -c ")]
+
+
 def test_the_documented_exposure_is_the_real_one(unit):
     report = analyze("security", "--offline=yes", "--no-pager", unit).stdout
     level = re.search(r"exposure level for tavlo.service: ([0-9.]+)", report)[1]

@@ -1,0 +1,89 @@
+"""How the tools behave that everybody starts with."""
+
+import fcntl
+import os
+import pty
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+
+PROJECT = Path(__file__).resolve().parents[2]
+LIMIT_SECS = 30
+
+
+@pytest.fixture
+def tree(tmp_path):
+    """As much of a tree as tools/build looks at, and a CMake that only says what it was asked."""
+    (tmp_path / "tools").mkdir()
+    shutil.copy(PROJECT / "tools" / "build", tmp_path / "tools")
+    (tmp_path / "CMakePresets.json").write_text("{}")
+    (tmp_path / "programs").mkdir()
+    cmake = tmp_path / "programs" / "cmake"
+    cmake.write_text('#!/bin/sh\necho "$*" >>asked\n')
+    cmake.chmod(0o755)
+    return tmp_path
+
+
+def start_build(tree, *arguments, stdout=subprocess.PIPE):
+    path = f"{tree / 'programs'}:{os.environ['PATH']}"
+    return subprocess.Popen([tree / "tools" / "build", *arguments], stdout=stdout,
+                            stderr=subprocess.PIPE, text=True, env={**os.environ, "PATH": path})
+
+
+def asked(tree):
+    path = tree / "asked"
+    return path.read_text().splitlines() if path.exists() else []
+
+
+def test_a_build_waits_for_another_one_in_the_same_tree(tree):
+    with open(tree / "CMakePresets.json", encoding="ascii") as other:
+        fcntl.flock(other, fcntl.LOCK_EX)
+        process = start_build(tree, "release")
+        assert process.stdout.readline() == "Another build is at work in this tree; waiting for it.\n"
+        assert asked(tree) == []
+    output = process.communicate(timeout=LIMIT_SECS)
+    assert (process.returncode, *output) == (0, "", "")
+    assert [line.split()[:3] for line in asked(tree)] == [
+        ["--preset", "release", "--log-level=WARNING"], ["--build", "--preset", "release"]]
+
+
+@pytest.mark.parametrize("on_terminal, ending", [(True, "--"), (False, "-- --quiet")])
+def test_a_build_shows_how_far_it_is_on_a_terminal_alone(tree, on_terminal, ending):
+    master, slave = pty.openpty()
+    with open(master, "rb"), open(slave, "wb") as terminal:
+        output = terminal if on_terminal else subprocess.DEVNULL
+        start_build(tree, "release", stdout=output).communicate(timeout=LIMIT_SECS)
+    assert asked(tree)[-1] == f"--build --preset release {ending}"
+
+
+@pytest.mark.parametrize("arguments", [(), ("release", "debug")], ids=len)
+def test_a_build_of_no_preset_or_of_two_shows_how_it_is_used(tree, arguments):
+    output, errors = start_build(tree, *arguments).communicate(timeout=LIMIT_SECS)
+    assert (output, errors.startswith("usage: tools/build PRESET")) == ("", True)
+    assert asked(tree) == []
+
+
+@pytest.mark.parametrize("argument, status", [("--help", 0), ("more", 2)])
+def test_the_demonstration_tells_how_it_is_used_and_starts_nothing(tmp_path, argument, status):
+    (tmp_path / "tools").mkdir()
+    tool = shutil.copy(PROJECT / "tools" / "demonstration", tmp_path / "tools")
+    result = subprocess.run([tool, argument], capture_output=True, text=True, check=False,
+                            timeout=LIMIT_SECS)
+    assert result.returncode == status
+    assert "usage: tools/demonstration" in result.stdout + result.stderr
+    assert [path.name for path in tmp_path.iterdir()] == ["tools"]
+
+
+def test_a_cross_build_without_its_libraries_says_what_makes_them(tmp_path):
+    toolchain = tmp_path / "cmake" / "aarch64.cmake"
+    toolchain.parent.mkdir()
+    shutil.copy(PROJECT / "cmake" / "aarch64.cmake", toolchain)
+    (tmp_path / "CMakeLists.txt").write_text(
+        "cmake_minimum_required(VERSION 3.25)\nproject(any LANGUAGES NONE)\n")
+    result = subprocess.run(
+        ["cmake", "-S", tmp_path, "-B", tmp_path / "build", f"-DCMAKE_TOOLCHAIN_FILE={toolchain}"],
+        capture_output=True, text=True, check=False, timeout=LIMIT_SECS)
+    assert result.returncode == 1
+    assert "tools/aarch64-sysroot makes it" in " ".join(result.stderr.split())
