@@ -216,6 +216,13 @@ def test_what_was_answered_counts_no_more(root, daemon, sdk_host):
     assert daemon.count_in_log(TOO_MUCH) == 0
 
 
+def test_what_a_client_leaves_unfinished_counts_no_more(root, daemon):
+    for _ in range(8):
+        send_part(root.http_port, PATCH + b"Content-Length: 2000000\r\n\r\n" + b"b" * MIB).close()
+        daemon.wait_for_no_clients()
+    assert daemon.count_in_log(TOO_MUCH) == 0
+
+
 def test_no_more_than_a_hundred_requests_wait(root, daemon):
     go_on = threading.Event()
 

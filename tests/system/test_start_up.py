@@ -121,3 +121,10 @@ def test_both_listener_threads_log_under_their_own_identity(daemon):
     main = daemon.wait_for_log(r"\[(\w+)\.(\w+)\] INFO: .*tavlo started$")[0]
     assert plain[1] == tls[1] == main[1] == format(daemon.pid, "x")
     assert len({plain[2], tls[2], main[2]}) == 3
+
+
+def test_a_daemon_without_standard_descriptors_sends_no_client_its_log(root, make_daemon):
+    daemon = make_daemon(prefix=["sh", "-c", 'exec "$0" "$@" <&- >&- 2>&-']).start()
+    for number in range(3):
+        assert os.readlink(f"/proc/{daemon.pid}/fd/{number}") == "/dev/null"
+    assert ask(root.http_port, "GET", "/elsewhere").status == 404

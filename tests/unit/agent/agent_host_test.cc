@@ -134,6 +134,20 @@ TEST_F(AgentHostTest, ListensOnAFurtherAddressAtOnceAndOnTheOldOnesToo) {
   EXPECT_THAT(log_.Lines(), Not(Contains(StartsWith("ERROR: void tavlo::AgentHost::Invoke"))));
 }
 
+TEST_F(AgentHostTest, TakesFurtherAddressesWhileItListensOnTheFirst) {
+  tavlo::AgentHost& host = RunHost(false);
+  EXPECT_THAT(Get("/elsewhere"), StartsWith("HTTP/1.1 404 "));
+  constexpr int kLast = 60;
+  for (int number = 2; number <= kLast; ++number) {
+    host.BindSrcAddr("127.0.0." + std::to_string(number));
+  }
+  for (int number = 2; number <= kLast; ++number) {
+    const std::string address = "127.0.0." + std::to_string(number);
+    EXPECT_TRUE(test::WaitUntil([&] { return test::Connection(address, port_).IsOpen(); }))
+        << address;
+  }
+}
+
 TEST_F(AgentHostTest, PassesOverAnEmptyAddressAndOneThatIsBound) {
   const auto host = MakeHost(false);
   host->BindSrcAddr("");

@@ -75,6 +75,24 @@ TEST(ThreadMonitor, ABeatOfAnUnknownThreadChangesNothing) {
   EXPECT_EQ(monitor.Name(7), "");
 }
 
+TEST(ThreadMonitor, BeatsMayComeWhileSilenceIsLookedFor) {
+  ThreadMonitor monitor;
+  monitor.Register(7, {"worker", seconds(60), kStart});
+  constexpr int kBeats = 1000;
+  std::thread worker([&monitor] {
+    for (int beat = 0; beat < kBeats; ++beat) {
+      monitor.Beat(7, kStart + seconds(beat));
+    }
+  });
+  for (int look = 0; look < kBeats; ++look) {
+    EXPECT_EQ(monitor.FindSilentThread(kStart), 0U);
+    EXPECT_EQ(monitor.Name(7), "worker");
+    EXPECT_LE(monitor.Silence(7, kStart), seconds(0));
+  }
+  worker.join();
+  EXPECT_EQ(monitor.Silence(7, kStart + seconds(kBeats)), seconds(1));
+}
+
 TEST(ThreadHeartbeat, CountsForTheCallingThreadOnly) {
   ThreadMonitor& monitor = Orx::TheThreadMonitor();
   const MonotonicTime before = std::chrono::steady_clock::now() - seconds(10);
