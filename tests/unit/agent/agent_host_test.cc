@@ -146,6 +146,7 @@ TEST_F(AgentHostTest, TakesFurtherAddressesWhileItListensOnTheFirst) {
     EXPECT_TRUE(test::WaitUntil([&] { return test::Connection(address, port_).IsOpen(); }))
         << address;
   }
+  WaitForAccept();
 }
 
 TEST_F(AgentHostTest, PassesOverAnEmptyAddressAndOneThatIsBound) {
