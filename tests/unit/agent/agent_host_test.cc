@@ -134,18 +134,14 @@ TEST_F(AgentHostTest, ListensOnAFurtherAddressAtOnceAndOnTheOldOnesToo) {
   EXPECT_THAT(log_.Lines(), Not(Contains(StartsWith("ERROR: void tavlo::AgentHost::Invoke"))));
 }
 
-TEST_F(AgentHostTest, TakesFurtherAddressesWhileItListensOnTheFirst) {
+TEST_F(AgentHostTest, TakesAddressesWhileItTriesEarlierOnes) {
   tavlo::AgentHost& host = RunHost(false);
   EXPECT_THAT(Get("/elsewhere"), StartsWith("HTTP/1.1 404 "));
-  constexpr int kLast = 60;
-  for (int number = 2; number <= kLast; ++number) {
-    host.BindSrcAddr("127.0.0." + std::to_string(number));
+  for (int turn = 0; turn < 2000; ++turn) {
+    host.BindSrcAddr("192.0.2.1");  // cannot be bound, and so is tried each time
   }
-  for (int number = 2; number <= kLast; ++number) {
-    const std::string address = "127.0.0." + std::to_string(number);
-    EXPECT_TRUE(test::WaitUntil([&] { return test::Connection(address, port_).IsOpen(); }))
-        << address;
-  }
+  host.BindSrcAddr("127.0.0.2");
+  EXPECT_TRUE(test::WaitUntil([&] { return test::Connection("127.0.0.2", port_).IsOpen(); }));
   WaitForAccept();
 }
 
