@@ -17,6 +17,12 @@ jobs=$(nproc)
 # Atomics inside a function, not in libgcc: there they ask the C library for the processor's
 # abilities, with a function that is not in it. Unwind tables, for crash records.
 target_flags="-O2 -mno-outline-atomics -funwind-tables"
+# Bound when it is loaded, not call by call: uClibc-ng's lazy binding breaks thread-local variables that
+# are asked for through a descriptor.
+link_flags="-Wl,-z,relro,-z,now"
+
+export PATH="$compiler/bin:$PATH"
+export PKG_CONFIG_SYSROOT_DIR="$sysroot" PKG_CONFIG_LIBDIR="$sysroot/usr/lib/pkgconfig"
 
 # fingerprint NEEDED...: changes with the commands of the step, and with all that it is made from.
 fingerprint() {
@@ -26,11 +32,6 @@ fingerprint() {
     [ $# -eq 0 ] || cat "$@"
   } | cksum
 }
-
-# Bound when it is loaded, not call by call: uClibc-ng's lazy binding breaks thread-local variables that
-# are asked for through a descriptor.
-link_flags="-Wl,-z,relro,-z,now"
-PATH=$compiler/bin:$PATH
 
 # step NAME SAYING [NEEDED...]: ends the script if the step was made before, from the same commands
 # and from the same results of the steps NEEDED. What it prints from now on goes to its log.
