@@ -40,6 +40,8 @@ step() {
   saying=$2
   shift 2
   cd "$stamps"
+  exec 9>"$place/lock"
+  flock 9  # somebody else may be at it
   step_fingerprint=$(fingerprint "$@")
   if [ -f "$step_name" ] && [ "$(cat "$step_name")" = "$step_fingerprint" ]; then
     exit 0
