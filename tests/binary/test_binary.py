@@ -13,10 +13,10 @@ UCLIBC_NG = next(Path(os.environ.get("TAVLO_SYSROOT") or "/nowhere").glob("lib/l
 LARGEST_SIZE = 300 * 1000  # bytes
 
 # Decided by the C++ library's own headers, according to what its C library had when the toolchain
-# was made: one for uClibc-ng does not ask for them.
+# was made, or by its start-up code.
 TOOLCHAINS_OWN = {
     "__libc_single_threaded",  # of std::shared_ptr
-    "__libc_start_main",  # of the start-up code
+    "__libc_start_main", "__uClibc_main",  # of the start-up code
     "pthread_cond_clockwait",  # of std::condition_variable; see docs/porting.md
 }
 
