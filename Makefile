@@ -1,7 +1,7 @@
 # The front door: each target says in a line what it is for; the work is in CMake and tools/.
 
 .PHONY: all aarch64 bench build check check-slow clean deb format fuzz fuzz-coverage help install \
-  mutate run soak uninstall
+  mutate run soak uclibc uninstall
 
 export DESTDIR PREFIX SYSCONFDIR
 
@@ -44,6 +44,10 @@ check-slow:  ## the tests that wait for minutes, in the release build
 aarch64:  ## build for AArch64 and run all tests of that build under an emulator
 	@tools/dependencies aarch64
 	@tools/check aarch64
+
+uclibc:  ## the same with uClibc-ng, whose toolchain it makes first: an hour, then it stays
+	@tools/dependencies uclibc
+	@tools/check uclibc
 
 fuzz:  ## feed made-up inputs to what reads foreign ones: a minute each, or TIME=seconds TARGET=name
 	@tools/dependencies check

@@ -1,7 +1,12 @@
 // The XSI form of strerror_r says whether it failed; without this g++ and clang++ ask the C library
 // for its own form, which does not.
+// With that switched off uClibc-ng has to be told that C11 is wanted, which the C++ library builds
+// on.
 #undef _GNU_SOURCE
-#define _POSIX_C_SOURCE 200809L  // NOLINT(*-reserved-identifier,cert-dcl*): the C library's switch
+// NOLINTBEGIN(*-reserved-identifier,cert-dcl*): the C library's switches
+#define _POSIX_C_SOURCE 200809L
+#define _ISOC11_SOURCE
+// NOLINTEND(*-reserved-identifier,cert-dcl*)
 
 #include "util/error_text.h"
 

@@ -8,19 +8,21 @@ from pathlib import Path
 import pytest
 
 BINARY = os.environ["TAVLO_BINARY"]
+# uClibc-ng itself, where the binary was linked with it.
+UCLIBC_NG = next(Path(os.environ.get("TAVLO_SYSROOT") or "/nowhere").glob("lib/libuClibc-*.so"), None)
 LARGEST_SIZE = 300 * 1000  # bytes
 
 # Decided by the C++ library's own headers, according to what its C library had when the toolchain
-# was made: one for uClibc-ng does not ask for them.
+# was made, or by its start-up code.
 TOOLCHAINS_OWN = {
     "__libc_single_threaded",  # of std::shared_ptr
-    "__libc_start_main",  # of the start-up code
+    "__libc_start_main", "__uClibc_main",  # of the start-up code
     "pthread_cond_clockwait",  # of std::condition_variable; see docs/porting.md
 }
 
 
-def readelf(*options):
-    result = subprocess.run(["readelf", "-W", *options, BINARY], check=True, capture_output=True,
+def readelf(*options, path=BINARY):
+    result = subprocess.run(["readelf", "-W", *options, path], check=True, capture_output=True,
                             text=True, env={**os.environ, "LC_ALL": "C"})
     return result.stdout
 
@@ -32,6 +34,13 @@ def imported_symbols():
         if len(fields) > 7 and fields[6] == "UND":
             name, _, version = fields[7].partition("@")
             yield name, version.lstrip("@")
+
+
+def exported_symbols(path):
+    for line in readelf("--dyn-syms", path=path).splitlines():
+        fields = line.split()
+        if len(fields) > 7 and fields[4] in ("GLOBAL", "WEAK") and fields[6] != "UND":
+            yield fields[7]
 
 
 def known_to_uclibc_ng():
@@ -74,7 +83,8 @@ def test_neither_its_stack_nor_its_data_is_executable():
 def test_its_stack_is_protected_and_its_calls_fortified():
     names = {name for name, _ in imported_symbols()}
     assert "__stack_chk_fail" in names
-    assert any(re.fullmatch(r"__\w+_chk", name) for name in names)
+    # uClibc-ng has no fortified calls.
+    assert UCLIBC_NG or any(re.fullmatch(r"__\w+_chk", name) for name in names)
 
 
 def test_it_brings_no_path_to_search_libraries_in():
@@ -83,12 +93,15 @@ def test_it_brings_no_path_to_search_libraries_in():
 
 def test_it_needs_no_more_libraries_than_documented():
     needed = re.findall(r"\(NEEDED\).*\[(.*?)\.so", readelf("-d"))
-    assert sorted(name for name in needed if not name.startswith("ld-linux")) == [
+    assert sorted(name for name in needed if not name.startswith("ld")) == [
         "libc", "libcrypto", "libevent_core-2.1", "libevent_extra-2.1", "libevent_openssl-2.1",
         "libevent_pthreads-2.1", "libgcc_s", "libjson-c", "libssl", "libstdc++"]
 
 
 def of_the_c_library():
+    if UCLIBC_NG:
+        own = set(exported_symbols(UCLIBC_NG))
+        return sorted(own.intersection(name for name, _ in imported_symbols()))
     return sorted(name for name, version in imported_symbols() if version.startswith("GLIBC_"))
 
 
@@ -97,3 +110,9 @@ def test_uclibc_ng_has(name):
     # A fortified call is the plain one where the C library's headers know of no other.
     plain = re.sub(r"^__(\w+)_chk$", r"\1", name)
     assert {name, plain} & (known_to_uclibc_ng() | TOOLCHAINS_OWN)
+
+
+@pytest.mark.skipif(UCLIBC_NG is None, reason="it takes uClibc-ng to see what is in it")
+def test_uclibc_ng_has_all_that_is_said_to_be_in_it():
+    loader = UCLIBC_NG.with_name(UCLIBC_NG.name.replace("libuClibc-", "ld-uClibc-"))
+    assert not known_to_uclibc_ng() - {*exported_symbols(UCLIBC_NG), *exported_symbols(loader)}

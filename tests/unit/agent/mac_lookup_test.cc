@@ -203,7 +203,7 @@ TEST_F(MacLookup, WaitsForAFileThatAnotherProcessHoldsForAMoment) {
   ASSERT_EQ(::flock(holder, LOCK_EX), 0);
   RunHost(false);
   std::thread release([holder] {
-    ::usleep(1000000);
+    test::Pause(std::chrono::seconds(1));
     ::close(holder);
   });
   EXPECT_THAT(Get("/api/mac"), EndsWith("\r\n\r\nm"));

@@ -2,9 +2,18 @@
 
 #include <chrono>
 
-#include <unistd.h>
+#include <time.h>
 
 namespace test {
+
+/// Neither nanosleep, which may be one of the functions that a test makes fail, nor usleep, which
+/// is no longer POSIX's.
+inline void Pause(std::chrono::milliseconds time) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+  const timespec length{static_cast<time_t>(seconds.count()),
+                        static_cast<long>(std::chrono::nanoseconds(time - seconds).count())};
+  ::clock_nanosleep(CLOCK_MONOTONIC, 0, &length, nullptr);
+}
 
 /// Asks again and again until `condition` holds; false when it does not within 20 seconds.
 template <typename Condition>
@@ -14,8 +23,7 @@ bool WaitUntil(const Condition& condition) {
     if (std::chrono::steady_clock::now() > end) {
       return false;
     }
-    // Not nanosleep, which may be one of the functions that a test makes fail.
-    ::usleep(5000);
+    Pause(std::chrono::milliseconds(5));
   }
   return true;
 }
