@@ -40,7 +40,10 @@ class Terminal:
             os.execvp("make", ["make", "-s", "run"])
         self.text = b""
         while b"Ctrl-C ends it all" not in self.text:
-            self.text += os.read(self.descriptor, 65536)
+            try:
+                self.text += os.read(self.descriptor, 65536)
+            except OSError:  # the other side has closed it
+                pytest.fail(f"it ended too early:\n{self.text.decode()}")
 
     def wait(self):
         try:
