@@ -180,7 +180,14 @@ worker_processes 1;
 pid {directory}/pid;
 error_log {directory}/error.log;
 events {{ worker_connections 1024; }}
-http {{"""
+http {{
+  client_body_buffer_size 64k;
+  client_body_temp_path {directory}/body;
+  proxy_temp_path {directory}/proxy;
+  fastcgi_temp_path {directory}/fastcgi;
+  uwsgi_temp_path {directory}/uwsgi;
+  scgi_temp_path {directory}/scgi;
+  keepalive_requests 1000000000;"""
 
 
 class Nginx(Server):
@@ -197,15 +204,8 @@ class Nginx(Server):
 {nginx_start(self.directory)}
   log_format short '$time_iso8601 [$pid] INFO: $request_method $request_uri';
   access_log {self.log} short;
-  keepalive_requests 1000000000;
   tcp_nodelay on;
   client_max_body_size {LARGEST_BODY};
-  client_body_buffer_size 64k;
-  client_body_temp_path {self.directory}/body;
-  proxy_temp_path {self.directory}/proxy;
-  fastcgi_temp_path {self.directory}/fastcgi;
-  uwsgi_temp_path {self.directory}/uwsgi;
-  scgi_temp_path {self.directory}/scgi;
   proxy_buffers 16 8k;
   proxy_max_temp_file_size 0;
   upstream destination {{
@@ -379,14 +379,7 @@ class Destination(Server):
         self.write("nginx.conf", f"""
 {nginx_start(self.directory)}
   access_log off;
-  keepalive_requests 1000000000;
   keepalive_timeout 1h;
-  client_body_buffer_size 64k;
-  client_body_temp_path {self.directory}/body;
-  proxy_temp_path {self.directory}/proxy;
-  fastcgi_temp_path {self.directory}/fastcgi;
-  uwsgi_temp_path {self.directory}/uwsgi;
-  scgi_temp_path {self.directory}/scgi;
   default_type text/plain;
   open_file_cache max=10;
   server {{
