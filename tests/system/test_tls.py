@@ -10,7 +10,8 @@ import subprocess
 import pytest
 
 from support import certificates
-from support.clients import ask, exchange
+from support.clients import ask, connect, exchange, tls_context
+from support.destinations import Destination, answer_bytes, answering
 from support.scratch_root import PAIRING_KEY
 
 KEY = {"PairingKey": PAIRING_KEY}
@@ -253,3 +254,50 @@ def test_a_failed_handshake_leaves_the_listener_as_it_was(root, daemon, sdk_host
     daemon.wait_for_no_clients()
     assert daemon.descriptors() == before
     assert ask(root.https_port, "GET", "/api/x", headers=KEY, tls=True).status == 200
+
+
+def application_records(root, request):
+    """The lengths of the TLS records that the answer to `request` comes in, and the answer."""
+    context = tls_context()
+    context.maximum_version = ssl.TLSVersion.TLSv1_2  # 1.3 sends its session tickets in such records
+    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+    tls = context.wrap_bio(incoming, outgoing)
+    received = b""
+    with connect(root.https_port) as connection:
+        def until_done(step):
+            """Carries bytes to and fro until `step` has all that it needs, or no more come."""
+            nonlocal received
+            while True:
+                try:
+                    return step()
+                except ssl.SSLWantReadError:
+                    connection.sendall(outgoing.read())
+                    part = connection.recv(65536)
+                    if not part:
+                        return b""
+                    received += part
+                    incoming.write(part)
+
+        until_done(tls.do_handshake)
+        received = b""
+        tls.write(request)
+        answer = b""
+        while part := until_done(lambda: tls.read(65536)):
+            answer += part
+    lengths = []
+    while received:
+        length = int.from_bytes(received[3:5], "big")
+        if received[0] == 23:
+            lengths.append(length)
+        received = received[5 + length:]
+    return lengths, answer
+
+
+@pytest.mark.parametrize("size, records", [(200, 1), (65536, 5)])
+def test_an_answer_comes_in_as_few_tls_records_as_it_can(root, daemon, size, records):
+    request = (f"GET /api/x HTTP/1.1\r\nHost: x\r\nConnection: close\r\nPairingKey: {PAIRING_KEY}"
+               "\r\n\r\n").encode()
+    with Destination(root.destination_port, answering(answer_bytes(b"x" * size))):
+        lengths, answer = application_records(root, request)
+    assert answer.endswith(b"\r\n\r\n" + b"x" * size)
+    assert len(lengths) == records, lengths
