@@ -65,6 +65,12 @@ def test_it_is_stripped_but_can_name_its_functions():
     assert len(defined) == 1
 
 
+def test_it_tells_its_version():
+    lists = (Path(__file__).parents[2] / "CMakeLists.txt").read_text(encoding="ascii")
+    version = re.search(r"project\(tavlo VERSION (\S+)", lists)[1]
+    assert f'{{"name":"tavlo","version":"{version}"}}' in readelf("--notes")
+
+
 def test_it_is_position_independent():
     assert re.search(r"Type: +DYN \(Position-Independent Executable file\)", readelf("-h"))
 
