@@ -65,6 +65,17 @@ def test_a_build_of_no_preset_or_of_two_shows_how_it_is_used(tree, arguments):
     assert asked(tree) == []
 
 
+def test_a_build_without_its_tools_names_their_packages(tree):
+    path = tree / "programs"
+    (path / "cmake").unlink()
+    for name in ("dirname", "flock", "mkdir"):
+        (path / name).symlink_to(shutil.which(name))
+    result = subprocess.run([tree / "tools" / "build", "release"], capture_output=True, text=True,
+                            check=False, env={"PATH": str(path)}, timeout=LIMIT_SECS)
+    assert result.returncode == 1
+    assert result.stderr.splitlines()[0].endswith(": cmake ninja-build pkg-config")
+
+
 @pytest.mark.parametrize("argument, status", [("--help", 0), ("--unknown", 2)])
 @pytest.mark.parametrize("name", ["bench", "check", "demonstration", "fuzz", "mutate", "soak"])
 def test_a_tool_tells_how_it_is_used_and_starts_nothing(name, argument, status):
