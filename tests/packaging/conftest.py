@@ -37,6 +37,24 @@ def manual_pages():
     return sorted(path.name for path in SOURCE.glob("docs/man/*.[58]"))
 
 
+def documents():
+    """Path below share/doc/tavlo -> whether it is a program."""
+    pages = ("api", "architecture", "configuration", "faults", "hooks", "install", "messages",
+             "operations", "security")
+    return {
+        **{f"docs/{page}.md": False for page in pages},
+        "api/openapi.yaml": False,
+        "tavlo.schema.json": False,
+        "examples/tavlo.json": False,
+        "examples/clients/tavlo.mjs": True,
+        "examples/clients/tavlo.py": True,
+        "examples/clients/tavlo.sh": True,
+        "examples/hooks/10-audit": True,
+        "examples/hooks/20-office-hours": True,
+        "examples/hooks/30-reload-service": True,
+    }
+
+
 def wait_for(condition, what):
     end = time.monotonic() + LIMIT_SECS
     while not condition():

@@ -11,7 +11,7 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from conftest import BUILD, SOURCE, manual_pages, wait_for
+from conftest import BUILD, SOURCE, documents, manual_pages, wait_for
 
 VERSION = (BUILD / "CMakeCache.txt").read_text().split("CMAKE_PROJECT_VERSION:STATIC=")[1].split()[0]
 CONFIGURATION = "etc/tavlo/tavlo.json"
@@ -55,7 +55,9 @@ def test_the_package_holds_these_files(package):
     program, file, directory = (f"{mode} root/root"
                                 for mode in ("-rwxr-xr-x", "-rw-r--r--", "drwxr-xr-x"))
     pages = {f"/usr/share/man/man{name[-1]}/{name}.gz": file for name in manual_pages()}
-    assert contents(package) == pages | {
+    shared = {f"/usr/share/doc/tavlo/{path}": program if is_program else file
+              for path, is_program in documents().items()}
+    assert contents(package) == pages | shared | {
         "/usr/sbin/tavlo": program,
         "/lib/systemd/system/tavlo.service": file,
         "/etc/logrotate.d/tavlo": file,
@@ -67,9 +69,6 @@ def test_the_package_holds_these_files(package):
         "/usr/share/bash-completion/completions/tavlo": file,
         "/usr/share/doc/tavlo/changelog.gz": file,
         "/usr/share/doc/tavlo/copyright": file,
-        "/usr/share/doc/tavlo/examples/hooks/10-audit": program,
-        "/usr/share/doc/tavlo/examples/hooks/20-office-hours": program,
-        "/usr/share/doc/tavlo/examples/hooks/30-reload-service": program,
     }
     assert run("dpkg-deb", "--info", package, "conffiles").split() == [
         "/etc/logrotate.d/tavlo", "/etc/tavlo/tavlo.json"]

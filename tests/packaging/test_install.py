@@ -8,7 +8,7 @@ import shutil
 import subprocess
 
 import pytest
-from conftest import BUILD, SOURCE, listing, manual_pages
+from conftest import BUILD, SOURCE, documents, listing, manual_pages
 
 PROGRAM = "-rwxr-xr-x"
 FILE = "-rw-r--r--"
@@ -17,13 +17,12 @@ DIRECTORY = "drwxr-xr-x"
 
 def expected(prefix, sysconfdir):
     pages = {f"{prefix}/share/man/man{name[-1]}/{name}": FILE for name in manual_pages()}
-    return pages | {
+    shared = {f"{prefix}/share/doc/tavlo/{path}": PROGRAM if is_program else FILE
+              for path, is_program in documents().items()}
+    return pages | shared | {
         f"{prefix}/sbin/tavlo": PROGRAM,
         f"{prefix}/lib/systemd/system/tavlo.service": FILE,
         f"{prefix}/share/bash-completion/completions/tavlo": FILE,
-        f"{prefix}/share/doc/tavlo/examples/hooks/10-audit": PROGRAM,
-        f"{prefix}/share/doc/tavlo/examples/hooks/20-office-hours": PROGRAM,
-        f"{prefix}/share/doc/tavlo/examples/hooks/30-reload-service": PROGRAM,
         f"{sysconfdir}/logrotate.d/tavlo": FILE,
         f"{sysconfdir}/tavlo/tavlo.json": FILE,
         f"{sysconfdir}/tavlo/agent": DIRECTORY,
@@ -49,6 +48,15 @@ def test_a_prefix_alone_holds_everything(installation, tmp_path):
     installation.run(PREFIX=str(prefix), DESTDIR="")
     assert listing(prefix) == expected("", "/etc")
     assert list(tmp_path.iterdir()) == [prefix]
+
+
+def test_the_pages_refer_to_what_is_installed_with_them(installation):
+    installation.run()
+    pages = list(installation.root.rglob("*.md"))
+    links = [page.parent / link for page in pages
+             for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", page.read_text())]
+    assert len(links) > 20
+    assert [str(link) for link in links if not link.exists()] == []
 
 
 def test_the_program_is_the_one_that_the_debug_file_fits(installation):
