@@ -86,14 +86,16 @@ def test_a_tool_tells_how_it_is_used_and_starts_nothing(name, argument, status):
     assert (result.stdout + result.stderr).startswith(f"usage: tools/{name}")
 
 
-def test_a_cross_build_without_its_libraries_says_what_makes_them(tmp_path):
-    toolchain = tmp_path / "cmake" / "aarch64.cmake"
+@pytest.mark.parametrize("name, maker", [
+    ("aarch64", "tools/aarch64-sysroot"), ("uclibc", "tools/uclibc/all")])
+def test_a_cross_build_without_its_libraries_says_what_makes_them(tmp_path, name, maker):
+    toolchain = tmp_path / "cmake" / f"{name}.cmake"
     toolchain.parent.mkdir()
-    shutil.copy(PROJECT / "cmake" / "aarch64.cmake", toolchain)
+    shutil.copy(PROJECT / "cmake" / toolchain.name, toolchain)
     (tmp_path / "CMakeLists.txt").write_text(
         "cmake_minimum_required(VERSION 3.25)\nproject(any LANGUAGES NONE)\n")
     result = subprocess.run(
         ["cmake", "-S", tmp_path, "-B", tmp_path / "build", f"-DCMAKE_TOOLCHAIN_FILE={toolchain}"],
         capture_output=True, text=True, check=False, timeout=LIMIT_SECS)
     assert result.returncode == 1
-    assert "tools/aarch64-sysroot makes it" in " ".join(result.stderr.split())
+    assert f"{maker} makes it" in " ".join(result.stderr.split())
