@@ -26,23 +26,18 @@ constexpr timeval kHeartbeatPeriod = {30, 0};
 constexpr size_t kShownKeyLength = 3;
 
 // The largest body of a reply, in bytes. It is held in memory until it has come whole.
-constexpr ev_ssize_t kMaxReply = 4L * 1024 * 1024;
+constexpr ev_ssize_t kMaxReplyBody = 4L * 1024 * 1024;
 
-// The largest head of a reply, in bytes. libevent searches a line without an end again and again.
+// The largest head of a reply, in bytes. libevent searches an unfinished line from its beginning
+// whenever more of it has come.
 constexpr ev_ssize_t kMaxReplyHead = 65536;
 
-// What is written in one go, in bytes, when there is as much: libevent's own 16384 would be three
-// turns of the loop for the largest request.
+// The most that one write takes, in bytes. libevent's default, 16384, would be three turns of the
+// loop for the largest request.
 constexpr size_t kMaxWrite = size_t{128} * 1024;
 
-// How long a listener rests that the system refuses a connection, for want of descriptors mostly.
+// How long a listener rests when it was refused a connection, for want of descriptors mostly.
 constexpr timeval kAcceptPause = {1, 0};
-
-void ResumeAccepting(evutil_socket_t, short, void* listener) {
-  if (evconnlistener_enable(static_cast<evconnlistener*>(listener)) != 0) {
-    Orx::Log::Message2(Orx::Log::kError, __PRETTY_FUNCTION__, "Failed to accept connections again");
-  }
-}
 
 std::runtime_error ErrnoFailure(const std::string& what) {
   return std::runtime_error(what + " errno " + std::to_string(errno));
@@ -84,6 +79,11 @@ void AgentHost::OnAcceptError(evconnlistener* listener, void*) {
   RunGuarded(__PRETTY_FUNCTION__, [listener] { PauseAccepting(listener); });
 }
 
+void AgentHost::OnAcceptPauseEnd(evutil_socket_t, short, void* listener) {
+  RunGuarded(__PRETTY_FUNCTION__,
+             [listener] { ResumeAccepting(static_cast<evconnlistener*>(listener)); });
+}
+
 AgentHost::AgentHost(Orx::HookInvoker* invoker, bool secure, const std::string& agentDataPath,
                      const std::string& agentDirectory, const std::string& deviceDiscoveryPath,
                      uint16_t listenPort, const std::string& dstAddr, uint16_t dstPort,
@@ -104,7 +104,6 @@ AgentHost::AgentHost(Orx::HookInvoker* invoker, bool secure, const std::string& 
     InitSsl();
   }
   InitHeartbeating();
-  clients_ = std::make_unique<ClientTable>(base_.get());
 }
 
 void AgentHost::InitServer() {
@@ -120,7 +119,18 @@ void AgentHost::InitServer() {
   }
   invokerEvent_.reset(invokerEvent, event_free);
 
-  evhttp* const http = evhttp_new(base);
+  clients_ = std::make_unique<ClientTable>(base);
+  MakeHttpServer();
+  if (!Listen(kLoopback)) {
+    throw ErrnoFailure("Failed to bind endpoint '" + std::string(kLoopback) + ":" +
+                       std::to_string(listenPort_) + "'");
+  }
+  boundAddrs_.insert(kLoopback);
+  MakeConnection();
+}
+
+void AgentHost::MakeHttpServer() {
+  evhttp* const http = evhttp_new(base_.get());
   if (http == nullptr) {
     throw ErrnoFailure("Failed to init evhttp");
   }
@@ -129,30 +139,25 @@ void AgentHost::InitServer() {
                                        EVHTTP_REQ_DELETE | EVHTTP_REQ_PATCH);
   evhttp_set_timeout(http, kHttpTimeoutSecs);
   evhttp_set_max_headers_size(http, kMaxHeadSize);
-  evhttp_set_max_body_size(http, kMaxBodySize);
+  evhttp_set_max_body_size(http, kMaxReceivedBody);
   // An answer has the content type that the destination gave it, or none.
   evhttp_set_default_content_type(http, nullptr);
+  evhttp_set_gencb(http, OnRequest, this);
+  evhttp_set_bevcb(http, OnConnection, this);
+}
 
-  if (!Listen(kLoopback)) {
-    throw ErrnoFailure("Failed to bind endpoint '" + std::string(kLoopback) + ":" +
-                       std::to_string(listenPort_) + "'");
-  }
-  boundAddrs_.insert(kLoopback);
-
+void AgentHost::MakeConnection() {
   evhttp_connection* const evcon =
-      evhttp_connection_base_new(base, nullptr, dstAddr_.c_str(), dstPort_);
+      evhttp_connection_base_new(base_.get(), nullptr, dstAddr_.c_str(), dstPort_);
   if (evcon == nullptr) {
     throw ErrnoFailure("Failed to init evcon");
   }
   evcon_.reset(evcon, evhttp_connection_free);
   evhttp_connection_set_timeout(evcon, kHttpTimeoutSecs);
   evhttp_connection_set_max_headers_size(evcon, kMaxReplyHead);
-  evhttp_connection_set_max_body_size(evcon, kMaxReply);
+  evhttp_connection_set_max_body_size(evcon, kMaxReplyBody);
   evhttp_connection_set_closecb(evcon, OnDisconnect, this);
   bufferevent_set_max_single_write(evhttp_connection_get_bufferevent(evcon), kMaxWrite);
-
-  evhttp_set_gencb(http, OnRequest, this);
-  evhttp_set_bevcb(http, OnConnection, this);
 }
 
 void AgentHost::InitHeartbeating() {
@@ -166,6 +171,8 @@ void AgentHost::InitHeartbeating() {
 
 void AgentHost::Run() {
   event_base_dispatch(base_.get());
+  ORX_LOG(Orx::Log::kError, "The event loop has ended: %s",
+          stdext::error_number_and_text(errno).c_str());
 }
 
 // On failure `errno` tells why.
@@ -189,15 +196,22 @@ bool AgentHost::Listen(const std::string& address) {
   return true;
 }
 
-// The connection that was refused goes on waiting, and would be tried again without end.
+// The connection goes on waiting in the backlog; without a pause accept would fail again at once,
+// for ever.
 void AgentHost::PauseAccepting(evconnlistener* listener) {
   const int errnum = errno;
-  if (event_base_once(evconnlistener_get_base(listener), -1, EV_TIMEOUT, ResumeAccepting, listener,
+  if (event_base_once(evconnlistener_get_base(listener), -1, EV_TIMEOUT, OnAcceptPauseEnd, listener,
                       &kAcceptPause) == 0) {
     evconnlistener_disable(listener);
   }
   ORX_LOG(Orx::Log::kError, "Failed to accept a connection: %s",
           stdext::error_number_and_text(errnum).c_str());
+}
+
+void AgentHost::ResumeAccepting(evconnlistener* listener) {
+  if (evconnlistener_enable(listener) != 0) {
+    ORX_LOG(Orx::Log::kError, "Failed to accept connections again");
+  }
 }
 
 void AgentHost::BindSrcAddr(const std::string& addr) {

@@ -31,8 +31,8 @@ extern const std::map<evhttp_cmd_type, const char*> kMethodNames;
 constexpr size_t kMaxRequestBody = 32768;
 
 /// How many requests of one listener may be under way to the SDK REST host, one of them sent and
-/// the others waiting. When a connection fails, libevent takes up each of them from within the
-/// other.
+/// the others waiting. When a connection fails, libevent starts each waiting request from within
+/// the failure of the one before; this bounds that recursion.
 constexpr size_t kMaxForwardings = 100;
 
 /// The reason of a 500 whose cause only the log tells.
@@ -60,11 +60,11 @@ class AgentHost {
   AgentHost(const AgentHost&) = delete;
   AgentHost& operator=(const AgentHost&) = delete;
 
-  /// Runs the event loop; returns only when the loop ends.
+  /// Runs the event loop; returns only when the loop has failed, after a logged error.
   void Run();
 
   /// Asks the host to listen on `addr` as well, at its port; the loop thread does it a moment
-  /// later. An address that is empty or bound already is passed over; one that cannot be bound is
+  /// later. An address that is empty or bound already is ignored; one that cannot be bound is
   /// logged and forgotten, so that the next call tries again. Earlier addresses stay in service.
   void BindSrcAddr(const std::string& addr);
 
@@ -87,32 +87,38 @@ class AgentHost {
   static void OnReply(evhttp_request* reply, void* argument);
   static void OnDisconnect(evhttp_connection* connection, void* host);
   static void OnAcceptError(evconnlistener* listener, void*);
+  static void OnAcceptPauseEnd(evutil_socket_t, short, void* listener);
 
   void InitServer();
+  void MakeHttpServer();
+  void MakeConnection();
   void InitSsl();
   void InitHeartbeating();
 
   bool Listen(const std::string& address);
   static void PauseAccepting(evconnlistener* listener);
+  static void ResumeAccepting(evconnlistener* listener);
+  // Binds the pending addresses, on the loop thread; has nothing to do with `invoker_`.
   void Invoke();
 
   bool LoadCertificate();
   bufferevent* SslConnect();
 
   void DispatchRequest(evhttp_request* req);
+  // Each returns whether the request goes on; one that does not has been answered.
   bool CheckEndpoint(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
   bool CheckPairingKey(evhttp_request* req);
   bool OfferToHook(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
+
   bool CallHook(const std::string& uri, evhttp_cmd_type method, const std::string& data,
                 bool* terminated);
   void Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
   void SetUpConnection();
   void EndConnectionWithMore();
+  void FinishForwarding(evhttp_request* reply, evhttp_request* client);
   static void RelayReply(evhttp_request* reply, evhttp_request* client);
   void ApiGetMac(evhttp_request* req);
 
-  // Destroyed in reverse order: TLS context, connection, server, events, and last the loop that
-  // they live on.
   Orx::HookInvoker* invoker_;
   bool secure_;
   uint16_t listenPort_;
@@ -124,6 +130,8 @@ class AgentHost {
   std::string keyFile_;
   std::string deviceDiscoveryPath_;
   std::function<void()> heartbeat_;
+  // Destroyed in reverse order: TLS context, connection, server, the table of its clients, events,
+  // and last the loop that they live on.
   std::shared_ptr<event_base> base_;
   std::shared_ptr<event> invokerEvent_;
   std::shared_ptr<event> heartbeatEvent_;

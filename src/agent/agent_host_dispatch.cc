@@ -32,7 +32,8 @@ bool HasInvalidCharacter(const std::string& uri) {
 }
 
 // Each piece that an answer comes in from the destination, 4 KiB of it, would be a TLS record and a
-// write of its own. An answer of more than this is not worth the copying.
+// write of its own. An answer of more than this is not worth the copying. Nothing of it has gone
+// out yet: libevent writes from its loop.
 void JoinPieces(evhttp_connection* connection) {
   constexpr size_t kMaxJoined = size_t{128} * 1024;
   evbuffer* const output = bufferevent_get_output(evhttp_connection_get_bufferevent(connection));
@@ -54,26 +55,8 @@ void AgentHost::OnRequest(evhttp_request* req, void* host) {
 }
 
 void AgentHost::OnReply(evhttp_request* reply, void* argument) {
-  const auto* const forwarding = static_cast<Forwarding*>(argument);
-  AgentHost* const host = forwarding->host;
-  evhttp_request* const req = forwarding->client;
-  host->forwardings_.erase(req);
-  evhttp_connection* const client = evhttp_request_get_connection(req);  // null when it has gone
-  host->clients_->OnReply(client);
-  // For the next request in its queue libevent may have connected anew; of a connection that failed
-  // to be made it tells by no reply alone.
-  if (reply == nullptr || evhttp_request_get_response_code(reply) == 0) {
-    host->setUpFd_ = -1;
-  } else {
-    host->EndConnectionWithMore();
-  }
-  host->SetUpConnection();
-  if (!RunGuarded(__PRETTY_FUNCTION__, [&] { RelayReply(reply, req); })) {
-    evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
-  }
-  if (host->secure_ && client != nullptr) {
-    JoinPieces(client);
-  }
+  const Forwarding forwarding = *static_cast<Forwarding*>(argument);
+  forwarding.host->FinishForwarding(reply, forwarding.client);
 }
 
 void AgentHost::DispatchRequest(evhttp_request* req) {
@@ -112,8 +95,6 @@ void AgentHost::DispatchRequest(evhttp_request* req) {
   }
   Forward(req, uri, method);
 }
-
-// The two checks answer the request when they refuse it.
 
 bool AgentHost::CheckPairingKey(evhttp_request* req) {
   std::string expected;
@@ -164,13 +145,14 @@ void AgentHost::Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_
   int result = -1;
   Forwarding& forwarding = forwardings_[req];
   forwarding = {this, req};
-  clients_->OnForward(evhttp_request_get_connection(req));
+  clients_->BeginForwarding(evhttp_request_get_connection(req));
   evhttp_request* const forwarded = evhttp_request_new(OnReply, &forwarding);
   if (forwarded != nullptr) {
     evkeyvalq* const headers = evhttp_request_get_output_headers(forwarded);
     evhttp_add_header(headers, "Content-Length", lengthText.c_str());
     evhttp_add_header(headers, "Host", dstAddr_.c_str());
     evbuffer_remove_buffer(body, evhttp_request_get_output_buffer(forwarded), length);
+    // The reply callback may run in here, under this lock: it must never start a program.
     const std::lock_guard<std::mutex> lock(stdext::exec_mutex());
     result = evhttp_make_request(evcon_.get(), forwarded, method, target.c_str());
     SetUpConnection();
@@ -178,7 +160,7 @@ void AgentHost::Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_
   // Otherwise the reply callback will run, or has run already.
   if (result < 0) {
     forwardings_.erase(req);
-    clients_->OnReply(evhttp_request_get_connection(req));
+    clients_->EndForwarding(evhttp_request_get_connection(req));
     Orx::Log::Message2(Orx::Log::kError, kDispatchRequest,
                        "Failed in forwarding the http req to SDK REST host");
     evhttp_send_error(req, HTTP_INTERNAL, kCannotForward);
@@ -215,6 +197,27 @@ void AgentHost::EndConnectionWithMore() {
   ORX_LOG(Orx::Log::kError, "The SDK REST host sent more than its reply: the connection is ended");
   evbuffer_drain(input, length);
   ::shutdown(bufferevent_getfd(connection), SHUT_RDWR);
+}
+
+void AgentHost::FinishForwarding(evhttp_request* reply, evhttp_request* client) {
+  forwardings_.erase(client);
+  // Null when the client has gone; its request goes with the answer then.
+  evhttp_connection* const connection = evhttp_request_get_connection(client);
+  clients_->EndForwarding(connection);
+  // libevent may already have connected anew for the next request in its queue. A connect that
+  // failed does not reach OnDisconnect: a missing or empty reply is its only sign.
+  if (reply == nullptr || evhttp_request_get_response_code(reply) == 0) {
+    setUpFd_ = -1;
+  } else {
+    EndConnectionWithMore();
+  }
+  SetUpConnection();
+  if (!RunGuarded(__PRETTY_FUNCTION__, [&] { RelayReply(reply, client); })) {
+    evhttp_send_error(client, HTTP_INTERNAL, kInternalError);
+  }
+  if (secure_ && connection != nullptr) {
+    JoinPieces(connection);
+  }
 }
 
 void AgentHost::RelayReply(evhttp_request* reply, evhttp_request* client) {

@@ -20,7 +20,8 @@ namespace tavlo {
 
 namespace {
 
-// Replaces the content of the file; on failure `errno` tells why.
+// Replaces the content of the file; on failure `errno` tells why. What the file held before is cut
+// off only when the rest is written.
 bool WriteFile(const std::string& path, const std::string& data) {
   const stdext::descriptor file(stdext::retry_on_interrupt(
       [&] { return ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0664); }));
@@ -33,7 +34,7 @@ bool WriteFile(const std::string& path, const std::string& data) {
     return false;
   }
   if (static_cast<size_t>(written) < data.size()) {
-    errno = ENOSPC;  // what ends a write to a file early, and is not told
+    errno = ENOSPC;  // a short write sets no error: the file system is full
     return false;
   }
   return ::ftruncate(file.get(), static_cast<off_t>(data.size())) == 0;
@@ -53,7 +54,6 @@ class BodyFile {
 
 }  // namespace
 
-// Answers the request, and returns false, unless it is to be forwarded.
 bool AgentHost::OfferToHook(evhttp_request* req, const std::string& uri, evhttp_cmd_type method) {
   evbuffer* const body = evhttp_request_get_input_buffer(req);
   std::string data(evbuffer_get_length(body), '\0');
@@ -80,9 +80,8 @@ bool AgentHost::CallHook(const std::string& uri, evhttp_cmd_type method, const s
     status = invoker_->Agent(methodName, uri, std::string(), &exitCode);
   } else {
     if (!WriteFile(agentDataPath_, data)) {
-      const std::string failure =
-          "Failed to write file " + agentDataPath_ + ": " + stdext::error_number_and_text(errno);
-      ORX_LOG(Orx::Log::kError, "%s", failure.c_str());
+      ORX_LOG(Orx::Log::kError, "Failed to write file %s: %s", agentDataPath_.c_str(),
+              stdext::error_number_and_text(errno).c_str());
       return false;
     }
     const BodyFile bodyFile(agentDataPath_);

@@ -56,7 +56,7 @@ void AgentHost::InitSsl() {
   sslCtx_.reset(context, SSL_CTX_free);
   // Renegotiation, which costs this side more than the client, is off by default as of OpenSSL 3.0.
   SSL_CTX_set_options(context, SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1 | SSL_OP_NO_RENEGOTIATION);
-  // A connection that waits for its next request holds no buffers: 34 KiB.
+  // An idle connection gives its buffers back, 34 KiB.
   SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS);
   SSL_CTX_set_default_passwd_cb(context, RefusePassPhrase);
 

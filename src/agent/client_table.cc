@@ -25,6 +25,9 @@ constexpr size_t kHeaderOverhead = 100;
 // The most headers that a request can have: a colon is enough for one.
 constexpr size_t kMaxHeaders = kMaxHeadSize;
 
+static_assert(kMaxUnfinished > kMaxHeadSize + kMaxReceivedBody + kMaxHeaders * kHeaderOverhead,
+              "one request by itself must fit");
+
 size_t CountLines(const char* text, size_t length) {
   size_t lines = 0;
   const char* const end = text + length;
@@ -36,7 +39,8 @@ size_t CountLines(const char* text, size_t length) {
   return lines;
 }
 
-// Lines may be headers: libevent does not tell how far it has come.
+// Counts the line feeds in the last `added` bytes. Any line may be a header: libevent does not tell
+// how far it has parsed.
 size_t CountLines(evbuffer* input, size_t length, size_t added) {
   evbuffer_ptr start;
   if (evbuffer_ptr_set(input, &start, length - added, EVBUFFER_PTR_SET) != 0) {
@@ -150,14 +154,14 @@ void ClientTable::OnRequest(evhttp_connection* connection) {
   }
 }
 
-void ClientTable::OnForward(evhttp_connection* connection) {
+void ClientTable::BeginForwarding(evhttp_connection* connection) {
   const auto found = clients_.find(connection);
   if (found != clients_.end()) {
     found->second.isForwarded = true;
   }
 }
 
-void ClientTable::OnReply(evhttp_connection* connection) {
+void ClientTable::EndForwarding(evhttp_connection* connection) {
   const auto found = clients_.find(connection);
   if (found != clients_.end()) {
     found->second.isForwarded = false;
@@ -180,7 +184,8 @@ void ClientTable::EndLongestWaiting() {
   }
 }
 
-// `reading` is the client whose input is being read.
+// `reading` is the client whose input is being read. One that is forwarded is never the largest:
+// libevent reads nothing from it meanwhile.
 void ClientTable::EndLargest(Client* reading) {
   Client& largest =
       std::max_element(clients_.begin(), clients_.end(), [](const auto& a, const auto& b) {
@@ -194,7 +199,8 @@ void ClientTable::EndLargest(Client* reading) {
   }
 }
 
-// Ends a connection by its socket: libevent does not bear one that goes while it reads it.
+// Ends a connection by its socket: libevent cannot cope with the freeing of one that it is reading
+// from.
 void ClientTable::Cut(Client* client) {
   client->isCut = true;
   --served_;

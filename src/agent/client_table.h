@@ -20,19 +20,19 @@ namespace tavlo {
 constexpr size_t kMaxHeadSize = size_t{16} * 1024;
 
 /// The largest body that is taken in, in bytes. A larger one is answered 413 by libevent itself.
-constexpr size_t kMaxBodySize = size_t{2} * 1024 * 1024;
+constexpr size_t kMaxReceivedBody = size_t{2} * 1024 * 1024;
 
 /// How many connections one listener keeps.
 constexpr size_t kMaxClients = 128;
 
-/// What the unfinished requests of all clients of one listener may take, in bytes; more than the
-/// largest of them does.
+/// What the unfinished requests of all clients of one listener may take, in bytes. A single request
+/// of any size fits, unless its body comes in chunks of a few bytes, whose framing counts too.
 constexpr size_t kMaxUnfinished = size_t{4} * 1024 * 1024;
 
 /// The connections of one listener's clients, anybody in the LAN: limits how many there are and how
-/// much memory their unfinished requests take. Who comes when there are too many ends the one that
-/// has waited longest since its last request, or since it connected; what comes when there is too
-/// much ends the one that takes most.
+/// much memory their unfinished requests take. A new connection beyond the limit ends the one that
+/// has waited longest since its last request, or since it connected; too much memory ends the one
+/// that takes most.
 ///
 /// Belongs to the thread of the event loop; outlives the HTTP server whose connections it is told.
 class ClientTable {
@@ -48,11 +48,11 @@ class ClientTable {
   /// Tells of a request that has come whole; what it takes is the host's from now on.
   void OnRequest(evhttp_connection* connection);
 
-  /// A connection whose request waits for its reply is not ended.
-  void OnForward(evhttp_connection* connection);
+  /// From now on the connection is not ended to make room: its request waits for the reply.
+  void BeginForwarding(evhttp_connection* connection);
 
-  /// Null when the client has gone meanwhile.
-  void OnReply(evhttp_connection* connection);
+  /// It may be ended again. `connection` is null when the client has gone meanwhile.
+  void EndForwarding(evhttp_connection* connection);
 
  private:
   struct Client {

@@ -11,7 +11,7 @@ namespace tavlo {
 bool ParseDeviceList(const std::string& text, rapidjson::Document* doc, std::string* error);
 
 /// The MAC address of the first device that has both one and the address `ip` (dotted text); empty
-/// when there is none. What does not have the proper form in `doc` is passed over.
+/// when there is none. What does not have the proper form in `doc` is ignored.
 std::string FindMac(const rapidjson::Document& doc, const std::string& ip);
 
 }  // namespace tavlo

@@ -18,6 +18,7 @@ int main(int argc, char** argv) {
   }
   const std::string logPath = options->logPath.value_or("");
   if (options->printKey) {
+    // Deliberate: this mode logs under a name of its own, and to standard error alone.
     Orx::Log::Open("kxtunnel", logPath, Orx::Log::kError, true, false, false);
     PrintConfigValue(options->configPath, *options->printKey);
   }

@@ -76,11 +76,11 @@ bool Init(const std::string& configPath) {
     return false;
   }
   tavlo::EndWhenLibeventGetsNoMemory();
+  tavlo::RouteLibeventLog();
   if (evthread_use_pthreads() < 0) {
     ORX_LOG(Orx::Log::kError, "Failed to configure evthreads");
     return false;
   }
-  tavlo::RouteLibeventLog();
   process.settings = std::make_unique<AppSettings>();
   if (!LoadAppSettings(configPath, process.settings.get())) {
     ORX_LOG(Orx::Log::kError, "Failed to read config file from: %s", configPath.c_str());

@@ -14,7 +14,6 @@ namespace {
 
 constexpr ssize_t kMaxOutput = 1000000;
 constexpr unsigned int kTimeoutSecs = 300;
-constexpr unsigned int kHighestAnswer = 1;
 
 bool IsOneOf(const std::string& value, std::initializer_list<const char*> accepted) {
   return std::find(accepted.begin(), accepted.end(), value) != accepted.end();
@@ -41,7 +40,7 @@ Status RunHookDirectory(const std::string& dir, const std::list<std::string>& na
     const int result =
         SecureExec(path.c_str(), args, std::string(), output != nullptr ? &captured : nullptr,
                    kMaxOutput, kTimeoutSecs);
-    if (static_cast<unsigned int>(result) > kHighestAnswer) {
+    if (result != 0 && result != 1) {
       return Status::Failure("failed to call script '" + path + "' as " + std::to_string(result));
     }
     if (output != nullptr) {

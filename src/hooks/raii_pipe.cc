@@ -17,6 +17,7 @@ int CloseDescriptor(int* fd) {
   if (*fd == -1) {
     return 0;
   }
+  // Retried for kernels that keep an interrupted one open; Linux interrupts no pipe's.
   const int result = stdext::retry_on_interrupt([fd] { return ::close(*fd); });
   *fd = -1;
   return result;

@@ -2,10 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <mutex>
-#include <thread>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "hooks/child_environment.h"
 #include "hooks/raii_pipe.h"
 #include "hooks/subprocess_timeout.h"
 #include "util/close_on_exec.h"
@@ -32,8 +30,6 @@ constexpr const char* kSecureExec =
     "int Orx::SecureExec(const char*, const std::vector<const char*>&, const std::string&, "
     "std::string*, ssize_t, unsigned int)";
 
-constexpr const char* kSavedPrefix = "MIREL_ORIGINAL_";
-
 void LogErrno(const char* what) {
   Log::Message2(Log::kError, kSecureExec, "%s: %s", what, stdext::strerror(errno).c_str());
 }
@@ -44,44 +40,6 @@ struct Pipes {
   RaiiPipe err;
 
   bool Open() { return in.OpenPipe() == 0 && out.OpenPipe() == 0 && err.OpenPipe() == 0; }
-};
-
-bool BeginsWith(const char* text, const char* start) {
-  return std::strncmp(text, start, std::strlen(start)) == 0;
-}
-
-// The child's environment, made before the fork: between fork and exec nothing may allocate.
-class ChildEnvironment {
- public:
-  ChildEnvironment() {
-    // A process without any variables may have no list either.
-    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-      if (!BeginsWith(*entry, kSavedPrefix) && !BeginsWith(*entry, "LD_PRELOAD=") &&
-          !BeginsWith(*entry, "LD_LIBRARY_PATH=")) {
-        entries_.push_back(*entry);
-      }
-    }
-    Restore("LD_LIBRARY_PATH");
-    Restore("LD_PRELOAD");
-    for (std::string& entry : restored_) {
-      entries_.push_back(entry.data());
-    }
-    entries_.push_back(nullptr);
-  }
-
-  char* const* Get() const { return entries_.data(); }
-
- private:
-  // What started the daemon with loader variables of its own kept the system's under other names.
-  void Restore(const std::string& name) {
-    const char* const saved = std::getenv((kSavedPrefix + name).c_str());
-    if (saved != nullptr) {
-      restored_.push_back(name + "=" + saved);
-    }
-  }
-
-  std::vector<char*> entries_;
-  std::vector<std::string> restored_;
 };
 
 std::vector<char*> ArgumentVector(const char* path, const std::vector<const char*>& args) {
@@ -150,37 +108,6 @@ bool Install(int fd, int standardFd) {
   }
   ::_exit(1);
 }
-
-// The watchdog on its thread, which ends with this object.
-class Watchdog {
- public:
-  Watchdog(pid_t pid, unsigned int timeoutSecs)
-      : timeout_(pid, timeoutSecs), thread_(&SubprocessTimeout::Run, &timeout_) {}
-  ~Watchdog() { Stop(); }
-  Watchdog(const Watchdog&) = delete;
-  Watchdog& operator=(const Watchdog&) = delete;
-
-  void Stop() {
-    if (!thread_.joinable()) {
-      return;
-    }
-    {
-      const std::lock_guard<std::mutex> lock(timeout_.mutex);
-      timeout_.finished = true;
-    }
-    timeout_.cond.notify_all();
-    thread_.join();
-  }
-
-  bool HasFired() {
-    const std::lock_guard<std::mutex> lock(timeout_.mutex);
-    return timeout_.timedOut;
-  }
-
- private:
-  SubprocessTimeout timeout_;
-  std::thread thread_;
-};
 
 // The parent's side of the three pipes.
 class ChildStreams {
@@ -315,7 +242,7 @@ void WaitForExit(pid_t pid, siginfo_t* info, int options, const char* ordinal) {
 // Sees the child to its end; `*reaped` is set once its process number may be somebody else's.
 int SuperviseChild(pid_t pid, Pipes& pipes, const std::string& input, std::string* output,
                    ssize_t maxOutput, unsigned int timeoutSecs, bool* reaped) {
-  Watchdog watchdog(pid, timeoutSecs);
+  SubprocessWatchdog watchdog(pid, timeoutSecs);
   ChildStreams streams(pipes, pid, input, output, maxOutput);
   streams.Run();
 

@@ -28,4 +28,24 @@ void SubprocessTimeout::Run() {
   }
 }
 
+SubprocessWatchdog::SubprocessWatchdog(pid_t pid, unsigned int timeoutSecs)
+    : timeout_(pid, timeoutSecs), thread_(&SubprocessTimeout::Run, &timeout_) {}
+
+void SubprocessWatchdog::Stop() {
+  if (!thread_.joinable()) {
+    return;
+  }
+  {
+    const std::lock_guard<std::mutex> lock(timeout_.mutex);
+    timeout_.finished = true;
+  }
+  timeout_.cond.notify_all();
+  thread_.join();
+}
+
+bool SubprocessWatchdog::HasFired() {
+  const std::lock_guard<std::mutex> lock(timeout_.mutex);
+  return timeout_.timedOut;
+}
+
 }  // namespace Orx

@@ -2,6 +2,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #include <sys/types.h>
 
@@ -9,10 +10,7 @@ namespace Orx {
 
 /// The watchdog of one child process: ends it with SIGTERM, sent once, when its time is up.
 ///
-/// `Run` is the body of the watchdog's thread. The thread that waits for the child ends it: it sets
-/// `finished` under `mutex`, unlocks, notifies `cond` and joins the thread, and only then reaps the
-/// child. Until then the child is at worst a zombie, so that the signal cannot meet a stranger who
-/// was given its process number.
+/// `Run` is the body of the watchdog's thread, which SubprocessWatchdog starts and ends.
 struct SubprocessTimeout {
   /// A limit of 0 `seconds` makes it fire at once.
   SubprocessTimeout(pid_t watchedPid, unsigned int seconds);
@@ -25,6 +23,28 @@ struct SubprocessTimeout {
   std::condition_variable cond;
   bool timedOut = false;  ///< guarded by `mutex`: the signal has been sent
   bool finished = false;  ///< guarded by `mutex`: the child has been seen to exit
+};
+
+/// The watchdog at work on a thread of its own. `Stop` comes before the child is
+/// reaped: until then it is at worst a zombie, so that the signal cannot meet a stranger who was
+/// given its process number.
+class SubprocessWatchdog {
+ public:
+  /// Throws std::system_error when the system refuses the thread.
+  SubprocessWatchdog(pid_t pid, unsigned int timeoutSecs);
+  ~SubprocessWatchdog() { Stop(); }
+  SubprocessWatchdog(const SubprocessWatchdog&) = delete;
+  SubprocessWatchdog& operator=(const SubprocessWatchdog&) = delete;
+
+  /// The child has been seen to exit; no signal is sent any more once this has returned.
+  void Stop();
+
+  /// Whether the signal has been sent.
+  bool HasFired();
+
+ private:
+  SubprocessTimeout timeout_;
+  std::thread thread_;
 };
 
 }  // namespace Orx

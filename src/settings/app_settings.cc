@@ -103,26 +103,28 @@ bool AppSettings::GetConfigValue(const std::string& key, std::string* value) con
 
 bool AppSettings::LoadConfigFile(const std::string& path, bool* changed) {
   ORX_LOG_SCOPE();
-  std::string text;
-  const Orx::Status status = stdext::file::without_lock(path).read(kMaxConfigFileSize, &text);
+  std::string content;
+  const Orx::Status status = stdext::file::without_lock(path).read(kMaxConfigFileSize, &content);
   if (!status.IsOk()) {
     ORX_LOG(Orx::Log::kError, "%s", status.Message().c_str());
     return false;
   }
-  const JsonTree root = ParseJson(text);
+  const JsonTree root = ParseJson(content);
   if (root == nullptr) {
     ORX_LOG(Orx::Log::kError, "Failed to parse config file %s", path.c_str());
     return false;
   }
   ORX_LOG(Orx::Log::kDebug, "Reading config file %s", path.c_str());
   for (const Entry& entry : entries_) {
-    if (const auto number = NumberAt(root.get(), entry.key);
-        entry.type == 'i' && number && *number >= entry.smallest && *number <= entry.largest) {
-      Store(*number, entry.number, changed);
-      ORX_LOG(Orx::Log::kDebug, "%s=%d", entry.key, *number);
-    } else if (const auto string = TextAt(root.get(), entry.key); entry.type == 's' && string) {
-      Store(*string, entry.text, changed);
-      ORX_LOG(Orx::Log::kDebug, "%s=%s", entry.key, string->c_str());
+    if (entry.type == 'i') {
+      const auto number = NumberAt(root.get(), entry.key);
+      if (number && *number >= entry.smallest && *number <= entry.largest) {
+        Store(*number, entry.number, changed);
+        ORX_LOG(Orx::Log::kDebug, "%s=%d", entry.key, *number);
+      }
+    } else if (const auto text = TextAt(root.get(), entry.key)) {
+      Store(*text, entry.text, changed);
+      ORX_LOG(Orx::Log::kDebug, "%s=%s", entry.key, text->c_str());
     }
   }
   return true;

@@ -4,13 +4,13 @@
 
 namespace stdext {
 
-/// For descriptors that a library opens without making them close-on-exec. Who has it open one
-/// holds this until the descriptor is marked, and who starts a program holds it during `fork`, so
-/// that no program starts in between and inherits it. It may be held for as long as the look-up of
-/// a name takes.
+/// For descriptors that a library opens without making them close-on-exec. Whoever has it open one
+/// holds this until the descriptor is marked, and whoever starts a program holds it during `fork`,
+/// so that no program starts in between and inherits it. It may be held for as long as the look-up
+/// of a name takes.
 std::mutex& exec_mutex();
 
-/// Marks the descriptor. One that is not open (-1) is passed over.
+/// Marks the descriptor. One that is not open (-1) is ignored.
 void set_close_on_exec(int fd);
 
 }  // namespace stdext

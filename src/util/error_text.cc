@@ -1,7 +1,6 @@
-// The XSI form of strerror_r says whether it failed; without this g++ and clang++ ask the C library
-// for its own form, which does not.
-// With that switched off uClibc-ng has to be told that C11 is wanted, which the C++ library builds
-// on.
+// g++ and clang++ define _GNU_SOURCE, which selects GNU's strerror_r. The XSI form is wanted, which
+// reports failure. Without _GNU_SOURCE uClibc-ng has to be told that C11 is wanted, which the C++
+// library builds on.
 #undef _GNU_SOURCE
 // NOLINTBEGIN(*-reserved-identifier,cert-dcl*): the C library's switches
 #define _POSIX_C_SOURCE 200809L

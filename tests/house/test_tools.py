@@ -58,11 +58,27 @@ def test_a_build_shows_how_far_it_is_on_a_terminal_alone(tree, on_terminal, endi
     assert asked(tree)[-1] == f"--build --preset release {ending}"
 
 
-@pytest.mark.parametrize("arguments", [(), ("release", "debug")], ids=len)
-def test_a_build_of_no_preset_or_of_two_shows_how_it_is_used(tree, arguments):
+@pytest.mark.parametrize("arguments", [(), ("--help",)], ids=len)
+def test_a_build_of_no_preset_shows_how_it_is_used(tree, arguments):
     output, errors = start_build(tree, *arguments).communicate(timeout=LIMIT_SECS)
     assert (output, errors.startswith("usage: tools/build PRESET")) == ("", True)
     assert asked(tree) == []
+
+
+def test_a_build_may_be_of_some_targets_alone(tree):
+    start_build(tree, "release", "one", "another").communicate(timeout=LIMIT_SECS)
+    assert asked(tree)[-1] == "--build --preset release --target one another -- --quiet"
+
+
+@pytest.mark.parametrize("name", ["aarch64-sysroot", "deb", "format", "install"])
+def test_a_script_that_takes_no_options_starts_nothing_when_it_is_given_one(tmp_path, name):
+    (tmp_path / "tools").mkdir()
+    tool = shutil.copy(PROJECT / "tools" / name, tmp_path / "tools")
+    result = subprocess.run([tool, "--help"], capture_output=True, text=True, check=False,
+                            timeout=LIMIT_SECS)
+    assert (result.returncode, result.stdout) == (2, "")
+    assert result.stderr.startswith("usage: ") and f"tools/{name}" in result.stderr
+    assert [path.name for path in tmp_path.iterdir()] == ["tools"]
 
 
 def test_a_build_without_its_tools_names_their_packages(tree):

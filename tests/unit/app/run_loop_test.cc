@@ -173,7 +173,7 @@ TEST_F(RunLoop, RegistersBothThreadsForAMinuteBeforeItSaysThatItStarted) {
                            Not(HasSubstr("early"))));
 }
 
-TEST_F(RunLoop, AListenerThatEndedByItselfIsNotASilentOne) {
+TEST_F(RunLoop, AListenerThatEndedByItselfIsLoggedAndNotASilentOne) {
 #ifdef __SANITIZE_THREAD__
   GTEST_SKIP() << "nobody joins a listener's thread, which ThreadSanitizer takes for a leak";
 #endif
@@ -190,6 +190,9 @@ TEST_F(RunLoop, AListenerThatEndedByItselfIsNotASilentOne) {
     }).detach();
   });
   EXPECT_EQ(::access((directory_ / "none").c_str(), F_OK), 0);
+  EXPECT_TRUE(
+      LogHas("ERROR: void tavlo::AgentHost::Run: The event loop has ended: 9 Bad file "
+             "descriptor"));
 }
 
 TEST_F(RunLoop, AKeyFileWithoutAKeyChangesNothing) {

@@ -136,6 +136,7 @@ FAULTY(void*, evconnlistener_new, nullptr,
        (void* base, void (*callback)(void*, int, void*, int, void*), void* argument, unsigned flags,
         int backlog, int fd),
        (base, callback, argument, flags, backlog, fd))
+FAULTY(int, evconnlistener_enable, -1, (void* listener), (listener))
 FAULTY(void*, evhttp_bind_listener, nullptr, (void* http, void* listener), (http, listener))
 FAULTY(int, event_base_once, -1,
        (void* base, int fd, short what, void (*callback)(int, short, void*), void* argument,
