@@ -87,6 +87,8 @@ bool Init(const std::string& configPath) {
     return false;
   }
   Mirel::SetBacktraceDirectory(process.settings->RootPrefix() + "/tmp");
+  process.httpHost.reset();  // with their ports, and before what they use
+  process.httpsHost.reset();
   process.hookInvoker = std::make_unique<Orx::HookInvoker>(
       process.settings->InternalHooksDirectory(), process.settings->ExternalHooksDirectory());
   try {
@@ -115,6 +117,6 @@ void PrintConfigValue(const std::string& configPath, const std::string& key) {
     std::cerr << "Unknown config key: " << key << '\n';
     std::exit(EXIT_FAILURE);
   }
-  std::cout << value << '\n';
-  std::exit(EXIT_SUCCESS);
+  std::cout << value << std::endl;
+  std::exit(std::cout ? EXIT_SUCCESS : EXIT_FAILURE);
 }

@@ -88,8 +88,18 @@ void EndByAlarm(int /*number*/) {
   std::_Exit(EXIT_FAILURE);
 }
 
+// Whoever started the daemon may have blocked the alarm.
+void SetAlarm() {
+  ::signal(SIGALRM, EndByAlarm);
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGALRM);
+  ::pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
+  ::alarm(kReportLimitSecs);
+}
+
 _Unwind_Reason_Code StoreFrame(_Unwind_Context* context, void* /*argument*/) {
-  if (state.frameCount == kMaxFrames) {
+  if (state.frameCount >= kMaxFrames) {
     return _URC_END_OF_STACK;
   }
   void* const address = ToPointer(_Unwind_GetIP(context));
@@ -167,8 +177,7 @@ void WriteRecord(int fd, int number, const siginfo_t& info, const Registers& reg
 // Runs once: the default actions are back before it does anything else.
 void CrashHandler(int number, siginfo_t* info, void* context) {
   RestoreDefaultActions();
-  ::signal(SIGALRM, EndByAlarm);
-  ::alarm(kReportLimitSecs);
+  SetAlarm();
 
   _Unwind_Backtrace(StoreFrame, nullptr);
   for (size_t i = 0; i < state.frameCount; ++i) {

@@ -13,20 +13,31 @@ int IsRealEntry(const dirent* entry) {
   return std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0 ? 1 : 0;
 }
 
+// What scandir has allocated.
+struct Entries {
+  ~Entries() {
+    for (int i = 0; i < count; ++i) {
+      std::free(list[i]);
+    }
+    std::free(list);
+  }
+
+  dirent** list = nullptr;
+  int count = 0;
+};
+
 }  // namespace
 
 bool list_directory(const std::string& directory, std::list<std::string>* names) {
   names->clear();
-  dirent** entries = nullptr;
-  const int count = ::scandir(directory.c_str(), &entries, IsRealEntry, ::alphasort);
-  if (count < 0) {
+  Entries entries;
+  entries.count = ::scandir(directory.c_str(), &entries.list, IsRealEntry, ::alphasort);
+  if (entries.count < 0) {
     return false;
   }
-  for (int i = 0; i < count; ++i) {
-    names->emplace_back(entries[i]->d_name);
-    std::free(entries[i]);
+  for (int i = 0; i < entries.count; ++i) {
+    names->emplace_back(entries.list[i]->d_name);
   }
-  std::free(entries);
   return true;
 }
 

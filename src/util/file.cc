@@ -68,8 +68,11 @@ std::vector<int> lock_file(const std::vector<std::string>& paths, int retries, i
   if (delayMs < 1 || retries < 1 || paths.empty()) {
     return {};
   }
+  // All memory first: without it no lock must stay with nobody to release it.
   std::vector<LockAttempt> attempts;
+  std::vector<int> result;
   attempts.reserve(paths.size());
+  result.reserve(paths.size());
   for (const std::string& path : paths) {
     const int fd = retry_on_interrupt([&] { return ::open(path.c_str(), O_RDWR | O_CLOEXEC); });
     attempts.push_back({fd, false});
@@ -79,8 +82,6 @@ std::vector<int> lock_file(const std::vector<std::string>& paths, int retries, i
     lockError = errno;
     std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
   }
-  std::vector<int> result;
-  result.reserve(attempts.size());
   for (const LockAttempt& attempt : attempts) {
     if (attempt.fd >= 0 && !attempt.locked) {
       ::close(attempt.fd);

@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <time.h>
@@ -68,6 +69,7 @@ void Emit(int level, Line& line) {
   const size_t length = std::strlen(line);
   if (Detail::ConsoleLogEnabled()) {
     line[length] = '\n';
+    std::clog.clear();  // what could not be written earlier is no reason to write no more
     std::clog.write(line, static_cast<std::streamsize>(length + 1)).flush();
   }
   if (Detail::SysLogEnabled()) {
@@ -99,11 +101,17 @@ void LogFileStream::Open(const std::string& path) {
   if (IsOpen()) {
     Close();
   }
-  // Without O_NONBLOCK a FIFO that nobody reads would hold up whoever logs, and so everybody; a
-  // regular file knows no difference.
+  // Without O_NONBLOCK a FIFO that nobody reads would hold up whoever logs, and so everybody. All
+  // else is waited for: with it a slow terminal would end the log. O_NOCTTY: it is not to become
+  // the terminal whose Ctrl-C ends the daemon.
   fd_ = stdext::retry_on_interrupt([&] {
-    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
+                  0666);
   });
+  struct stat info = {};
+  if (::fstat(fd_, &info) == 0 && !S_ISFIFO(info.st_mode)) {
+    ::fcntl(fd_, F_SETFL, O_APPEND);
+  }
   good_ = IsOpen();
 }
 
@@ -171,7 +179,7 @@ PidTidText LogPidTid() {
 
 void Open(const char* name, const std::string& path, int level, bool console, bool sysLog,
           bool file) {
-  // Before the lock: it allocates, and a crash for want of memory is logged as well.
+  // Before the lock: it allocates, and a crash for want of memory logs, which takes the lock.
   Detail::FilePath(path);
   const std::lock_guard<std::mutex> lock(Detail::Mutex());
   static const char* const s_name = name;

@@ -2,10 +2,11 @@
 
 import json
 import signal
+import subprocess
 
 import pytest
 
-from support.daemon import run_tavlo
+from support.daemon import PROGRAM, run_tavlo
 
 USAGE = """\
 Usage: tavlo [-d] [-s] [-f path] [-c path]
@@ -99,6 +100,12 @@ def test_p_prints_the_value_of_each_key_from_the_file(tmp_path, key, value):
 def test_the_long_option_prints_a_value(arguments):
     result = run_tavlo(*arguments)
     assert (result.returncode, result.stdout, result.stderr) == (0, "/tmp/qvd\n", "")
+
+
+def test_p_whose_value_cannot_be_written_fails():
+    with open("/dev/full", "w", encoding="ascii") as full:
+        result = subprocess.run([*PROGRAM, "-p", "rootPrefix"], stdout=full, check=False)
+    assert result.returncode == 1
 
 
 @pytest.mark.parametrize("key", ["AgentDstPort", "agentdstport", "unheard", "", "agentDstPort "])

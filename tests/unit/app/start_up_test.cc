@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 #include "app/daemon_fixture.h"
 
@@ -30,6 +31,10 @@ constexpr unsigned long long Bit(int signal) {
 }
 
 TEST_F(StartUp, BlocksItsThreeSignalsAndIgnoresSigpipe) {
+  sigset_t other;
+  sigemptyset(&other);
+  sigaddset(&other, SIGUSR1);
+  ::pthread_sigmask(SIG_BLOCK, &other, nullptr);
   const unsigned long long before = SignalMask("SigBlk");
   ASSERT_TRUE(Init(configPath_));
   EXPECT_EQ(SignalMask("SigBlk"), before | Bit(SIGHUP) | Bit(SIGINT) | Bit(SIGTERM));
@@ -49,9 +54,18 @@ TEST_F(StartUp, MakesBothHosts) {
 
 TEST_F(StartUp, ASecondInitReplacesTheFirstOnesObjects) {
   ASSERT_TRUE(Init(configPath_));
-  tavlo::TheProcess().httpHost.reset();
-  tavlo::TheProcess().httpsHost.reset();
   EXPECT_TRUE(Init(configPath_));
+}
+
+TEST_F(StartUp, MakesThePlainHostFirst) {
+  ASSERT_TRUE(Init(configPath_));
+  const auto first = std::move(tavlo::TheProcess().httpHost);
+  const auto second = std::move(tavlo::TheProcess().httpsHost);
+  const std::string port = std::to_string(tavlo::TheProcess().settings->AgentHttpPort());
+  EXPECT_FALSE(Init(configPath_));
+  EXPECT_THAT(log_.Lines(), Contains("ERROR: bool Init: Failed to create AgentHost: Failed to bind "
+                                     "endpoint '127.0.0.1:" +
+                                     port + "' errno 98"));
 }
 
 TEST_F(StartUp, FailsWhenSignalsCannotBeBlocked) {

@@ -306,6 +306,32 @@ TEST_F(SecureExecTest, AnInterruptedPollIsNoFailure) {
   EXPECT_EQ(output_, "text\n");
 }
 
+TEST_F(SecureExecTest, AnOutputThatCannotBeReadIsAFailure) {
+  const Fault fault("read", EIO, 0, 1);
+  EXPECT_EQ(RunScript("echo text"), -1);
+  EXPECT_THAT(Errors(), ElementsAre(EndsWith(": stderr read failed: Input/output error")));
+}
+
+TEST_F(SecureExecTest, AStandardErrorThatCannotBeReadIsAFailure) {
+  const Fault fault("read", EIO, 0, 1);
+  EXPECT_EQ(RunScript("echo text >&2"), -1);
+  EXPECT_THAT(Errors(), ElementsAre(EndsWith(": stderr read failed: Input/output error")));
+}
+
+TEST_F(SecureExecTest, AnInterruptedReadIsRepeated) {
+  const Fault fault("read", EINTR, 0, 2);
+  EXPECT_EQ(RunScript("echo text"), 0);
+  EXPECT_EQ(output_, "text\n");
+}
+
+TEST_F(SecureExecTest, AnInputThatCannotBeClosedIsAFailureOnceAllIsDone) {
+  const Fault fault("close", EIO, 3, 1);  // the child's ends go first
+  EXPECT_EQ(RunScript("echo text"), -1);
+  EXPECT_THAT(Errors(),
+              ElementsAre(EndsWith(": Failed to close stdin write end: Input/output error")));
+  EXPECT_EQ(output_, "text\n");
+}
+
 TEST_F(SecureExecTest, InterruptedWaitsAreRepeated) {
   const Fault fault("waitid", EINTR, 0, 3);
   EXPECT_EQ(RunScript("exit 3"), 3);
@@ -406,7 +432,6 @@ void RunMany(int count, int* failures) {
   }
 }
 
-// A thread that was joined may be listed for a moment more, before the runs as well as after them.
 // Whether a library could have opened a descriptor, not marked yet, when the child was made.
 bool wasOpenToLibraries = true;
 

@@ -229,6 +229,11 @@ TEST_F(SettingsFile, MayHoldUnknownKeys) {
   EXPECT_EQ(settings_.AgentHttpPort(), 81);
 }
 
+TEST_F(SettingsFile, MayHaveTextBehindItsObject) {
+  EXPECT_TRUE(Load(R"({"agentUser": "nobody"} and more)"));
+  EXPECT_EQ(settings_.AgentUser(), "nobody");
+}
+
 TEST_F(SettingsFile, KeepsEarlierValuesOfKeysThatItLacks) {
   EXPECT_TRUE(Load(R"({"agentUser": "first", "agentDstPort": 80})"));
   EXPECT_TRUE(Load(R"({"agentPrefix": "/second"})"));

@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -174,6 +175,37 @@ TEST_F(CrashHandlerTest, ASecondRegistrationChangesNothing) {
                 }),
                 SIGSEGV);
   EXPECT_NE(Record(), "");
+}
+
+TEST_F(CrashHandlerTest, TheHandlerRunsOnTheThreadsStackAndBlocksNothingElse) {
+  constexpr int kLibrarysOwn = 0x04000000;  // SA_RESTORER, where there is one
+  Mirel::RegisterCrashHandler("program");
+  for (const int number : {SIGSEGV, SIGABRT, SIGILL, SIGFPE, SIGBUS, SIGSYS}) {
+    struct sigaction action = {};
+    ASSERT_EQ(::sigaction(number, nullptr, &action), 0);
+    EXPECT_EQ(action.sa_flags & ~kLibrarysOwn, SA_SIGINFO);
+    for (int other = 1; other < 32; ++other) {
+      EXPECT_EQ(sigismember(&action.sa_mask, other), 0) << other;
+    }
+  }
+}
+
+TEST_F(CrashHandlerTest, TheTimeOfTheRecordIsUtc) {
+  const auto minute = [](std::time_t time) {
+    tm utc = {};
+    ::gmtime_r(&time, &utc);
+    char text[25] = {};
+    std::strftime(text, sizeof text, "(%Y-%m-%d %H:%M", &utc);
+    return std::string(text);
+  };
+  const std::time_t before = std::time(nullptr);
+  ExpectEndedBy(Crash([] {
+                  ::setenv("TZ", "XYZ-5:30", 1);
+                  ::tzset();
+                  CrashHere(SIGSEGV);
+                }),
+                SIGSEGV);
+  EXPECT_THAT(Record().substr(0, 17), testing::AnyOf(minute(before), minute(std::time(nullptr))));
 }
 
 TEST_F(CrashHandlerTest, OtherSignalsAreNotHandled) {

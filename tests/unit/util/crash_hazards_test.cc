@@ -158,6 +158,19 @@ TEST_F(CrashHazards, ACrashWhileAnotherThreadIsLoggingForGoodIsEndedByTheAlarm) 
   ExpectNotReported();
 }
 
+TEST_F(CrashHazards, ARecordThatHangsIsEndedByTheAlarmThoughThatCameBlocked) {
+  ASSERT_EQ(::mkfifo(RecordPath().c_str(), 0600), 0);  // nobody reads it
+  const int status = Crash([] {
+    sigset_t alarm;
+    sigemptyset(&alarm);
+    sigaddset(&alarm, SIGALRM);
+    ::pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
+    ::raise(SIGSEGV);
+  });
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+  ExpectNotReported();
+}
+
 TEST_F(CrashHazards, FaultsInTwoThreadsAtOnceEndTheProcess) {
   for (int i = 0; i < 20; ++i) {
     const int status = Crash([] {

@@ -1,23 +1,28 @@
 // Where the lines of the log go: console, system log and file, and what opens and shuts each. What
 // a line looks like is in log_line_test.cc.
 
+#include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include "support/faults.h"
 #include "support/syslog_recorder.h"
 #include "support/temporary_directory.h"
+#include "util/descriptor.h"
 #include "util/log.h"
 
 namespace {
@@ -202,6 +207,13 @@ TEST_F(LogConsole, GetsEachLineWithALineFeedAndFlushed) {
   EXPECT_THAT(ConsoleLines(), ElementsAre("INFO: void F: first", "ERROR: void F: second"));
 }
 
+TEST_F(LogConsole, IsTriedAgainAfterAFailure) {
+  Open("test", "", kInfo, kOn, kOff, kOff);
+  std::clog.setstate(std::ios::badbit);
+  Message2(kInfo, "", "text");
+  EXPECT_THAT(ConsoleLines(), ElementsAre("INFO: text"));
+}
+
 TEST_F(LogConsole, GetsNothingWhenOff) {
   Open("test", path_, kInfo, kOff, kOn, kOn);
   Message2(kError, "", "text");
@@ -292,6 +304,35 @@ TEST_F(LogSinks, AreServedInTheOrderConsoleSystemLogFile) {
 TEST_F(LogFileSink, IsCreatedAtOnce) {
   Open("test", path_, kInfo, kOff, kOff, kOn);
   EXPECT_TRUE(fs::exists(path_));
+}
+
+TEST_F(LogFileSink, MayBeReadAndWrittenByAllWhomTheUmaskLets) {
+  ::umask(0);
+  Open("test", path_, kInfo, kOff, kOff, kOn);
+  EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0666));
+}
+
+TEST_F(LogFileSink, MayBeASlowTerminal) {
+  constexpr size_t kLines = 2000;
+  const stdext::descriptor terminal(::posix_openpt(O_RDWR | O_NOCTTY));
+  ASSERT_TRUE(terminal.is_open() && ::grantpt(terminal.get()) == 0 &&
+              ::unlockpt(terminal.get()) == 0);
+  char name[100] = {};
+  ASSERT_EQ(::ptsname_r(terminal.get(), name, sizeof name), 0);
+  Open("test", name, kInfo, kOff, kOff, kOn);
+  std::thread writer([] {
+    for (size_t i = 0; i < kLines; ++i) {
+      Message2(kInfo, "", "a line of more than sixty characters, as most of the log's have");
+    }
+  });
+  size_t lines = 0;
+  char buffer[4096];
+  for (ssize_t count = 1; lines < kLines && count > 0;) {
+    count = ::read(terminal.get(), buffer, sizeof buffer);
+    lines += static_cast<size_t>(std::count(buffer, buffer + std::max<ssize_t>(count, 0), '\n'));
+  }
+  writer.join();
+  EXPECT_TRUE(Orx::Log::Detail::LogFile().IsGood());
 }
 
 TEST_F(LogFileSink, IsAppendedToAndNeverTruncated) {
