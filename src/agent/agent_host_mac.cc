@@ -19,7 +19,7 @@ constexpr unsigned long kMaxDeviceListSize = 1048576;
 constexpr const char* kGetJsonFromFile =
     "bool tavlo::{anonymous}::GetJsonFromFile(const std::string&, rapidjson::Document*)";
 
-bool GetJsonFromFile(const std::string& path, rapidjson::Document* doc) {
+bool GetJsonFromFile(const std::string& path, DeviceList* doc) {
   const stdext::file file(path);
   std::string text;
   const Orx::Status status = file.read(kMaxDeviceListSize, &text);
@@ -61,7 +61,7 @@ void SendText(evhttp_request* req, const std::string& text) {
 
 void AgentHost::ApiGetMac(evhttp_request* req) {
   const std::string ip = PeerAddress(req);
-  rapidjson::Document doc;
+  DeviceList doc;
   if (!GetJsonFromFile(deviceDiscoveryPath_, &doc)) {
     evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
     return;

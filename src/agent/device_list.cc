@@ -1,14 +1,19 @@
 #include "agent/device_list.h"
 
+#include <algorithm>
+#include <cstring>
+
 #include <rapidjson/error/en.h>
 
 namespace tavlo {
 
 namespace {
 
+using Value = DeviceList::ValueType;
+
 // The iterative parser calls a text empty that only begins with what cannot begin a value; here
 // that has the name, "Invalid value.", that the library's default parser gives it.
-rapidjson::ParseErrorCode ErrorCode(const rapidjson::Document& doc, const std::string& text) {
+rapidjson::ParseErrorCode ErrorCode(const DeviceList& doc, const std::string& text) {
   const size_t offset = doc.GetErrorOffset();
   const bool hasText = offset < text.size() && text[offset] != '\0';
   return doc.GetParseError() == rapidjson::kParseErrorDocumentEmpty && hasText
@@ -17,7 +22,7 @@ rapidjson::ParseErrorCode ErrorCode(const rapidjson::Document& doc, const std::s
 }
 
 // The member of that name, or null when there is none or `object` is not an object.
-const rapidjson::Value* Member(const rapidjson::Value& object, const char* name) {
+const Value* Member(const Value& object, const char* name) {
   if (!object.IsObject()) {
     return nullptr;
   }
@@ -25,12 +30,12 @@ const rapidjson::Value* Member(const rapidjson::Value& object, const char* name)
   return member != object.MemberEnd() ? &member->value : nullptr;
 }
 
-bool HasAddress(const rapidjson::Value& device, const std::string& ip) {
-  const rapidjson::Value* const addresses = Member(device, "ip");
+bool HasAddress(const Value& device, const std::string& ip) {
+  const Value* const addresses = Member(device, "ip");
   if (addresses == nullptr || !addresses->IsArray()) {
     return false;
   }
-  for (const rapidjson::Value& address : addresses->GetArray()) {
+  for (const Value& address : addresses->GetArray()) {
     if (address.IsString() &&
         ip.compare(0, ip.npos, address.GetString(), address.GetStringLength()) == 0) {
       return true;
@@ -41,7 +46,20 @@ bool HasAddress(const rapidjson::Value& device, const std::string& ip) {
 
 }  // namespace
 
-bool ParseDeviceList(const std::string& text, rapidjson::Document* doc, std::string* error) {
+void* ThrowingAllocator::Malloc(size_t size) {
+  return size != 0 ? ::operator new(size) : nullptr;
+}
+
+void* ThrowingAllocator::Realloc(void* old, size_t oldSize, size_t size) {
+  void* const memory = Malloc(size);
+  if (memory != nullptr && old != nullptr) {
+    std::memcpy(memory, old, std::min(oldSize, size));
+  }
+  Free(old);
+  return memory;
+}
+
+bool ParseDeviceList(const std::string& text, DeviceList* doc, std::string* error) {
   // Iterative: the recursive parser overflows the stack on a file of nothing but brackets.
   doc->Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
   if (!doc->HasParseError()) {
@@ -52,13 +70,13 @@ bool ParseDeviceList(const std::string& text, rapidjson::Document* doc, std::str
   return false;
 }
 
-std::string FindMac(const rapidjson::Document& doc, const std::string& ip) {
-  const rapidjson::Value* const devices = Member(doc, "devices");
+std::string FindMac(const DeviceList& doc, const std::string& ip) {
+  const Value* const devices = Member(doc, "devices");
   if (devices == nullptr || !devices->IsArray()) {
     return {};
   }
-  for (const rapidjson::Value& device : devices->GetArray()) {
-    const rapidjson::Value* const mac = Member(device, "mac");
+  for (const Value& device : devices->GetArray()) {
+    const Value* const mac = Member(device, "mac");
     if (mac != nullptr && mac->IsString() && HasAddress(device, ip)) {
       return {mac->GetString(), mac->GetStringLength()};
     }

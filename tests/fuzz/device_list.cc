@@ -13,7 +13,8 @@ namespace {
 
 constexpr long kDeepest = 500;  // for the recursive parser
 
-std::string Written(const rapidjson::Document& doc) {
+template <typename Document>
+std::string Written(const Document& doc) {
   rapidjson::StringBuffer buffer;
   rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
   doc.Accept(writer);
@@ -24,7 +25,7 @@ std::string Written(const rapidjson::Document& doc) {
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
-  rapidjson::Document doc;
+  tavlo::DeviceList doc;
   std::string error;
   const bool parsed = tavlo::ParseDeviceList(text, &doc, &error);
   fuzz::Require(parsed == error.empty(), "a failure has a text");

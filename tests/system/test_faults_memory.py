@@ -218,6 +218,21 @@ def test_a_refused_allocation_costs_one_request_over_tls_or_ends_the_daemon(root
     assert last
 
 
+def test_a_lock_is_not_kept_for_want_of_memory(root, start, memory):
+    start()
+    for number in range(1, 1000):
+        memory.refuse(number)
+        ask_for_mac(root)
+        refused = memory.refused
+        memory.refuse_none()
+        daemon = running(root, start)
+        daemon.wait_for_no_clients()
+        subprocess.run(["flock", "--nonblock", root.device_list, "true"], check=True)
+        if refused == 0:
+            return
+    raise AssertionError("a request needs more calls than were tried")
+
+
 @pytest.mark.parametrize("tls", [False, True])
 def test_nobody_gets_in_when_allocations_are_refused(root, start, memory, tls):
     """From a certain call on, every one is refused until the request has its answer or none."""
