@@ -212,7 +212,7 @@ def test_a_watchdog_thread_that_cannot_be_started_costs_one_request(root, make_d
     # No room for another thread's stack: more address space is refused from here on.
     used = next(int(line.split()[1]) for line in open(f"/proc/{daemon.pid}/status", encoding="ascii")
                 if line.startswith("VmSize:"))
-    subprocess.run(["prlimit", "--pid", str(daemon.pid), f"--as={(used + 6000) * 1024}:"], check=True)
+    subprocess.run(["prlimit", "--pid", str(daemon.pid), f"--as={(used + 1000) * 1024}:"], check=True)
     answer = change(root)
     assert (answer.status, answer.reason) == (500, "Internal error")
     assert any("Unexpected failure: Resource temporarily unavailable" in text
