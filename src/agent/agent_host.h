@@ -50,8 +50,8 @@ class AgentHost {
   /// Binds 127.0.0.1:`listenPort` at once. `invoker` is not owned and outlives the host; it is used
   /// when `agentDataPath`, the file that hands a request's body to the scripts, is not empty.
   /// `agentDirectory` (no trailing slash) holds mirel.crt and mirel.key, which are read when the
-  /// first TLS connection comes. `heartbeat` is called on the loop thread every 30 seconds. Throws
-  /// std::runtime_error, with the cause, when anything cannot be set up.
+  /// first TLS connection comes. `heartbeat` is called on the loop thread every 30 seconds, and
+  /// after each request. Throws std::runtime_error, with the cause, when anything cannot be set up.
   AgentHost(Orx::HookInvoker* invoker, bool secure, const std::string& agentDataPath,
             const std::string& agentDirectory, const std::string& deviceDiscoveryPath,
             uint16_t listenPort, const std::string& dstAddr, uint16_t dstPort,
@@ -73,18 +73,19 @@ class AgentHost {
   void SetPairingKey(const std::string& key);
 
  private:
-  // A request on its way to the SDK REST host and back.
-  struct Forwarding {
+  // A request that is not answered yet, as libevent's callbacks get it.
+  struct Waiting {
     AgentHost* host;
-    evhttp_request* client;
+    evhttp_request* request;
   };
 
-  // What libevent calls; the last argument is the host, or a Forwarding for a reply.
+  // What libevent calls; the last argument is the host, or a Waiting.
   static void OnInvokerEvent(evutil_socket_t, short, void* host);
   static void OnHeartbeatEvent(evutil_socket_t, short, void* host);
   static bufferevent* OnConnection(event_base* base, void* argument);
   static void OnRequest(evhttp_request* req, void* host);
-  static void OnReply(evhttp_request* reply, void* argument);
+  static void OnDelayedRequest(evutil_socket_t, short, void* waiting);
+  static void OnReply(evhttp_request* reply, void* waiting);
   static void OnDisconnect(evhttp_connection* connection, void* host);
   static void OnAcceptError(evconnlistener* listener, void*);
   static void OnAcceptPauseEnd(evutil_socket_t, short, void* listener);
@@ -104,6 +105,8 @@ class AgentHost {
   bool LoadCertificate();
   bufferevent* SslConnect();
 
+  bool DelayRequest(evhttp_request* req);
+  void HandleRequest(evhttp_request* req);
   void DispatchRequest(evhttp_request* req);
   // Each returns whether the request goes on; one that does not has been answered.
   bool CheckEndpoint(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
@@ -114,6 +117,7 @@ class AgentHost {
                 bool* terminated);
   void Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
   void SetUpConnection();
+  void EndStaleConnection();
   void EndConnectionWithMore();
   void FinishForwarding(evhttp_request* reply, evhttp_request* client);
   static void RelayReply(evhttp_request* reply, evhttp_request* client);
@@ -137,7 +141,7 @@ class AgentHost {
   std::shared_ptr<event> heartbeatEvent_;
   std::unique_ptr<ClientTable> clients_;
   std::shared_ptr<evhttp> http_;
-  std::map<evhttp_request*, Forwarding> forwardings_;  // by the client's request
+  std::map<evhttp_request*, Waiting> forwardings_;  // by the client's request
   std::shared_ptr<evhttp_connection> evcon_;
   int setUpFd_ = -1;  // the descriptor of that connection, once its options are set
   std::shared_ptr<ssl_ctx_st> sslCtx_;

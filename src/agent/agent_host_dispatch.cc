@@ -1,11 +1,15 @@
 // What happens to a request: the checks, in their order, and its way to the SDK REST host and back.
 
 #include <algorithm>
+#include <cerrno>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
+#include <event2/event.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -42,21 +46,68 @@ void JoinPieces(evhttp_connection* connection) {
   }
 }
 
+// libevent goes on reading from a client that it writes to, to see it go. Requests that come
+// meanwhile would be held without a limit, and a client that has sent its last would lose the
+// answer. Reading begins again with the next request.
+void StopReading(evhttp_connection* client) {
+  bufferevent_disable(evhttp_connection_get_bufferevent(client), EV_READ);
+}
+
+bool WaitsToContinue(evhttp_request* req) {
+  return evhttp_find_header(evhttp_request_get_input_headers(req), "Expect") != nullptr;
+}
+
 }  // namespace
 
-// Answering or forwarding a request is the last thing that its handling does, so that a request
-// whose handling threw still waits for its answer.
 void AgentHost::OnRequest(evhttp_request* req, void* host) {
   auto* const self = static_cast<AgentHost*>(host);
   self->clients_->OnRequest(evhttp_request_get_connection(req));
-  if (!RunGuarded(__PRETTY_FUNCTION__, [&] { self->DispatchRequest(req); })) {
-    evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
+  if (!self->secure_ || !WaitsToContinue(req) || !self->DelayRequest(req)) {
+    self->HandleRequest(req);
   }
 }
 
-void AgentHost::OnReply(evhttp_request* reply, void* argument) {
-  const Forwarding forwarding = *static_cast<Forwarding*>(argument);
-  forwarding.host->FinishForwarding(reply, forwarding.client);
+// Over TLS libevent learns a moment later that its "100 Continue" has been written. It would take
+// that for the end of an answer that is made before, and drop it.
+bool AgentHost::DelayRequest(evhttp_request* req) {
+  constexpr timeval kAtOnce = {0, 0};
+  auto* const waiting = new (std::nothrow) Waiting{this, req};
+  if (waiting == nullptr ||
+      event_base_once(base_.get(), -1, EV_TIMEOUT, OnDelayedRequest, waiting, &kAtOnce) != 0) {
+    delete waiting;
+    return false;
+  }
+  clients_->Hold(evhttp_request_get_connection(req));
+  return true;
+}
+
+void AgentHost::OnDelayedRequest(evutil_socket_t, short, void* waiting) {
+  const std::unique_ptr<Waiting> delayed(static_cast<Waiting*>(waiting));
+  evhttp_connection* const client = evhttp_request_get_connection(delayed->request);
+  if (client == nullptr) {
+    evhttp_request_free(delayed->request);  // it has gone meanwhile
+    return;
+  }
+  delayed->host->clients_->Release(client);
+  delayed->host->HandleRequest(delayed->request);
+}
+
+// Answering or forwarding a request is the last thing in here that may throw, so that a request
+// whose handling threw still waits for its answer.
+void AgentHost::HandleRequest(evhttp_request* req) {
+  evhttp_connection* const client = evhttp_request_get_connection(req);
+  if (!RunGuarded(__PRETTY_FUNCTION__, [&] { DispatchRequest(req); })) {
+    evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
+  }
+  StopReading(client);
+  // Many slow requests at once, a script each, hold up the timers of the loop: a request that is
+  // done is a sign of life too.
+  RunGuarded(__PRETTY_FUNCTION__, [this] { heartbeat_(); });
+}
+
+void AgentHost::OnReply(evhttp_request* reply, void* waiting) {
+  const Waiting forwarded = *static_cast<Waiting*>(waiting);
+  forwarded.host->FinishForwarding(reply, forwarded.request);
 }
 
 void AgentHost::DispatchRequest(evhttp_request* req) {
@@ -143,10 +194,11 @@ void AgentHost::Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_
   const std::string target = agentPrefix_ + uri;
 
   int result = -1;
-  Forwarding& forwarding = forwardings_[req];
-  forwarding = {this, req};
-  clients_->BeginForwarding(evhttp_request_get_connection(req));
-  evhttp_request* const forwarded = evhttp_request_new(OnReply, &forwarding);
+  EndStaleConnection();
+  Waiting& waiting = forwardings_[req];
+  waiting = {this, req};
+  clients_->Hold(evhttp_request_get_connection(req));
+  evhttp_request* const forwarded = evhttp_request_new(OnReply, &waiting);
   if (forwarded != nullptr) {
     evkeyvalq* const headers = evhttp_request_get_output_headers(forwarded);
     evhttp_add_header(headers, "Content-Length", lengthText.c_str());
@@ -160,7 +212,7 @@ void AgentHost::Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_
   // Otherwise the reply callback will run, or has run already.
   if (result < 0) {
     forwardings_.erase(req);
-    clients_->EndForwarding(evhttp_request_get_connection(req));
+    clients_->Release(evhttp_request_get_connection(req));
     Orx::Log::Message2(Orx::Log::kError, kDispatchRequest,
                        "Failed in forwarding the http req to SDK REST host");
     evhttp_send_error(req, HTTP_INTERNAL, kCannotForward);
@@ -179,6 +231,21 @@ void AgentHost::SetUpConnection() {
   stdext::set_close_on_exec(fd);
   ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   setUpFd_ = fd;
+}
+
+// While a script ran or a lock was waited for, the loop has not seen what came over an idle
+// connection: that the SDK REST host has closed it, mostly. libevent would send the request into
+// it all the same.
+void AgentHost::EndStaleConnection() {
+  bufferevent* const connection = evhttp_connection_get_bufferevent(evcon_.get());
+  const int fd = bufferevent_getfd(connection);
+  if (!forwardings_.empty() || fd < 0) {
+    return;
+  }
+  char next = 0;
+  if (::recv(fd, &next, sizeof next, MSG_PEEK | MSG_DONTWAIT) >= 0 || errno != EAGAIN) {
+    bufferevent_trigger_event(connection, BEV_EVENT_READING | BEV_EVENT_EOF, 0);
+  }
 }
 
 void AgentHost::OnDisconnect(evhttp_connection* /*connection*/, void* host) {
@@ -203,7 +270,7 @@ void AgentHost::FinishForwarding(evhttp_request* reply, evhttp_request* client) 
   forwardings_.erase(client);
   // Null when the client has gone; its request goes with the answer then.
   evhttp_connection* const connection = evhttp_request_get_connection(client);
-  clients_->EndForwarding(connection);
+  clients_->Release(connection);
   // libevent may already have connected anew for the next request in its queue. A connect that
   // failed does not reach OnDisconnect: a missing or empty reply is its only sign.
   if (reply == nullptr || evhttp_request_get_response_code(reply) == 0) {
@@ -214,6 +281,9 @@ void AgentHost::FinishForwarding(evhttp_request* reply, evhttp_request* client) 
   SetUpConnection();
   if (!RunGuarded(__PRETTY_FUNCTION__, [&] { RelayReply(reply, client); })) {
     evhttp_send_error(client, HTTP_INTERNAL, kInternalError);
+  }
+  if (connection != nullptr) {
+    StopReading(connection);
   }
   if (secure_ && connection != nullptr) {
     JoinPieces(connection);

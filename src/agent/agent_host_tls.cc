@@ -58,6 +58,8 @@ void AgentHost::InitSsl() {
   SSL_CTX_set_options(context, SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1 | SSL_OP_NO_RENEGOTIATION);
   // An idle connection gives its buffers back, 34 KiB.
   SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS);
+  // Or one client that sends nothing but records without data would keep the loop in one read.
+  SSL_CTX_clear_mode(context, SSL_MODE_AUTO_RETRY);
   SSL_CTX_set_default_passwd_cb(context, RefusePassPhrase);
 
   EC_KEY* const key = EcdhKey();

@@ -131,12 +131,24 @@ void ClientTable::Count(Client* client, evbuffer* input, size_t added) {
     evbuffer_drain(input, length);
     return;
   }
+  if (client->isHeld) {
+    return;  // a little that TLS had to read for a write
+  }
   const size_t lines = std::min(kMaxHeaders, client->lines + CountLines(input, length, added));
   SetUnfinished(client, client->unfinished + added + (lines - client->lines) * kHeaderOverhead);
   client->lines = lines;
   if (unfinished_ > kMaxUnfinished) {
     EndLargest(client);
   }
+}
+
+// What has come behind a request is of the next one.
+void ClientTable::CountRest(Client* client) {
+  evbuffer* const input =
+      bufferevent_get_input(evhttp_connection_get_bufferevent(client->connection));
+  client->lines = 0;
+  SetUnfinished(client, 0);
+  Count(client, input, evbuffer_get_length(input));
 }
 
 void ClientTable::SetUnfinished(Client* client, size_t bytes) {
@@ -147,25 +159,33 @@ void ClientTable::SetUnfinished(Client* client, size_t bytes) {
 void ClientTable::OnRequest(evhttp_connection* connection) {
   const auto found = clients_.find(connection);
   if (found != clients_.end()) {
-    Client& client = found->second;
-    client.turn = ++turns_;
-    client.lines = 0;
-    SetUnfinished(&client, 0);
-  }
-}
-
-void ClientTable::BeginForwarding(evhttp_connection* connection) {
-  const auto found = clients_.find(connection);
-  if (found != clients_.end()) {
-    found->second.isForwarded = true;
-  }
-}
-
-void ClientTable::EndForwarding(evhttp_connection* connection) {
-  const auto found = clients_.find(connection);
-  if (found != clients_.end()) {
-    found->second.isForwarded = false;
     found->second.turn = ++turns_;
+    CountRest(&found->second);
+  }
+}
+
+void ClientTable::Hold(evhttp_connection* connection) {
+  const auto found = clients_.find(connection);
+  if (found == clients_.end()) {
+    return;
+  }
+  found->second.isHeld = true;
+  SetUnfinished(&found->second, 0);
+  // libevent would abort the process if it were told of input now, as TLS may do.
+  bufferevent* const input = evhttp_connection_get_bufferevent(connection);
+  bufferevent_data_cb onWritten = nullptr;
+  bufferevent_event_cb onEvent = nullptr;
+  void* argument = nullptr;
+  bufferevent_getcb(input, nullptr, &onWritten, &onEvent, &argument);
+  bufferevent_setcb(input, nullptr, onWritten, onEvent, argument);
+}
+
+void ClientTable::Release(evhttp_connection* connection) {
+  const auto found = clients_.find(connection);
+  if (found != clients_.end()) {
+    found->second.isHeld = false;
+    found->second.turn = ++turns_;
+    CountRest(&found->second);
   }
 }
 
@@ -173,8 +193,7 @@ void ClientTable::EndLongestWaiting() {
   Client* longest = nullptr;
   for (auto& entry : clients_) {
     Client& client = entry.second;
-    if (!client.isCut && !client.isForwarded &&
-        (longest == nullptr || client.turn < longest->turn)) {
+    if (!client.isCut && !client.isHeld && (longest == nullptr || client.turn < longest->turn)) {
       longest = &client;
     }
   }
@@ -184,8 +203,8 @@ void ClientTable::EndLongestWaiting() {
   }
 }
 
-// `reading` is the client whose input is being read. One that is forwarded is never the largest:
-// libevent reads nothing from it meanwhile.
+// `reading` is the client whose input is being read. One that is held is never the largest: nothing
+// of it is counted.
 void ClientTable::EndLargest(Client* reading) {
   Client& largest =
       std::max_element(clients_.begin(), clients_.end(), [](const auto& a, const auto& b) {

@@ -48,11 +48,12 @@ class ClientTable {
   /// Tells of a request that has come whole; what it takes is the host's from now on.
   void OnRequest(evhttp_connection* connection);
 
-  /// From now on the connection is not ended to make room: its request waits for the reply.
-  void BeginForwarding(evhttp_connection* connection);
+  /// The connection's request waits: from now on it is not ended to make room, and what should come
+  /// meanwhile is left where it is.
+  void Hold(evhttp_connection* connection);
 
-  /// It may be ended again. `connection` is null when the client has gone meanwhile.
-  void EndForwarding(evhttp_connection* connection);
+  /// Ends that. `connection` is null when the client has gone meanwhile.
+  void Release(evhttp_connection* connection);
 
  private:
   struct Client {
@@ -61,7 +62,7 @@ class ClientTable {
     uint64_t turn = 0;      // the larger, the later its last request
     size_t unfinished = 0;  // what the request that is coming in takes, in bytes
     size_t lines = 0;       // of that request
-    bool isForwarded = false;
+    bool isHeld = false;
     bool isCut = false;
   };
 
@@ -71,6 +72,7 @@ class ClientTable {
 
   void TakeIn(bufferevent* connection);
   void Count(Client* client, evbuffer* input, size_t added);
+  void CountRest(Client* client);
   void SetUnfinished(Client* client, size_t bytes);
   void EndLongestWaiting();
   void EndLargest(Client* reading);

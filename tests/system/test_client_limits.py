@@ -4,6 +4,7 @@ stays small, and goes on serving the others."""
 import resource
 import ssl
 import threading
+import time
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
@@ -207,6 +208,42 @@ def test_the_largest_unfinished_request_makes_room(root, daemon, sdk_host):
     assert daemon.count_in_log(TOO_MUCH) == 1
     for client in (small, elsewhere, large, *others):
         client.close()
+
+
+@pytest.mark.parametrize("tls", [False, True])
+@pytest.mark.parametrize("uri", ["/api/mac", "/api/1/router-info"])
+def test_requests_that_come_before_their_turn_are_left_outside(root, daemon, sdk_host, tls, uri):
+    requests = (f"GET {uri} HTTP/1.1\r\nPairingKey: {PAIRING_KEY}\r\n\r\n" * 2000).encode()
+    port = root.https_port if tls else root.http_port
+    end = time.monotonic() + 4
+
+    def send_and_read(connection):
+        connection.settimeout(0.001)
+        while time.monotonic() < end:
+            for step in (lambda: connection.send(requests), lambda: connection.recv(MIB)):
+                try:
+                    step()
+                except (TimeoutError, ssl.SSLWantReadError, ssl.SSLWantWriteError):
+                    pass
+
+    clients = [connect(port, tls) for _ in range(4)]
+    with ThreadPoolExecutor(len(clients)) as pool:
+        list(pool.map(send_and_read, clients))
+    assert_small(daemon)
+    for client in clients:
+        client.close()
+    assert_serving(root)
+
+
+def test_heads_that_come_before_their_turn_count_as_what_they_will_take(root, daemon):
+    # Each header takes some hundred bytes, however short its line.
+    part = b"GET /api/mac HTTP/1.1\r\n\r\n" + b"GET /api/mac HTTP/1.1\r\n" + b"a:\n" * 5000
+    clients = [send_part(root.http_port, part) for _ in range(100)]
+    daemon.wait_for_log(TOO_MUCH)
+    assert_small(daemon)
+    for client in clients:
+        client.close()
+    assert_serving(root)
 
 
 def test_what_was_answered_counts_no_more(root, daemon, sdk_host):

@@ -92,6 +92,34 @@ def test_a_connection_that_was_dropped_while_idle_is_made_again(root, daemon):
                    "the end of the connections to the destination")
 
 
+@pytest.mark.parametrize("unasked", [b"", b"HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nothers"])
+def test_a_connection_that_was_dropped_while_a_script_ran_is_made_again(root, make_daemon, unasked):
+    running, go_on = root.directory / "running", root.directory / "go_on"
+    root.settings["agentDataPath"] = str(root.agent_data)
+    root.write_hook(root.internal_hooks, "10-wait",
+                    f"#!/bin/sh\ntouch {running}\nwhile [ ! -e {go_on} ]; do sleep 0.02; done\n")
+    make_daemon().start()
+    go_on.touch()
+    connections = []
+
+    def behave(connection):
+        connections.append(connection)
+        answering(answer_bytes(b"own"))(connection)
+
+    with Destination(root.destination_port, behave) as destination, ThreadPoolExecutor(1) as pool:
+        assert ask_plain(root).status == 200
+        for path in (running, go_on):
+            path.unlink()
+        answer = pool.submit(ask_plain, root)
+        wait_until(running.exists, "the script")
+        if unasked:
+            connections[0].sendall(unasked)
+        destination.drop()
+        go_on.touch()
+        assert (answer.result().status, answer.result().body) == (200, b"own")
+        assert destination.accepted == 2
+
+
 def test_a_destination_that_was_restarted_is_found_on_the_same_port(root, daemon):
     for _ in range(5):
         with SdkRestHost(root.destination_port):

@@ -2,9 +2,11 @@
 suffer."""
 
 import os
+import shutil
 import socket
 import ssl
 import subprocess
+from pathlib import Path
 
 import pytest
 
@@ -79,6 +81,24 @@ def test_a_client_may_change_its_keys(root, daemon, sdk_host, command):
     assert len(sdk_host.requests) == 1
     daemon.wait_for_no_clients()
     assert_serving(root)
+
+
+@pytest.mark.skipif(shutil.which("cc") is None, reason="needs cc, for a client of its own")
+def test_a_client_that_sends_records_without_end_does_not_hold_up_others(root, daemon, tmp_path):
+    program = tmp_path / "key_update_flood"
+    source = Path(__file__).with_name("key_update_flood.c")
+    subprocess.run(["cc", "-O2", "-o", program, source, "-lssl", "-lcrypto"], check=True)
+    floods = [subprocess.Popen([program, str(root.https_port)]) for _ in range(2)]
+    try:
+        wait_until(lambda: len(daemon.client_connections()) >= len(floods), "the clients")
+        for _ in range(100):
+            assert ask(root.https_port, "GET", "/api/mac", tls=True).status == 200
+        assert [flood.poll() for flood in floods] == [None, None]
+    finally:
+        for flood in floods:
+            flood.kill()
+            flood.wait()
+    daemon.wait_for_no_clients()
 
 
 def test_plain_text_on_the_tls_port_gets_nothing(root, daemon, sdk_host):

@@ -211,6 +211,12 @@ def test_requests_of_several_clients_are_answered_in_turn(root, daemon, sdk_host
                     answer.body.decode()
 
 
+def test_a_client_that_has_sent_its_last_gets_a_large_answer_whole(root, daemon):
+    with Destination(root.destination_port, answering(answer_bytes(b"x" * 3500000))):
+        answer = exchange(root.http_port, b"GET /api/version HTTP/1.1\r\n\r\n")
+    assert answer.endswith(b"\r\n\r\n" + b"x" * 3500000)
+
+
 def test_a_client_of_http_1_0_is_served(root, daemon, sdk_host):
     answer = exchange(root.http_port, b"GET /api/version HTTP/1.0\r\n\r\n")
     assert answer.startswith(b"HTTP/1.0 200 OK\r\n")

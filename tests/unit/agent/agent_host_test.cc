@@ -1,5 +1,6 @@
 #include "agent/agent_host.h"
 
+#include <atomic>
 #include <cerrno>
 #include <memory>
 #include <ostream>
@@ -202,8 +203,20 @@ TEST_F(AgentHostTest, ARequestWhoseHandlingThrowsIsAnsweredAndTheCauseLogged) {
   const std::string answer = Get("/api/version");
   EXPECT_THAT(answer, StartsWith("HTTP/1.1 500 Internal error\r\n"));
   EXPECT_THAT(log_.Messages(),
-              Contains(AllOf(StartsWith("ERROR: static void tavlo::AgentHost::OnRequest: "),
+              Contains(AllOf(StartsWith("ERROR: void tavlo::AgentHost::HandleRequest: "),
                              HasSubstr("Unexpected failure: basic_string"))));
+}
+
+TEST_F(AgentHostTest, EachRequestIsASignOfLife) {
+  static std::atomic<int> beats(0);
+  static auto* const host =
+      new tavlo::AgentHost(nullptr, false, "", directory_.Path(), "", port_, "127.0.0.1",
+                           test::FreePort(), "", [] { ++beats; });
+  std::thread([] { host->Run(); }).detach();
+  for (int requests = 1; requests < 4; ++requests) {
+    Get("/elsewhere");
+    EXPECT_TRUE(test::WaitUntil([&] { return beats == requests; }));
+  }
 }
 
 TEST_F(AgentHostTest, AConnectionThatIsRefusedOnceIsAcceptedASecondLater) {
