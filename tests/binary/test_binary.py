@@ -71,6 +71,10 @@ def test_it_tells_its_version():
     assert f'{{"name":"tavlo","version":"{version}"}}' in readelf("--notes")
 
 
+def test_its_debug_file_can_be_found():
+    assert re.search(r"Build ID: [0-9a-f]{40}", readelf("--notes"))
+
+
 def test_it_is_position_independent():
     assert re.search(r"Type: +DYN \(Position-Independent Executable file\)", readelf("-h"))
 
