@@ -178,12 +178,14 @@ TEST_F(CrashHandlerTest, ASecondRegistrationChangesNothing) {
 }
 
 TEST_F(CrashHandlerTest, TheHandlerRunsOnTheThreadsStackAndBlocksNothingElse) {
-  constexpr int kLibrarysOwn = 0x04000000;  // SA_RESTORER, where there is one
+  constexpr unsigned long kLibrarysOwn = 0x04000000;  // SA_RESTORER, where there is one
   Mirel::RegisterCrashHandler("program");
   for (const int number : {SIGSEGV, SIGABRT, SIGILL, SIGFPE, SIGBUS, SIGSYS}) {
     struct sigaction action = {};
     ASSERT_EQ(::sigaction(number, nullptr, &action), 0);
-    EXPECT_EQ(action.sa_flags & ~kLibrarysOwn, SA_SIGINFO);
+    // Its type differs from one C library to another.
+    const auto flags = static_cast<unsigned long>(action.sa_flags);
+    EXPECT_EQ(flags & ~kLibrarysOwn, static_cast<unsigned long>(SA_SIGINFO));
     for (int other = 1; other < 32; ++other) {
       EXPECT_EQ(sigismember(&action.sa_mask, other), 0) << other;
     }
