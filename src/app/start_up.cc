@@ -1,5 +1,6 @@
 #include "app/start_up.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -118,5 +119,6 @@ void PrintConfigValue(const std::string& configPath, const std::string& key) {
     std::exit(EXIT_FAILURE);
   }
   std::cout << value << std::endl;
-  std::exit(std::cout ? EXIT_SUCCESS : EXIT_FAILURE);
+  // Not every C library tells the stream of a failure.
+  std::exit(std::cout && std::ferror(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE);
 }

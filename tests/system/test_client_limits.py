@@ -99,7 +99,7 @@ def test_a_thousand_clients_that_do_not_go_on(root, daemon, begin):
         if number % 200 == 199:
             assert_serving(root)
     assert_serving(root)
-    assert len(daemon.client_connections()) <= MOST_CLIENTS + 2
+    wait_until(lambda: len(daemon.client_connections()) <= MOST_CLIENTS + 2, "the end of the others")
     assert_small(daemon)
     for client in clients:
         client.close()
@@ -237,7 +237,8 @@ def test_requests_that_come_before_their_turn_are_left_outside(root, daemon, sdk
 
 def test_heads_that_come_before_their_turn_count_as_what_they_will_take(root, daemon):
     # Each header takes some hundred bytes, however short its line.
-    part = b"GET /api/mac HTTP/1.1\r\n\r\n" + b"GET /api/mac HTTP/1.1\r\n" + b"a:\n" * 5000
+    # As much as libevent reads in one go: all of it has come when the first request is taken up.
+    part = b"GET /api/mac HTTP/1.1\r\n\r\n" + b"GET /api/mac HTTP/1.1\r\n" + b"a:\n" * 1330
     clients = [send_part(root.http_port, part) for _ in range(100)]
     daemon.wait_for_log(TOO_MUCH)
     assert_small(daemon)
@@ -250,6 +251,8 @@ def test_what_was_answered_counts_no_more(root, daemon, sdk_host):
     with Client(root.http_port) as client:
         for _ in range(150):
             assert client.ask("PATCH", "/api/1/router-ref", b"b" * 32768).status == 200
+        for _ in range(300):
+            assert client.ask("GET", "/api/mac", headers=[("X", "x" * 15000)]).status == 200
     assert daemon.count_in_log(TOO_MUCH) == 0
 
 
