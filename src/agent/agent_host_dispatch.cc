@@ -46,13 +46,6 @@ void JoinPieces(evhttp_connection* connection) {
   }
 }
 
-// libevent goes on reading from a client that it writes to, to see it go. Requests that come
-// meanwhile would be held without a limit, and a client that has sent its last would lose the
-// answer. Reading begins again with the next request.
-void StopReading(evhttp_connection* client) {
-  bufferevent_disable(evhttp_connection_get_bufferevent(client), EV_READ);
-}
-
 bool WaitsToContinue(evhttp_request* req) {
   return evhttp_find_header(evhttp_request_get_input_headers(req), "Expect") != nullptr;
 }
@@ -99,7 +92,7 @@ void AgentHost::HandleRequest(evhttp_request* req) {
   if (!RunGuarded(__PRETTY_FUNCTION__, [&] { DispatchRequest(req); })) {
     evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
   }
-  StopReading(client);
+  clients_->StopReading(client);
   // Many slow requests at once, a script each, hold up the timers of the loop: a request that is
   // done is a sign of life too.
   RunGuarded(__PRETTY_FUNCTION__, [this] { heartbeat_(); });
@@ -282,9 +275,7 @@ void AgentHost::FinishForwarding(evhttp_request* reply, evhttp_request* client) 
   if (!RunGuarded(__PRETTY_FUNCTION__, [&] { RelayReply(reply, client); })) {
     evhttp_send_error(client, HTTP_INTERNAL, kInternalError);
   }
-  if (connection != nullptr) {
-    StopReading(connection);
-  }
+  clients_->StopReading(connection);
   if (secure_ && connection != nullptr) {
     JoinPieces(connection);
   }

@@ -189,6 +189,12 @@ void ClientTable::Release(evhttp_connection* connection) {
   }
 }
 
+void ClientTable::StopReading(evhttp_connection* connection) {
+  if (clients_.count(connection) != 0) {
+    bufferevent_disable(evhttp_connection_get_bufferevent(connection), EV_READ);
+  }
+}
+
 void ClientTable::EndLongestWaiting() {
   Client* longest = nullptr;
   for (auto& entry : clients_) {

@@ -55,6 +55,12 @@ class ClientTable {
   /// Ends that. `connection` is null when the client has gone meanwhile.
   void Release(evhttp_connection* connection);
 
+  /// To be called once an answer has been handed to libevent, which goes on reading from a client
+  /// that it writes to, to see it go. Requests that come meanwhile would be held without a limit,
+  /// and a client that has sent its last would lose the answer. Reading begins again with the next
+  /// request. `connection` may be null, or have ended.
+  void StopReading(evhttp_connection* connection);
+
  private:
   struct Client {
     ClientTable* table = nullptr;

@@ -136,6 +136,9 @@ TEST_F(CrashHazards, AFileThatIsThereKeepsItsModeAndItsContent) {
 // --- threads ---
 
 TEST_F(CrashHazards, ACrashWhileAnotherThreadIsLoggingForGoodIsEndedByTheAlarm) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "ThreadSanitizer keeps the alarm back while the handler waits for a lock";
+#endif
   const auto start = std::chrono::steady_clock::now();
   const int status = Crash([] {
     std::atomic<bool> held(false);
