@@ -4,17 +4,27 @@ import ctypes
 import os
 import re
 import signal
+from pathlib import Path
 
 import pytest
 
 from support.clients import Client, connect
 from support.daemon import DIE_WITH_PARENT
+from support.waiting import wait_until
 
 SIGNALS = [signal.SIGSEGV, signal.SIGABRT, signal.SIGILL, signal.SIGFPE, signal.SIGBUS,
            signal.SIGSYS]
 
 
+def wait_for_rest(pid):
+    """Until its main thread waits: one that is hit while it logs can log no more."""
+    stat = Path(f"/proc/{pid}/stat")
+    wait_until(lambda: stat.read_text(encoding="ascii").rpartition(")")[2].split()[0] == "S",
+               "the rest of the main thread")
+
+
 def crash(daemon, number):
+    wait_for_rest(daemon.pid)
     daemon.send_signal(number)
     assert daemon.process.wait(30) == -number
 
@@ -134,7 +144,9 @@ def test_a_shell_that_supervises_it_sees_128_and_the_signal(root, make_daemon):
         # It listens again each time, on the same ports.
         last = supervisor.wait_for_log(r"\[(\w+)\.\w+\] INFO: void Run: tavlo started$",
                                        count=count)[-1]
-        os.kill(int(last[1], 16), number)
+        pid = int(last[1], 16)
+        wait_for_rest(pid)
+        os.kill(pid, number)
     assert supervisor.wait_for_exit() == 0
     assert statuses.read_text().split() == ["139", "134", "0"]
     assert re.findall(r"due to signal: (\d+)", record_of(root)) == ["11", "6"]
