@@ -172,12 +172,12 @@ void ClientTable::Hold(evhttp_connection* connection) {
   found->second.isHeld = true;
   SetUnfinished(&found->second, 0);
   // libevent would abort the process if it were told of input now, as TLS may do.
-  bufferevent* const input = evhttp_connection_get_bufferevent(connection);
+  bufferevent* const stream = evhttp_connection_get_bufferevent(connection);
   bufferevent_data_cb onWritten = nullptr;
   bufferevent_event_cb onEvent = nullptr;
   void* argument = nullptr;
-  bufferevent_getcb(input, nullptr, &onWritten, &onEvent, &argument);
-  bufferevent_setcb(input, nullptr, onWritten, onEvent, argument);
+  bufferevent_getcb(stream, nullptr, &onWritten, &onEvent, &argument);
+  bufferevent_setcb(stream, nullptr, onWritten, onEvent, argument);
 }
 
 void ClientTable::Release(evhttp_connection* connection) {

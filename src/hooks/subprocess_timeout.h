@@ -25,9 +25,9 @@ struct SubprocessTimeout {
   bool finished = false;  ///< guarded by `mutex`: the child has been seen to exit
 };
 
-/// The watchdog at work on a thread of its own. `Stop` comes before the child is
-/// reaped: until then it is at worst a zombie, so that the signal cannot meet a stranger who was
-/// given its process number.
+/// The watchdog at work on a thread of its own. `Stop` comes before the child is reaped: until then
+/// it is at worst a zombie, so that the signal cannot meet a stranger who was given its process
+/// number.
 class SubprocessWatchdog {
  public:
   /// Throws std::system_error when the system refuses the thread.
