@@ -10,7 +10,6 @@
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <event2/http.h>
-#include <sys/socket.h>
 
 #include "agent/callback_guard.h"
 #include "util/log.h"
@@ -22,10 +21,7 @@ namespace {
 // What libevent allocates for a header, however short its line, in bytes.
 constexpr size_t kHeaderOverhead = 100;
 
-// The most headers that a request can have: a colon is enough for one.
-constexpr size_t kMaxHeaders = kMaxHeadSize;
-
-static_assert(kMaxUnfinished > kMaxHeadSize + kMaxReceivedBody + kMaxHeaders * kHeaderOverhead,
+static_assert(kMaxUnfinished > kMaxHeadSize + kMaxReceivedBody + kMaxLines * kHeaderOverhead,
               "one request by itself must fit");
 
 size_t CountLines(const char* text, size_t length) {
@@ -59,13 +55,14 @@ size_t CountLines(evbuffer* input, size_t length, size_t added) {
 
 }  // namespace
 
-void ClientTable::OnNewConnections(evutil_socket_t, short, void* table) {
+void ClientTable::OnLater(evutil_socket_t, short, void* table) {
   auto* const self = static_cast<ClientTable*>(table);
   for (bufferevent* const connection : self->newConnections_) {
     RunGuarded(__PRETTY_FUNCTION__, [&] { self->TakeIn(connection); });
     bufferevent_decref(connection);
   }
   self->newConnections_.clear();
+  self->EndCut();
 }
 
 void ClientTable::OnInput(evbuffer* input, const evbuffer_cb_info* change, void* client) {
@@ -90,11 +87,11 @@ void ClientTable::OnClose(evhttp_connection* connection, void* table) {
 }
 
 ClientTable::ClientTable(event_base* base) {
-  event* const made = event_new(base, -1, 0, OnNewConnections, this);
+  event* const made = event_new(base, -1, 0, OnLater, this);
   if (made == nullptr) {
     throw std::runtime_error("Failed to init client event errno " + std::to_string(errno));
   }
-  newConnectionsEvent_.reset(made, event_free);
+  laterEvent_.reset(made, event_free);
 }
 
 // libevent sets the connection up only when this has returned, so the rest waits until then. The
@@ -102,7 +99,7 @@ ClientTable::ClientTable(event_base* base) {
 void ClientTable::Add(bufferevent* connection) {
   newConnections_.push_back(connection);
   bufferevent_incref(connection);
-  event_active(newConnectionsEvent_.get(), 0, 0);
+  event_active(laterEvent_.get(), 0, 0);
 }
 
 // Only the callbacks' argument leads from here to libevent's connection, which tells when it ends.
@@ -134,9 +131,8 @@ void ClientTable::Count(Client* client, evbuffer* input, size_t added) {
   if (client->isHeld) {
     return;  // a little that TLS had to read for a write
   }
-  const size_t lines = std::min(kMaxHeaders, client->lines + CountLines(input, length, added));
-  SetUnfinished(client, client->unfinished + added + (lines - client->lines) * kHeaderOverhead);
-  client->lines = lines;
+  const size_t lines = CountLines(input, length, added);
+  SetUnfinished(client, client->unfinished + added + lines * kHeaderOverhead);
   if (unfinished_ > kMaxUnfinished) {
     EndLargest(client);
   }
@@ -146,7 +142,6 @@ void ClientTable::Count(Client* client, evbuffer* input, size_t added) {
 void ClientTable::CountRest(Client* client) {
   evbuffer* const input =
       bufferevent_get_input(evhttp_connection_get_bufferevent(client->connection));
-  client->lines = 0;
   SetUnfinished(client, 0);
   Count(client, input, evbuffer_get_length(input));
 }
@@ -183,9 +178,13 @@ void ClientTable::Hold(evhttp_connection* connection) {
 void ClientTable::Release(evhttp_connection* connection) {
   const auto found = clients_.find(connection);
   if (found != clients_.end()) {
-    found->second.isHeld = false;
-    found->second.turn = ++turns_;
-    CountRest(&found->second);
+    Client& client = found->second;
+    client.isHeld = false;
+    client.turn = ++turns_;
+    CountRest(&client);
+    if (client.isCut) {
+      event_active(laterEvent_.get(), 0, 0);
+    }
   }
 }
 
@@ -224,16 +223,24 @@ void ClientTable::EndLargest(Client* reading) {
   }
 }
 
-// Ends a connection by its socket: libevent cannot cope with the freeing of one that it is reading
-// from.
+// libevent cannot cope with the freeing of a connection that it is reading from.
 void ClientTable::Cut(Client* client) {
   client->isCut = true;
   --served_;
   SetUnfinished(client, 0);
-  bufferevent* const connection = evhttp_connection_get_bufferevent(client->connection);
-  evbuffer* const input = bufferevent_get_input(connection);
+  evbuffer* const input =
+      bufferevent_get_input(evhttp_connection_get_bufferevent(client->connection));
   evbuffer_drain(input, evbuffer_get_length(input));
-  ::shutdown(bufferevent_getfd(connection), SHUT_RDWR);
+  event_active(laterEvent_.get(), 0, 0);
+}
+
+void ClientTable::EndCut() {
+  for (auto next = clients_.begin(); next != clients_.end();) {
+    const auto entry = next++;  // the end of a connection takes it out of the table
+    if (entry->second.isCut && !entry->second.isHeld) {
+      evhttp_connection_free(entry->first);
+    }
+  }
 }
 
 }  // namespace tavlo

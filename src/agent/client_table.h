@@ -17,17 +17,22 @@ namespace tavlo {
 
 /// The largest head of a request, its first line included, in bytes. A larger one is answered 400
 /// by libevent itself.
-constexpr size_t kMaxHeadSize = size_t{16} * 1024;
+constexpr size_t kMaxHeadSize = size_t{64} * 1024;
 
 /// The largest body that is taken in, in bytes. A larger one is answered 413 by libevent itself.
-constexpr size_t kMaxReceivedBody = size_t{2} * 1024 * 1024;
+constexpr size_t kMaxReceivedBody = size_t{4} * 1024 * 1024;
 
 /// How many connections one listener keeps.
 constexpr size_t kMaxClients = 128;
 
 /// What the unfinished requests of all clients of one listener may take, in bytes. A single request
-/// of any size fits, unless its body comes in chunks of a few bytes, whose framing counts too.
-constexpr size_t kMaxUnfinished = size_t{4} * 1024 * 1024;
+/// of any size fits, unless it has more than `kMaxLines` lines, or its body comes in chunks of a
+/// few bytes, whose framing counts too.
+constexpr size_t kMaxUnfinished = size_t{6} * 1024 * 1024;
+
+/// How many lines, of head and body, a request of the largest size may have. Any line may be a
+/// header, which takes much more memory than its bytes.
+constexpr size_t kMaxLines = 20000;
 
 /// The connections of one listener's clients, anybody in the LAN: limits how many there are and how
 /// much memory their unfinished requests take. A new connection beyond the limit ends the one that
@@ -67,12 +72,11 @@ class ClientTable {
     evhttp_connection* connection = nullptr;
     uint64_t turn = 0;      // the larger, the later its last request
     size_t unfinished = 0;  // what the request that is coming in takes, in bytes
-    size_t lines = 0;       // of that request
     bool isHeld = false;
     bool isCut = false;
   };
 
-  static void OnNewConnections(int, short, void* table);
+  static void OnLater(int, short, void* table);
   static void OnInput(evbuffer* input, const evbuffer_cb_info* change, void* client);
   static void OnClose(evhttp_connection* connection, void* table);
 
@@ -83,8 +87,9 @@ class ClientTable {
   void EndLongestWaiting();
   void EndLargest(Client* reading);
   void Cut(Client* client);
+  void EndCut();
 
-  std::shared_ptr<event> newConnectionsEvent_;
+  std::shared_ptr<event> laterEvent_;         // for what cannot be done within libevent's callbacks
   std::vector<bufferevent*> newConnections_;  // references of our own
   std::map<evhttp_connection*, Client> clients_;
   uint64_t turns_ = 0;

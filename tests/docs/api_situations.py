@@ -11,7 +11,7 @@ from support.scratch_root import PAIRING_KEY
 OPEN_ENDPOINT = ("GET", "/api/version")
 ELSEWHERE = ("GET", "/api/1/profiles")
 MAX_BODY = 32768
-MAX_READ_BODY = 2 * 1024 * 1024
+MAX_READ_BODY = 4 * 1024 * 1024
 MAX_WAITING = 100
 
 
@@ -53,7 +53,7 @@ class Situation:
 SITUATIONS = {
     "served": Situation((200, "OK")),
     "a malformed header": Situation((400, "Bad Request"), options={"headers": [("a\r\nb", "c")]}),
-    "a large head": Situation((400, "Bad Request"), options={"headers": [("a", "a" * 16384)]}),
+    "a large head": Situation((400, "Bad Request"), options={"headers": [("a", "a" * 65536)]}),
     "a long body": Situation((400, "Request data too long"),
                              options={"body": b"b" * (MAX_BODY + 1)}),
     "a blank in the path": Situation((400, "Invalid character in the URI"), ("GET", "/api/x y")),

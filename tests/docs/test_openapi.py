@@ -34,7 +34,7 @@ VARIANTS = [
     {}, {"key": ""}, {"key": "guessed"}, {"body": b"b"}, {"body": b"b" * MAX_BODY},
     {"body": b"b" * (MAX_BODY + 1)}, {"length": MAX_READ_BODY + 1},
     {"headers": [("Expect", "the-unexpected")], "body": b"b"},
-    {"headers": [("a", "a" * 16384)]},
+    {"headers": [("a", "a" * 65536)]},
 ]
 
 # Those in which it is the surroundings that change the answer.

@@ -1,11 +1,14 @@
 """More clients, and more of their bytes, than one listener takes: it ends those that it can spare,
 stays small, and goes on serving the others."""
 
+import os
 import resource
+import signal
 import ssl
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
 
 import pytest
 
@@ -74,18 +77,18 @@ HALF_DONE = {
     "half a TLS handshake": send_half_a_handshake,
     "a whole TLS handshake": lambda root: connect(root.https_port, True),
     "half a head": lambda root: send_part(root.http_port, PATCH),
-    "a head full of headers": lambda root: send_part(root.http_port, PATCH + b":\n" * 8000),
+    "a head full of headers": lambda root: send_part(root.http_port, PATCH + b":\n" * 60000),
     "half a body": lambda root: send_part(
-        root.http_port, PATCH + b"Content-Length: 2000000\r\n\r\n" + b"b" * MIB),
+        root.http_port, PATCH + b"Content-Length: 4000000\r\n\r\n" + b"b" * (2 * MIB)),
     "half a body in chunks": lambda root: send_part(
         root.http_port, PATCH + b"Transfer-Encoding: chunked\r\n\r\n" + b"4\r\nbody\r\n" * 60000),
     "a body and trailers": lambda root: send_part(
         root.http_port,
         PATCH + b"Transfer-Encoding: chunked\r\n\r\n10000\r\n" + b"b" * 65536 + b"\r\n0\r\n" +
-        b":\n" * 8000),
-    "half a request in TLS": lambda root: send_part(root.https_port, PATCH + b":\n" * 8000, True),
+        b":\n" * 60000),
+    "half a request in TLS": lambda root: send_part(root.https_port, PATCH + b":\n" * 60000, True),
     "half a body in TLS": lambda root: send_part(
-        root.https_port, PATCH + b"Content-Length: 2000000\r\n\r\n" + b"b" * MIB, True),
+        root.https_port, PATCH + b"Content-Length: 4000000\r\n\r\n" + b"b" * (2 * MIB), True),
 }
 
 
@@ -190,14 +193,14 @@ def test_who_got_its_reply_is_ended_like_others(root, daemon, sdk_host):
 def test_the_largest_unfinished_request_makes_room(root, daemon, sdk_host):
     def begin(size, tls=False):
         port = root.https_port if tls else root.http_port
-        return send_part(port, PATCH + b"Content-Length: 2000000\r\n\r\n" + b"b" * size, tls)
+        return send_part(port, PATCH + b"Content-Length: 4000000\r\n\r\n" + b"b" * size, tls)
 
     # In whatever order it is read: when it becomes too much, the large one is the largest.
-    small = begin(1200000)
+    small = begin(1800000)
     # TLS has a listener of its own, with a measure of its own.
     elsewhere = begin(MIB, tls=True)
-    large = begin(1900000)
-    others = [begin(400000) for _ in range(4)]
+    large = begin(2850000)
+    others = [begin(600000) for _ in range(4)]
     daemon.wait_for_log(TOO_MUCH)
     assert read_to_end(large) == b""
     for client in (small, elsewhere):
@@ -208,6 +211,25 @@ def test_the_largest_unfinished_request_makes_room(root, daemon, sdk_host):
     assert daemon.count_in_log(TOO_MUCH) == 1
     for client in (small, elsewhere, large, *others):
         client.close()
+
+
+@pytest.mark.parametrize("tls", [False, True])
+def test_who_sent_too_much_is_not_read_to_the_end(root, daemon, tls):
+    """What it holds is let go at once: others fill the memory meanwhile."""
+    port = root.https_port if tls else root.http_port
+
+    def send_too_much(client):
+        with pytest.raises((ConnectionError, ssl.SSLEOFError)):
+            client.sendall(PATCH + b":\n" * 8 * MIB)
+
+    clients = [connect(port, tls) for _ in range(20)]
+    with ThreadPoolExecutor(len(clients)) as pool:
+        list(pool.map(send_too_much, clients))
+    assert daemon.count_in_log(TOO_MUCH) == len(clients)
+    assert_small(daemon)
+    for client in clients:
+        client.close()
+    assert_serving(root)
 
 
 @pytest.mark.parametrize("tls", [False, True])
@@ -247,18 +269,48 @@ def test_heads_that_come_before_their_turn_count_as_what_they_will_take(root, da
     assert_serving(root)
 
 
+def is_stopped(pid):
+    return Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0] == "T"
+
+
+def test_who_has_too_much_behind_its_request_is_not_ended_while_it_waits(root, daemon):
+    """The memory is filled by others in the turn of the loop for which the request is put off."""
+    go_on = threading.Event()
+    head = f"GET /api/version HTTP/1.1\r\nPairingKey: {PAIRING_KEY}\r\n".encode()
+    part = PATCH + b":\n" * 1800
+
+    with Destination(root.destination_port, answering_after(go_on, answer_bytes(b"ok"))):
+        others = [send_part(root.https_port, part, tls=True) for _ in range(30)]
+        late = [connect(root.https_port, tls=True) for _ in range(4)]
+        client = connect(root.https_port, tls=True)
+        os.kill(daemon.pid, signal.SIGSTOP)
+        wait_until(lambda: is_stopped(daemon.pid), "the stop of the daemon")
+        client.sendall(head + b"Expect: 100-continue\r\n\r\n" + head + b":\n" * 1950)
+        for other in late:
+            other.sendall(part)
+        os.kill(daemon.pid, signal.SIGCONT)
+        daemon.wait_for_log(TOO_MUCH)
+        daemon.wait_for_log("INFO: .*: GET /api/version$")
+        go_on.set()
+        read_to_end(client)
+        wait_until(lambda: len(daemon.client_connections()) == 34, "the end of the client")
+    for other in others + late:
+        other.close()
+    assert_serving(root)
+
+
 def test_what_was_answered_counts_no_more(root, daemon, sdk_host):
     with Client(root.http_port) as client:
-        for _ in range(150):
+        for _ in range(250):
             assert client.ask("PATCH", "/api/1/router-ref", b"b" * 32768).status == 200
         for _ in range(300):
-            assert client.ask("GET", "/api/mac", headers=[("X", "x" * 15000)]).status == 200
+            assert client.ask("GET", "/api/mac", headers=[("X", "x" * 60000)]).status == 200
     assert daemon.count_in_log(TOO_MUCH) == 0
 
 
 def test_what_a_client_leaves_unfinished_counts_no_more(root, daemon):
-    for _ in range(8):
-        send_part(root.http_port, PATCH + b"Content-Length: 2000000\r\n\r\n" + b"b" * MIB).close()
+    for _ in range(10):
+        send_part(root.http_port, PATCH + b"Content-Length: 4000000\r\n\r\n" + b"b" * MIB).close()
         daemon.wait_for_no_clients()
     assert daemon.count_in_log(TOO_MUCH) == 0
 

@@ -307,18 +307,31 @@ TEST_F(AgentHostTest, ADestinationThatFailsAtOnceIsAnsweredOnce) {
   EXPECT_THAT(Get("/api/version"), StartsWith("HTTP/1.1 500 Timeout in forwarding request\r\n"));
 }
 
-TEST_F(AgentHostTest, ABodyOfMoreThanTwoMebibytesIsRefusedByItsLength) {
+TEST_F(AgentHostTest, ABodyOfMoreThanFourMebibytesIsRefusedByItsLength) {
   RunHost(false);
   const auto head = [](size_t length) {
     return "PATCH /api/1/router-ref HTTP/1.1\r\nContent-Length: " + std::to_string(length) +
            "\r\n\r\n";
   };
-  const std::string largest =
-      head(tavlo::kMaxReceivedBody) + std::string(tavlo::kMaxReceivedBody, 'b');
+  constexpr size_t kMax = size_t{4} * 1024 * 1024;
+  const std::string largest = head(kMax) + std::string(kMax, 'b');
   EXPECT_THAT(test::Exchange("127.0.0.1", port_, largest),
               StartsWith("HTTP/1.1 400 Request data too long\r\n"));
-  EXPECT_THAT(test::Exchange("127.0.0.1", port_, head(tavlo::kMaxReceivedBody + 1)),
-              StartsWith("HTTP/1.1 413 "));
+  EXPECT_THAT(test::Exchange("127.0.0.1", port_, head(kMax + 1)), StartsWith("HTTP/1.1 413 "));
+}
+
+TEST_F(AgentHostTest, TheLargestRequestFitsWithManyLinesToo) {
+  RunHost(false);
+  const std::string line = std::string(214, 'b') + "\n";
+  constexpr size_t kLines = 19500;
+  std::string request = "PATCH /api/1/router-ref HTTP/1.1\r\nContent-Length: " +
+                        std::to_string(kLines * line.size()) +
+                        "\r\nX: " + std::string(size_t{65000}, 'x') + "\r\n\r\n";
+  for (size_t i = 0; i < kLines; ++i) {
+    request += line;
+  }
+  EXPECT_THAT(test::Exchange("127.0.0.1", port_, request),
+              StartsWith("HTTP/1.1 400 Request data too long\r\n"));
 }
 
 TEST_F(AgentHostTest, ForwardingsThatFailedAtOnceTakeNoPlaceInTheQueue) {
