@@ -6,6 +6,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include <dlfcn.h>
 #include <sys/time.h>
@@ -22,8 +23,12 @@ struct FaultState {
   std::atomic<int> skip{0};
   std::atomic<int> times{0};
   std::atomic<int> calls{0};
+  std::atomic<const std::function<void()>*> before{nullptr};
 
   bool ShouldFail() {
+    if (const std::function<void()>* action = before) {
+      (*action)();
+    }
     if (!armed) {
       return false;
     }
@@ -42,7 +47,11 @@ std::map<std::string, FaultState*>& States() {
 }
 
 struct Registration {
-  Registration(const char* function, FaultState* state) { States()[function] = state; }
+  // The library's function is looked up at once, since that may not be done everywhere it is
+  // called: not in a signal handler, nor between fork and exec.
+  Registration(const char* function, FaultState* state, void* /*real*/) {
+    States()[function] = state;
+  }
 };
 
 // For functions that own what they are given also when they fail.
@@ -70,24 +79,30 @@ int FailOrFreeze(timeval* now) {
 // process: it passes every call on, unless a Fault is alive for it. (The C++ name differs from the
 // symbol, so that it does not collide with the libraries' own declarations.)
 // NOLINTBEGIN(bugprone-macro-parentheses): parameters are a list, Result is a type
-#define FAULTY(Result, function, failure, parameters, arguments)                   \
-  static FaultState function##_state;                                              \
-  static const Registration function##_registration(#function, &function##_state); \
-  extern "C" Result faulty_##function parameters __asm__(#function);               \
-  Result faulty_##function parameters {                                            \
-    if (function##_state.ShouldFail()) {                                           \
-      return failure;                                                              \
-    }                                                                              \
-    static const auto real =                                                       \
-        reinterpret_cast<Result(*) parameters>(::dlsym(RTLD_NEXT, #function));     \
-    return real arguments;                                                         \
+#define FAULTY(Result, function, failure, parameters, arguments)                                 \
+  static auto function##_real() {                                                                \
+    static const auto real =                                                                     \
+        reinterpret_cast<Result(*) parameters>(::dlsym(RTLD_NEXT, #function));                   \
+    return real;                                                                                 \
+  }                                                                                              \
+  static FaultState function##_state;                                                            \
+  static const Registration function##_registration(#function, &function##_state,                \
+                                                    reinterpret_cast<void*>(function##_real())); \
+  extern "C" Result faulty_##function parameters __asm__(#function);                             \
+  Result faulty_##function parameters {                                                          \
+    if (function##_state.ShouldFail()) {                                                         \
+      return failure;                                                                            \
+    }                                                                                            \
+    return function##_real() arguments;                                                          \
   }
 // NOLINTEND(bugprone-macro-parentheses)
 
 // The C library's. The failure value of pthread_sigmask is its error number.
 FAULTY(int, gettimeofday, FailOrFreeze(now), (timeval * now, void* zone), (now, zone))
 FAULTY(ssize_t, read, -1, (int fd, void* data, size_t size), (fd, data, size))
+FAULTY(ssize_t, write, -1, (int fd, const void* data, size_t size), (fd, data, size))
 FAULTY(int, close, -1, (int fd), (fd))
+FAULTY(int, dup2, -1, (int fd, int wanted), (fd, wanted))
 FAULTY(int, socket, socketStandIn.exchange(-1), (int domain, int type, int protocol),
        (domain, type, protocol))
 FAULTY(ssize_t, send, -1, (int fd, const void* data, size_t size, int flags),
@@ -115,6 +130,7 @@ FAULTY(int, ftruncate, -1, (int fd, off_t length), (fd, length))
 FAULTY(int, pthread_create, errno,
        (void* thread, const void* attributes, void* (*body)(void*), void* argument),
        (thread, attributes, body, argument))
+FAULTY(int, pthread_join, errno, (unsigned long thread, void** result), (thread, result))
 FAULTY(void*, signal, reinterpret_cast<void*>(SIG_ERR), (int number, void* handler),
        (number, handler))
 
@@ -172,6 +188,15 @@ Fault::~Fault() {
 
 int Fault::Calls() const {
   return States().at(function_)->calls;
+}
+
+Before::Before(const char* function, std::function<void()> action)
+    : function_(function), action_(std::move(action)) {
+  States().at(function_)->before = &action_;
+}
+
+Before::~Before() {
+  States().at(function_)->before = nullptr;
 }
 
 FrozenClock::FrozenClock(long seconds, long microseconds)

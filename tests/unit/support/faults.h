@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include <sys/time.h>
 
 namespace test {
@@ -21,6 +23,20 @@ class Fault {
 
  private:
   const char* function_;
+};
+
+/// Does something before each call of one of these functions, for as long as the object lives, on
+/// the thread that makes the call.
+class Before {
+ public:
+  Before(const char* function, std::function<void()> action);
+  ~Before();
+  Before(const Before&) = delete;
+  Before& operator=(const Before&) = delete;
+
+ private:
+  const char* function_;
+  const std::function<void()> action_;
 };
 
 /// Makes `gettimeofday` tell this time for as long as the object lives.
