@@ -65,6 +65,36 @@ TEST(Pipe, ClosesWhatIsOpenWhenItGoes) {
   EXPECT_FALSE(IsOpen(writeFd));
 }
 
+TEST(Pipe, ClosesTheReadEndFirstWhenItGoes) {
+  int readFd = -1;
+  int writeFd = -1;
+  {
+    const Fault fault("close", EIO, 0, 1);  // what is closed first stays open
+    RaiiPipe pipe;
+    ASSERT_EQ(pipe.OpenPipe(), 0);
+    readFd = pipe.readFd;
+    writeFd = pipe.writeFd;
+  }
+  EXPECT_TRUE(IsOpen(readFd));
+  EXPECT_FALSE(IsOpen(writeFd));
+  ::close(readFd);
+}
+
+TEST(Pipe, IsClosedAlsoWhenThatIsInterrupted) {
+  RaiiPipe pipe;
+  ASSERT_EQ(pipe.OpenPipe(), 0);
+  const int readFd = pipe.readFd;
+  const int writeFd = pipe.writeFd;
+  {
+    const Fault fault("close", EINTR, 0, 2);
+    EXPECT_EQ(pipe.CloseWriteFd(), 0);
+  }
+  EXPECT_FALSE(IsOpen(writeFd));
+  const Fault fault("close", EINTR, 0, 2);
+  pipe.CloseReadFd();
+  EXPECT_FALSE(IsOpen(readFd));
+}
+
 TEST(Pipe, AFailureToCloseIsReturned) {
   RaiiPipe pipe;
   ASSERT_EQ(pipe.OpenPipe(), 0);
