@@ -59,10 +59,12 @@ class SubprocessTimeoutTest : public testing::Test {
 
 TEST_F(SubprocessTimeoutTest, SendsSigtermWhenTheTimeIsUp) {
   Orx::SubprocessTimeout timeout(child_, 1);
+  const Fault signals("kill", 0, 0, 0);  // counts
   const auto start = std::chrono::steady_clock::now();
   timeout.Run();
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
   EXPECT_TRUE(timeout.timedOut);
+  EXPECT_EQ(signals.Calls(), 1);
   int status = 0;
   EXPECT_EQ(::waitpid(child_, &status, 0), child_);
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
@@ -74,6 +76,22 @@ TEST_F(SubprocessTimeoutTest, ATimeoutOfNothingFiresAtOnce) {
   timeout.Run();
   EXPECT_TRUE(timeout.timedOut);
   EXPECT_THAT(log_.Lines(), ElementsAre(RunningLine("0"), KillingLine()));
+}
+
+// So that the child cannot be taken for finished, and reaped, between decision and signal.
+TEST_F(SubprocessTimeoutTest, SendsTheSignalUnderTheMutex) {
+  Orx::SubprocessTimeout timeout(child_, 0);
+  bool wasFree = true;
+  const test::Before kill("kill", [&] {
+    std::thread([&] {
+      wasFree = timeout.mutex.try_lock();
+      if (wasFree) {
+        timeout.mutex.unlock();
+      }
+    }).join();
+  });
+  timeout.Run();
+  EXPECT_FALSE(wasFree);
 }
 
 TEST_F(SubprocessTimeoutTest, SendsNothingToAChildThatIsKnownToHaveFinished) {
