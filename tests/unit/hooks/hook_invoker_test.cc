@@ -1,10 +1,12 @@
 #include "hooks/hook_invoker.h"
 
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <ostream>
 #include <string>
+#include <type_traits>
 
 #include <gmock/gmock.h>
 #include <unistd.h>
@@ -47,6 +49,36 @@ class HookInvokerTest : public testing::Test {
   HookInvoker invoker_{directory_ / "internal", directory_ / "external"};
 };
 
+// Pointers to methods as the Itanium C++ ABI has them: for a virtual one the first half is its
+// place in the table, in bytes, and the lowest bit of one of the halves is set.
+struct MethodPointer {
+  template <typename Method>
+  explicit MethodPointer(Method method) {
+    static_assert(sizeof method == sizeof halves);
+    std::memcpy(halves, &method, sizeof halves);
+  }
+
+  bool IsVirtual() const { return ((halves[0] | halves[1]) & 1) != 0; }
+  size_t Slot() const { return halves[0] / sizeof(void*); }
+
+  size_t halves[2];
+};
+
+// A program of the firmware may be linked with a library that is newer than its header.
+TEST(HookInvokerInterface, KeepsItsMethodsAndMembersInTheirPlaces) {
+  static_assert(std::has_virtual_destructor_v<HookInvoker>);  // which has the first two places
+  EXPECT_EQ(MethodPointer(&HookInvoker::SettingsUpdate).Slot(), 2U);
+  EXPECT_EQ(MethodPointer(&HookInvoker::BlockDevice).Slot(), 3U);
+  EXPECT_EQ(MethodPointer(&HookInvoker::HttpBlock).Slot(), 4U);
+  EXPECT_EQ(MethodPointer(&HookInvoker::DnsBlock).Slot(), 5U);
+  EXPECT_EQ(MethodPointer(&HookInvoker::DeviceDetected).Slot(), 6U);
+  EXPECT_EQ(MethodPointer(&HookInvoker::IotProtection).Slot(), 7U);
+  EXPECT_EQ(MethodPointer(&HookInvoker::Agent).Slot(), 8U);
+  EXPECT_TRUE(MethodPointer(&HookInvoker::Agent).IsVirtual());
+  EXPECT_FALSE(MethodPointer(&HookInvoker::Invoke).IsVirtual());
+  EXPECT_EQ(sizeof(HookInvoker), sizeof(void*) + 2 * sizeof(std::string));
+}
+
 struct Event {
   const char* name;
   const char* hook;
@@ -75,7 +107,9 @@ class HookEvent : public HookInvokerTest, public testing::WithParamInterface<Eve
 
 TEST_P(HookEvent, ChecksItsArgumentsAndHandsThemOver) {
   const Event& event = GetParam();
-  Internal(std::string(event.hook) + "/10-record", Recorder());
+  // No event is interested in the output, so that there may be any amount of it.
+  Internal(std::string(event.hook) + "/10-record",
+           Recorder() + "; head -c 1000000 /dev/zero; exit 0");
   const Status status = event.call(invoker_);
   if (event.refusal != nullptr) {
     EXPECT_FALSE(status.IsOk());
@@ -303,6 +337,27 @@ TEST_F(Invocation, TellsAScriptItsPathAsItWasPutTogether) {
   EXPECT_EQ(output_, directory_ / "internal//event/10");
 }
 
+TEST_F(Invocation, TellsAnExternalScriptItsPathInTheSameWay) {
+  MakeInternal("event");
+  External("event/10", "printf '%s' \"$0\"");
+  HookInvoker invoker(directory_ / "internal", directory_ / "external/");
+  EXPECT_TRUE(invoker.Invoke("event", {}, nullptr, &output_).IsOk());
+  EXPECT_EQ(output_, directory_ / "external//event/10");
+}
+
+TEST_F(Invocation, LooksForExternalScriptsWhenTheInternalOnesHaveRun) {
+  const std::string script = directory_ / "external/event/10";
+  Internal("event/10", "mkdir -p " + (directory_ / "external/event") + "; echo 'echo made' >" +
+                           script + "; chmod +x " + script);
+  EXPECT_TRUE(Invoke().IsOk());
+  EXPECT_EQ(output_, "made\n");
+  // And for the scripts of a directory that is there already.
+  Internal("event/10", "mv " + script + " " + script + "-renamed");
+  EXPECT_TRUE(Invoke().IsOk());
+  EXPECT_EQ(exitCode_, 0);
+  EXPECT_EQ(output_, "made\n");
+}
+
 TEST_F(Invocation, GivesAnEmptyInput) {
   Internal("event/10", "cat; echo end");
   EXPECT_TRUE(Invoke().IsOk());
@@ -311,6 +366,8 @@ TEST_F(Invocation, GivesAnEmptyInput) {
 
 TEST_F(Invocation, WorksWithoutPlacesForCodeAndOutput) {
   Internal("event/10", "echo text; exit 1");
+  EXPECT_TRUE(invoker_.Invoke("event", {}, nullptr, nullptr).IsOk());
+  Internal("event/10", "head -c 2000000 /dev/zero");
   EXPECT_TRUE(invoker_.Invoke("event", {}, nullptr, nullptr).IsOk());
 }
 
