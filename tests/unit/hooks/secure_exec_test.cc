@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <system_error>
@@ -12,6 +13,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +26,7 @@
 
 namespace {
 
+using test::Before;
 using test::Fault;
 using testing::Contains;
 using testing::ContainsRegex;
@@ -44,6 +47,13 @@ bool HasChildren() {
   return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
 }
 
+// For what is to be judged in one go: before each look at its pipes the child has exited, so that
+// all it wrote is there, and all it held is closed.
+void AwaitExit() {
+  siginfo_t info = {};
+  ::waitid(P_ALL, 0, &info, WEXITED | WNOWAIT);
+}
+
 class SecureExecTest : public testing::Test {
  protected:
   SecureExecTest() { ::signal(SIGPIPE, SIG_IGN); }
@@ -53,6 +63,12 @@ class SecureExecTest : public testing::Test {
                 unsigned int timeoutSecs = kPlenty) {
     return Orx::SecureExec("/bin/sh", {"-c", script.c_str()}, input, &output_, maxOutput_,
                            timeoutSecs);
+  }
+
+  // The standard error of a script that begins with "echo $$ >&2" tells its process number.
+  std::string Child() const {
+    const std::string line = Errors().empty() ? "" : Errors().front();
+    return line.substr(line.rfind(' ') + 1);
   }
 
   // The error lines so far, each from its function on.
@@ -94,6 +110,12 @@ TEST_P(DeathBySignal, IsAFailure) {
 
 INSTANTIATE_TEST_SUITE_P(All, DeathBySignal, testing::Values(SIGKILL, SIGSEGV, SIGUSR1));
 
+TEST_F(SecureExecTest, DeathWithACoreDumpIsAFailureToo) {
+  ASSERT_EQ(::chdir(directory_.Path().c_str()), 0);  // where it goes, on most machines
+  EXPECT_EQ(RunScript("ulimit -c unlimited; kill -SEGV $$"), -1);
+  EXPECT_THAT(Errors(), ElementsAre(HasSubstr("Process abnormally exited by signal 11 PID ")));
+}
+
 TEST_F(SecureExecTest, WhatCannotBeExecutedHasExitedWithOne) {
   std::filesystem::create_directory(directory_ / "directory");
   std::filesystem::create_symlink(directory_ / "nowhere", directory_ / "link");
@@ -130,6 +152,39 @@ TEST_F(SecureExecTest, ArgumentsArriveByteForByte) {
                                          "\xff\xc3\xa9"};
   EXPECT_EQ(Orx::SecureExec("/bin/sh", args, "", &output_, 1000, kPlenty), 0);
   EXPECT_EQ(output_, "<zero><a b><><\"'`$(id)\\><line\nbreak><--><\xff\xc3\xa9>");
+}
+
+TEST_F(SecureExecTest, ThePathIsWhatTheProgramIsToldAsItsName) {
+  EXPECT_EQ(RunScript("tr '\\0' '\\n' </proc/$$/cmdline | head -n 1"), 0);
+  EXPECT_EQ(output_, "/bin/sh\n");
+}
+
+// Nothing but the standard descriptors and the environment is another's.
+TEST_F(SecureExecTest, DirectoryUmaskAndProcessGroupAreTheCallers) {
+  ASSERT_EQ(::chdir(directory_.Path().c_str()), 0);
+  ::umask(0123);
+  EXPECT_EQ(RunScript("pwd; umask; cut -d ' ' -f 5,6 /proc/$$/stat"), 0);
+  EXPECT_EQ(output_, directory_.Path() + "\n0123\n" + std::to_string(::getpgrp()) + " " +
+                         std::to_string(::getsid(0)) + "\n");
+}
+
+TEST_F(SecureExecTest, SignalsAreBlockedAndIgnoredAsByTheCaller) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGHUP);
+  ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, &signals, nullptr), 0);
+  ::signal(SIGUSR1, SIG_IGN);
+  // Not a shell, which changes the mask.
+  EXPECT_EQ(Orx::SecureExec("grep", {"^Sig[BI]", "/proc/self/status"}, "", &output_, 1000, kPlenty),
+            0);
+  const auto mask = [this](const std::string& name) {
+    return std::stoul(output_.substr(output_.find(name) + name.size()), nullptr, 16);
+  };
+  const unsigned long ignored = mask("SigIgn:");
+  EXPECT_EQ(mask("SigBlk:"), 1UL << (SIGHUP - 1));
+  EXPECT_EQ(ignored & 1UL << (SIGPIPE - 1), 1UL << (SIGPIPE - 1));
+  EXPECT_EQ(ignored & 1UL << (SIGUSR1 - 1), 1UL << (SIGUSR1 - 1));
+  EXPECT_EQ(ignored & 1UL << (SIGUSR2 - 1), 0UL);
 }
 
 TEST_F(SecureExecTest, InputArrivesWholeAndEnds) {
@@ -203,6 +258,42 @@ TEST_F(SecureExecTest, AnOverlongLineIsDroppedAsFarAsItHasCome) {
   EXPECT_THAT(Errors(), ElementsAre(EndsWith(": rest")));
 }
 
+// It comes in pieces of 1024 bytes, of which the first two are more than is kept without an end.
+TEST_F(SecureExecTest, OfAnOverlongLineThatComesAtOnceTheEndIsLogged) {
+  EXPECT_EQ(RunScript("printf '%03000d\\n' 7 >&2"), 0);
+  EXPECT_THAT(Errors(), ElementsAre(EndsWith(": " + std::string(951, '0') + "7")));
+}
+
+TEST_F(SecureExecTest, EachLineNamesTheChild) {
+  EXPECT_EQ(RunScript("echo $$ >&2; kill -KILL $$"), -1);
+  EXPECT_THAT(Errors(),
+              ElementsAre("void Orx::SecureExecStderr: stderr from pid " + Child() + ": " + Child(),
+                          EndsWith(" by signal 9 PID " + Child())));
+}
+
+TEST_F(SecureExecTest, TheLineOfATimeoutNamesTheChild) {
+  EXPECT_EQ(RunScript("echo $$ >&2; exec sleep 30", "", 1), -1);
+  EXPECT_THAT(Errors().back(), EndsWith(": Command timed out, PID " + Child()));
+}
+
+TEST_F(SecureExecTest, TheLineOfAnOverrunNamesTheChild) {
+  maxOutput_ = 3;
+  EXPECT_EQ(RunScript("echo $$ >&2; echo text"), -1);
+  EXPECT_THAT(Errors().back(), EndsWith(" buffer size 3 overrun, PID " + Child()));
+}
+
+TEST_F(SecureExecTest, TheLinesOfFailedWaitsNameTheChild) {
+  const Fault fault("waitid", ECHILD, 0, 2);
+  EXPECT_EQ(RunScript("echo $$ >&2"), -1);
+  EXPECT_THAT(Errors(), Contains(HasSubstr(": 1st waitid pid " + Child() + " failed: ")));
+  EXPECT_THAT(Errors(), Contains(HasSubstr(": 2nd waitid pid " + Child() + " failed: ")));
+}
+
+TEST_F(SecureExecTest, WhatAKilledChildPrintedIsKept) {
+  EXPECT_EQ(RunScript("echo text; kill -KILL $$"), -1);
+  EXPECT_EQ(output_, "text\n");
+}
+
 TEST_F(SecureExecTest, AChildThatClosesItsOutputsAndGoesOnIsWaitedFor) {
   EXPECT_EQ(RunScript("exec >&- 2>&- <&-; sleep 0.3; exit 6"), 6);
 }
@@ -230,6 +321,7 @@ TEST_F(SecureExecTest, AChildIsEndedWhenItsTimeIsUp) {
 TEST_F(SecureExecTest, ATimeoutOfNothingEndsItAtOnce) {
   EXPECT_EQ(RunScript("exec sleep 30", "", 0), -1);
   EXPECT_THAT(Errors(), ElementsAre(HasSubstr("Command timed out, PID ")));
+  EXPECT_THAT(log_.Lines(), Contains(EndsWith(" (0 secs)")));
 }
 
 TEST_F(SecureExecTest, AChildThatIgnoresSigtermIsWaitedForAndHasTimedOut) {
@@ -293,11 +385,40 @@ TEST_F(SecureExecTest, AForkThatIsRefusedIsAFailure) {
               ElementsAre("int Orx::SecureExec: fork failed: Resource temporarily unavailable"));
 }
 
+TEST_F(SecureExecTest, AChildWhoseStandardDescriptorsCannotBeMadeHasExitedWithOne) {
+  for (const int made : {0, 1, 2}) {
+    const Fault fault("dup2", EBUSY, made);
+    EXPECT_EQ(RunScript("echo text; exit 3"), 1) << made;
+    EXPECT_EQ(output_, "") << made;
+  }
+  EXPECT_THAT(Errors(), IsEmpty());
+}
+
+TEST_F(SecureExecTest, AnInterruptedCopyIsRepeated) {
+  const Fault fault("dup2", EINTR, 0, 3);
+  EXPECT_EQ(RunScript("cat; echo complaint >&2", "text"), 0);
+  EXPECT_EQ(output_, "text");
+  EXPECT_THAT(Errors(), ElementsAre(EndsWith(": complaint")));
+}
+
 TEST_F(SecureExecTest, AFailingPollIsAFailureAndTheChildIsStillReaped) {
   const Fault fault("poll", ENOMEM);
   EXPECT_EQ(RunScript("exit 0"), -1);
   EXPECT_THAT(Errors(), ElementsAre("int Orx::SecureExec: poll failed: Cannot allocate memory"));
   EXPECT_FALSE(HasChildren());
+}
+
+TEST_F(SecureExecTest, AFailureLeavesTheChildToItsWork) {
+  const Fault fault("poll", ENOMEM);
+  EXPECT_EQ(RunScript("sleep 0.3; echo done >" + (directory_ / "done")), -1);
+  EXPECT_EQ(test::ReadFile(directory_ / "done"), "done\n");
+}
+
+TEST_F(SecureExecTest, AChildIsEndedWhenItsTimeIsUpAlsoAfterAFailure) {
+  const Fault fault("poll", ENOMEM);
+  EXPECT_EQ(RunScript("exec sleep 30", "", 1), -1);
+  EXPECT_THAT(Errors(),
+              ElementsAre(HasSubstr("poll failed"), HasSubstr("Command timed out, PID ")));
 }
 
 TEST_F(SecureExecTest, AnInterruptedPollIsNoFailure) {
@@ -312,10 +433,47 @@ TEST_F(SecureExecTest, AnOutputThatCannotBeReadIsAFailure) {
   EXPECT_THAT(Errors(), ElementsAre(EndsWith(": stderr read failed: Input/output error")));
 }
 
+// Standard output, at its end by then, is read first.
 TEST_F(SecureExecTest, AStandardErrorThatCannotBeReadIsAFailure) {
-  const Fault fault("read", EIO, 0, 1);
+  const Before poll("poll", AwaitExit);
+  const Fault fault("read", EIO, 1, 1);
   EXPECT_EQ(RunScript("echo text >&2"), -1);
   EXPECT_THAT(Errors(), ElementsAre(EndsWith(": stderr read failed: Input/output error")));
+}
+
+TEST_F(SecureExecTest, AnInterruptedReadOfStandardErrorIsRepeated) {
+  const Before poll("poll", AwaitExit);
+  const Fault fault("read", EINTR, 1, 1);
+  EXPECT_EQ(RunScript("echo text >&2"), 0);
+  EXPECT_THAT(Errors(), ElementsAre(EndsWith(": text")));
+}
+
+TEST_F(SecureExecTest, AnInterruptedWriteIsRepeated) {
+  std::unique_ptr<Fault> fault;
+  const Before poll("poll", [&] {
+    // From the first look on nobody writes but to the child: the watchdog has logged its line.
+    if (fault == nullptr && test::WaitUntil([this] { return !log_.Lines().empty(); })) {
+      fault = std::make_unique<Fault>("write", EINTR, 0, 2);
+    }
+  });
+  EXPECT_EQ(RunScript("cat", "text"), 0);
+  EXPECT_EQ(output_, "text");
+  EXPECT_GT(fault->Calls(), 2);
+}
+
+TEST_F(SecureExecTest, InputIsJudgedBeforeOutput) {
+  const Before poll("poll", AwaitExit);
+  EXPECT_EQ(RunScript("exec <&-; echo text; echo complaint >&2", std::string(200000, 'x')), -1);
+  EXPECT_THAT(Errors(), ElementsAre(HasSubstr("stdout write failed: Broken pipe")));
+  EXPECT_EQ(output_, "");
+}
+
+TEST_F(SecureExecTest, OutputIsJudgedBeforeStandardError) {
+  const Before poll("poll", AwaitExit);
+  const Fault fault("read", EIO, 1, 1);
+  EXPECT_EQ(RunScript("echo text; echo complaint >&2"), -1);
+  EXPECT_EQ(output_, "text\n");
+  EXPECT_THAT(Errors(), ElementsAre(HasSubstr("stderr read failed")));
 }
 
 TEST_F(SecureExecTest, AnInterruptedReadIsRepeated) {
@@ -330,6 +488,15 @@ TEST_F(SecureExecTest, AnInputThatCannotBeClosedIsAFailureOnceAllIsDone) {
   EXPECT_THAT(Errors(),
               ElementsAre(EndsWith(": Failed to close stdin write end: Input/output error")));
   EXPECT_EQ(output_, "text\n");
+}
+
+// Else its signal could meet a stranger who was given the child's number.
+TEST_F(SecureExecTest, TheWatchdogHasEndedBeforeTheChildIsReaped) {
+  const Fault joins("pthread_join", 0, 0, 0);  // counts
+  std::vector<int> joinsBefore;
+  const Before wait("waitid", [&] { joinsBefore.push_back(joins.Calls()); });
+  EXPECT_EQ(RunScript("exit 3"), 3);
+  EXPECT_THAT(joinsBefore, ElementsAre(0, 1));
 }
 
 TEST_F(SecureExecTest, InterruptedWaitsAreRepeated) {
@@ -370,6 +537,22 @@ TEST_F(SecureExecTest, AWatchdogThatCannotBeStartedThrowsAndTheNextCallReapsTheC
     RunScript("exit 0");
     return !HasChildren();
   }));
+}
+
+TEST_F(SecureExecTest, AChildWithoutAWatchdogIsNeitherWaitedForNorSignalledByLaterCalls) {
+  const std::string gate = directory_ / "gate";
+  ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
+  const int opener = ::open(gate.c_str(), O_RDWR | O_CLOEXEC);
+  const std::string script = "read line <" + gate + "; echo $line >" + (directory_ / "said");
+  {
+    const Fault fault("pthread_create", EAGAIN);
+    EXPECT_THROW(RunScript(script), std::system_error);
+  }
+  EXPECT_EQ(RunScript("exit 3"), 3);
+  EXPECT_TRUE(HasChildren());
+  EXPECT_EQ(::write(opener, "word\n", 5), 5);
+  EXPECT_TRUE(test::WaitUntil([this] { return test::ReadFile(directory_ / "said") == "word\n"; }));
+  ::close(opener);
 }
 
 struct ClosedDescriptors {
@@ -510,6 +693,15 @@ TEST_F(StandardError, APartialLineOf1024BytesWaitsAndALongerOneIsDropped) {
   EXPECT_EQ(Log(std::string(1025, 'x'), false), "");
   EXPECT_EQ(Log(std::string(1025, 'x'), true), "");
   EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(StandardError, ManyLinesAtOnceAreAllLogged) {
+  std::string lines;
+  for (int i = 0; i < 2000; ++i) {
+    lines += "x\n";
+  }
+  EXPECT_EQ(Log(lines + "part", false), "part");
+  EXPECT_EQ(log_.Lines().size(), 2000U);
 }
 
 TEST_F(StandardError, ACompleteLongLineIsLogged) {
