@@ -23,8 +23,10 @@ namespace {
 // Replaces the content of the file; on failure `errno` tells why. What the file held before is cut
 // off only when the rest is written.
 bool WriteFile(const std::string& path, const std::string& data) {
+  // Opening a FIFO that nobody reads must not block, should a script have put one there; to a
+  // regular file the last flag makes no difference.
   const stdext::descriptor file(stdext::retry_on_interrupt(
-      [&] { return ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0664); }));
+      [&] { return ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0664); }));
   if (!file.is_open()) {
     return false;
   }

@@ -1,10 +1,13 @@
 // The agent hook's say in a request, with a stand-in for the scripts.
 
 #include <cerrno>
+#include <csignal>
+#include <filesystem>
 #include <functional>
 #include <system_error>
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "agent/host_fixture.h"
@@ -26,12 +29,15 @@ struct ScriptedInvoker : Orx::HookInvoker {
                     int* exitCode) override {
     calls += method + " " + uri + " " + data + "\n";
     body = test::ReadFile(data);
+    struct stat info = {};
+    mode = ::stat(data.c_str(), &info) == 0 ? info.st_mode & 07777U : 0;
     return script(exitCode);
   }
 
   std::function<Orx::Status(int*)> script = [](int*) { return Orx::Status::Ok(); };
   std::string calls;
   std::string body;
+  mode_t mode = 0;
 };
 
 class AgentHook : public test::HostFixture {
@@ -78,6 +84,34 @@ TEST_F(AgentHook, SeesABodyInTheFileWhichIsGoneAfterwards) {
   EXPECT_EQ(scripts_.calls, "PATCH /api/1/router-ref " + agentDataPath_ + "\n");
   EXPECT_EQ(scripts_.body, body);
   EXPECT_FALSE(BodyFileExists());
+}
+
+TEST_F(AgentHook, TheBodyFileMayBeReadByAllAndWrittenByTheGroupAsFarAsTheUmaskLets) {
+  RunHost(false);
+  ::umask(0);
+  ExpectForwarded(Patch("x"));
+  EXPECT_EQ(scripts_.mode, 0664U);
+  ::umask(0027);
+  ExpectForwarded(Patch("x"));
+  EXPECT_EQ(scripts_.mode, 0640U);
+}
+
+// Else a script that the other listener starts just then would inherit it.
+TEST_F(AgentHook, TheBodyFileIsCloseOnExecFromTheStart) {
+  std::string flags;
+  const test::Before cut("ftruncate", [&] {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code error;
+      if (std::filesystem::read_symlink(entry, error) == agentDataPath_) {
+        const std::string number = entry.path().filename();
+        flags = test::ReadFile("/proc/self/fdinfo/" + number);
+      }
+    }
+  });
+  RunHost(false);
+  ExpectForwarded(Patch("x"));
+  // Octal; O_CLOEXEC is 02000000.
+  EXPECT_THAT(flags, testing::ContainsRegex("flags:\t[0-7]*[2367][0-7]{6}\n"));
 }
 
 TEST_F(AgentHook, ALongerFileThatWasLeftIsCut) {
@@ -153,6 +187,25 @@ TEST_F(AgentHook, ABodyThatIsWrittenInPartIsAnInternalErrorAndTheFileStays) {
                        agentDataPath_ + ": 28 No space left on device"));
   EXPECT_EQ(scripts_.calls, "");
   EXPECT_TRUE(BodyFileExists());
+}
+
+TEST_F(AgentHook, WhatABodyFileHeldIsNotCutOffByABodyThatIsWrittenInPart) {
+  ::signal(SIGXFSZ, SIG_IGN);
+  directory_.Write("body", std::string(5000, 'o'));
+  const rlimit limit = {3000, 3000};
+  RunHost(false);
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+  EXPECT_THAT(Patch(std::string(4000, 'x')), StartsWith("HTTP/1.1 500 Internal error\r\n"));
+  EXPECT_EQ(test::ReadFile(agentDataPath_), std::string(3000, 'x') + std::string(2000, 'o'));
+}
+
+TEST_F(AgentHook, AFifoInPlaceOfTheBodyFileIsAnInternalErrorAndBlocksNobody) {
+  ASSERT_EQ(::mkfifo(agentDataPath_.c_str(), 0600), 0);
+  RunHost(false);
+  ExpectInternalError(Patch("x"));
+  EXPECT_THAT(log_.Lines(),
+              Contains("ERROR: bool tavlo::AgentHost::CallHook: Failed to write file " +
+                       agentDataPath_ + ": 6 No such device or address"));
 }
 
 TEST_F(AgentHook, ABodyFileThatCannotBeCutIsAnInternalError) {
