@@ -8,7 +8,7 @@ import pytest
 
 from support.clients import ask
 from support.scratch_root import PAIRING_KEY
-from support.waiting import wait_until
+from support.waiting import open_fifo_for_its_reader, wait_until
 
 KEY = {"PairingKey": PAIRING_KEY}
 
@@ -35,12 +35,6 @@ def hook(root, name, script, external=False):
     return root.write_hook(directory, name, "#!/bin/sh\n" + script)
 
 
-def zombies(daemon):
-    listing = subprocess.run(["ps", "-o", "stat=", "--ppid", str(daemon.pid)], check=False,
-                             capture_output=True, text=True).stdout
-    return [state for state in listing.split() if state.startswith("Z")]
-
-
 def test_a_request_that_a_hook_lets_pass_is_forwarded_whole(root, hooked, sdk_host):
     seen = root.directory / "seen"
     hook(root, "10-pass", f'for a; do printf "%s\\n" "$a"; done >{seen}; cat "$6" >>{seen}; exit 0')
@@ -52,6 +46,14 @@ def test_a_request_that_a_hook_lets_pass_is_forwarded_whole(root, hooked, sdk_ho
         f"--method\nPATCH\n--uri\n/api/any?q=$(id)\n--data\n{root.agent_data}\n".encode() + body)
     assert not root.agent_data.exists()
     assert ("DEBUG", "Calling agent hook") in hooked.messages()
+
+
+def test_a_hook_that_changes_the_body_file_changes_nothing_for_the_destination(root, hooked,
+                                                                                sdk_host):
+    hook(root, "10-change", 'echo other >"$6"; exit 0')
+    assert change(root, b"mine").status == 200
+    assert sdk_host.requests[0].body == b"mine"
+    assert not root.agent_data.exists()
 
 
 def test_a_request_without_a_body_comes_without_data_and_file(root, hooked, sdk_host):
@@ -171,7 +173,7 @@ def test_hooks_leave_nothing_behind(root, hooked, sdk_host):
     hooked.wait_for_no_clients()
     wait_until(lambda: hooked.threads() == threads, "the end of the watchdog threads")
     assert len(hooked.descriptors()) == len(descriptors)
-    assert zombies(hooked) == []
+    assert hooked.zombies() == []
 
 
 def test_one_script_blocks_its_own_listener_only(root, hooked, sdk_host):
@@ -187,6 +189,23 @@ def test_one_script_blocks_its_own_listener_only(root, hooked, sdk_host):
         go_on.write_text("now\n")
         assert blocked.result().status == 200
         assert other.result().status == 200
+
+
+def test_scripts_of_both_listeners_run_at_once_and_share_the_body_file(root, hooked, sdk_host):
+    go_on, seen = root.directory / "go-on", root.directory / "seen"
+    os.mkfifo(go_on)
+    hook(root, "10-wait", '[ "$4" != /api/1/router-ref ] || '
+         f'{{ cat "$6"; read line <{go_on}; cat "$6"; }} >{seen} 2>&1; exit 0')
+    with ThreadPoolExecutor(1) as pool:
+        plain = pool.submit(change, root, b"from the LAN ")
+        with open_fifo_for_its_reader(go_on) as gate:
+            assert change_over_tls(root, b"with a key", "/api/any").status == 200
+            assert not plain.done()
+            gate.write("now\n")
+        assert plain.result().status == 200
+    # The other request has overwritten the file and removed it; the destination gets the right ones.
+    assert seen.read_text().startswith("from the LAN cat: ")
+    assert [request.body for request in sdk_host.requests] == [b"with a key", b"from the LAN "]
 
 
 def test_the_daemons_end_is_not_delayed_by_a_script(root, make_daemon):
@@ -223,7 +242,7 @@ def test_a_watchdog_thread_that_cannot_be_started_costs_one_request(root, make_d
     # A later call reaps it, the first one that finds it ended.
     def reaped():
         assert change(root).status == 200
-        return zombies(daemon) == []
+        return daemon.zombies() == []
     wait_until(reaped, "the end of the abandoned child")
 
 

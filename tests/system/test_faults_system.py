@@ -53,12 +53,6 @@ def change(root):
     return ask(root.http_port, *CHANGE, body=b"x")
 
 
-def zombies(daemon):
-    listing = subprocess.run(["ps", "-o", "stat=", "--ppid", str(daemon.pid)], check=False,
-                             capture_output=True, text=True).stdout
-    return [state for state in listing.split() if state.startswith("Z")]
-
-
 def test_a_fork_that_is_refused_costs_one_request(root, as_user, sdk_host):
     daemon = as_user().start()
     assert change(root).status == 200
@@ -89,7 +83,7 @@ def test_a_watchdog_thread_that_is_refused_costs_one_request(root, as_user, sdk_
 
     def reaped():
         assert change(root).status == 200
-        return zombies(daemon) == []
+        return daemon.zombies() == []
 
     wait_until(reaped, "the end of the child that nobody watched")
 
@@ -139,7 +133,7 @@ def test_a_clock_that_jumps_changes_nothing_but_the_log(root, with_clock, sdk_ho
             daemon.send_signal(signal.SIGHUP)
             daemon.wait_for_log("void Run: HUP$", since=mark, count=count)
         assert not waiting.done()
-        assert zombies(daemon) == []
+        assert daemon.zombies() == []
         with open_fifo_for_its_reader(root.directory / "gate") as script:
             script.write("go on\n")
         assert waiting.result().status == 200
@@ -195,7 +189,7 @@ def test_a_storm_of_signals_disturbs_nothing(root, make_daemon, sdk_host):
     daemon.wait_for_no_clients()
     wait_until(lambda: daemon.threads() == threads, "the end of the watchdogs")
     assert len(daemon.descriptors()) <= descriptors + 2  # those to the destination
-    assert zombies(daemon) == []
+    assert daemon.zombies() == []
 
 
 def test_a_thousand_hang_ups_under_load(root, daemon, sdk_host):

@@ -178,6 +178,12 @@ class Daemon:
     def threads(self):
         return self._status_number("Threads")
 
+    def zombies(self):
+        """The process numbers of children that have ended and were not waited for."""
+        listing = subprocess.run(["ps", "-o", "stat=,pid=", "--ppid", str(self.pid)], check=False,
+                                 capture_output=True, text=True).stdout
+        return [int(line.split()[1]) for line in listing.splitlines() if line.startswith("Z")]
+
     def resident_kib(self):
         return self._status_number("VmRSS")
 
