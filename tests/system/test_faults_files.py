@@ -238,15 +238,18 @@ def test_router_information_that_was_cut_keeps_the_key(root, daemon, sdk_host, t
     assert answer.status == 200
 
 
-def test_a_body_file_whose_place_is_taken(root, make_daemon, sdk_host):
+@pytest.mark.parametrize("take, give_back, error",
+                         [(os.mkdir, os.rmdir, "21 Is a directory"),
+                          (os.mkfifo, os.unlink, "6 No such device or address")],
+                         ids=["directory", "fifo"])
+def test_a_body_file_whose_place_is_taken(root, make_daemon, sdk_host, take, give_back, error):
     root.settings["agentDataPath"] = str(root.agent_data)
     root.write_hook(root.internal_hooks, "10-pass", "#!/bin/sh\nexit 0\n")
     daemon = make_daemon().start()
-    root.agent_data.mkdir()
+    take(root.agent_data)
     answer = ask(root.http_port, *CHANGE, body=b"x")
     assert (answer.status, answer.reason) == INTERNAL_ERROR
-    assert ("ERROR", f"Failed to write file {root.agent_data}: 21 Is a directory") in (
-        daemon.messages())
+    assert ("ERROR", f"Failed to write file {root.agent_data}: {error}") in daemon.messages()
     assert sdk_host.requests == []
-    root.agent_data.rmdir()
+    give_back(root.agent_data)
     assert ask(root.http_port, *CHANGE, body=b"x").status == 200
