@@ -343,6 +343,51 @@ TEST_F(SecureExecTest, AProgramThatInheritsSigtermBlockedIsWaitedForAndHasTimedO
   EXPECT_THAT(Errors(), ElementsAre(HasSubstr("Command timed out, PID ")));
 }
 
+// Shells differ: one that unblocks signals when it starts a program meets it there. The program
+// goes on, and with it the call.
+struct ShellAndOutput {
+  const char* name;
+  const char* program;
+  std::vector<const char*> args;
+  const char* output;
+
+  friend std::ostream& operator<<(std::ostream& out, const ShellAndOutput& shell) {
+    return out << shell.name;
+  }
+};
+
+class BlockedSigterm : public SecureExecTest, public testing::WithParamInterface<ShellAndOutput> {};
+
+TEST_P(BlockedSigterm, MayFindNobodyHome) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &signals, nullptr), 0);
+  EXPECT_EQ(Orx::SecureExec(GetParam().program, GetParam().args, "", &output_, 1000, 1), -1);
+  EXPECT_EQ(output_, GetParam().output);
+  EXPECT_THAT(Errors(), ElementsAre(HasSubstr("Command timed out, PID ")));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, BlockedSigterm,
+    testing::Values(ShellAndOutput{"Dash",
+                                   "dash",
+                                   {"-c", "sh -c 'sleep 2; echo program'; echo script"},
+                                   "program\n"},
+                    ShellAndOutput{"DashWithASubshell",
+                                   "dash",
+                                   {"-c", "(sleep 2; echo command); echo script"},
+                                   "command\nscript\n"},
+                    ShellAndOutput{"DashWithASubstitution",
+                                   "dash",
+                                   {"-c", "x=$(sleep 2; echo command); echo $x; echo script"},
+                                   "command\nscript\n"},
+                    ShellAndOutput{"Ash",
+                                   "busybox",
+                                   {"ash", "-c", "sh -c 'sleep 2; echo program'; echo script"},
+                                   "program\nscript\n"}),
+    [](const auto& suite) { return std::string(suite.param.name); });
+
 // What docs/hooks.md advises.
 TEST_F(SecureExecTest, SigkillEndsAProgramAllTheSame) {
   sigset_t signals;
