@@ -225,6 +225,15 @@ def test_a_hook_that_only_root_can_execute_ends_requests_as_if_it_had_said_so(ro
     assert not [text for level, text in daemon.messages() if level == "ERROR" and "hook" in text]
 
 
+def test_a_hook_that_the_user_can_execute_and_not_read_fails(root, start):
+    path = write_hook(root, "exit 0")
+    path.chmod(0o711)
+    daemon = start()
+    assert ask(root.http_port, "GET", "/api/version").status == 500
+    assert any(text.startswith(f"Failed to invoke agent hook: failed to call script '{path}' as ")
+               for level, text in daemon.messages() if level == "ERROR")
+
+
 def test_in_a_directory_of_roots_there_is_no_crash_record(root, start):
     daemon = start()
     daemon.send_signal(signal.SIGSEGV)
