@@ -1,10 +1,13 @@
 """GET /api/mac from outside."""
 
+from http.client import HTTPConnection
+
 import pytest
 
 from support.clients import ask
 from support.clients import Client
 from support.scratch_root import PAIRING_KEY
+from support.waiting import DEFAULT_LIMIT
 
 
 @pytest.mark.parametrize("tls", [False, True], ids=["plain", "tls"])
@@ -15,6 +18,21 @@ def test_tells_the_asking_client_its_mac_without_a_key(root, daemon, tls):
     assert answer.body == b"02:00:5e:10:00:01"
     assert answer.header("Content-Type") == "text/plain; charset=UTF-8"
     assert answer.header("Content-Length") == "17"
+
+
+def test_each_client_is_told_its_own(root, daemon):
+    root.write_device_list([{"ip": ["127.0.0.1"], "mac": "02:00:5e:10:00:01"},
+                            {"ip": ["127.0.0.2"], "mac": "02:00:5e:10:00:02"}])
+    for last, status in ((2, 200), (1, 200), (3, 500)):
+        client = HTTPConnection("127.0.0.1", root.http_port, timeout=DEFAULT_LIMIT,
+                                source_address=(f"127.0.0.{last}", 0))
+        client.request("GET", "/api/mac")
+        answer = client.getresponse()
+        assert answer.status == status
+        if status == 200:
+            assert answer.read() == b"02:00:5e:10:00:0%d" % last
+        client.close()
+    assert ("ERROR", "No MAC found for IP: 127.0.0.3") in daemon.messages()
 
 
 def test_the_connection_is_kept(root, daemon):
