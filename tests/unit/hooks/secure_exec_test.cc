@@ -1,9 +1,12 @@
 #include "hooks/secure_exec.h"
 
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -40,6 +43,19 @@ constexpr unsigned int kPlenty = 60;  // seconds
 
 size_t CountEntries(const std::string& directory) {
   return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
+}
+
+// What each descriptor of this process stands for.
+std::map<int, std::string> OpenFiles() {
+  std::map<int, std::string> files;
+  for (int fd = 0; fd < 256; ++fd) {
+    char target[PATH_MAX] = {};
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    if (::readlink(link.c_str(), target, sizeof target - 1) > 0) {
+      files[fd] = target;
+    }
+  }
+  return files;
 }
 
 bool HasChildren() {
@@ -312,6 +328,12 @@ TEST_F(SecureExecTest, AChildThatStopsItselfIsWaitedForUntilItIsContinued) {
   EXPECT_EQ(RunScript("(sleep 0.3; kill -CONT $$) & kill -STOP $$; wait; exit 3"), 3);
 }
 
+TEST_F(SecureExecTest, AChildThatStopsItselfIsStillWatched) {
+  EXPECT_EQ(RunScript("exec <&- >&- 2>&-; (sleep 2; kill -CONT $$) & kill -STOP $$; exit 3", "", 1),
+            -1);
+  EXPECT_THAT(Errors(), ElementsAre(HasSubstr("Command timed out, PID ")));
+}
+
 TEST_F(SecureExecTest, AChildIsEndedWhenItsTimeIsUp) {
   EXPECT_EQ(RunScript("exec sleep 30", "", 1), -1);
   EXPECT_THAT(Errors(), ElementsAre(ContainsRegex("^int Orx::SecureExec: Command timed out, PID "
@@ -421,6 +443,44 @@ TEST_F(SecureExecTest, PipesThatCannotBeMadeAreAFailureAndLeaveNothing) {
     EXPECT_EQ(Errors().back(), "int Orx::RaiiPipe::OpenPipe: pipe2 failed: Too many open files");
   }
   EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors);
+}
+
+TEST_F(SecureExecTest, ThePipesAreMadeInTheOrderOfTheDescriptorsTheyBecome) {
+  const std::map<int, std::string> own = OpenFiles();
+  std::vector<std::string> ends;  // in the order in which they were made: lowest numbers first
+  const Before fork("fork", [&] {
+    for (const auto& [fd, target] : OpenFiles()) {
+      if (own.count(fd) == 0) {
+        ends.push_back(target);
+      }
+    }
+  });
+  EXPECT_EQ(RunScript("readlink /proc/$$/fd/0 /proc/$$/fd/1 /proc/$$/fd/2"), 0);
+  ASSERT_EQ(ends.size(), 6U);
+  EXPECT_EQ(output_, ends[0] + "\n" + ends[2] + "\n" + ends[4] + "\n");
+}
+
+TEST_F(SecureExecTest, ThePipesGoInTheOppositeOrder) {
+  const std::map<int, std::string> own = OpenFiles();
+  std::map<int, std::string> made;
+  {
+    const Before close("close", [&] { made = made.empty() ? OpenFiles() : made; });
+    const Fault noThird("pipe2", EMFILE, 2);
+    const Fault notClosed("close", EIO, 0, 1);  // what is closed first stays open
+    EXPECT_EQ(RunScript("exit 0"), -1);
+  }
+  for (const auto& entry : own) {
+    made.erase(entry.first);
+  }
+  std::vector<int> left;
+  for (const auto& entry : OpenFiles()) {
+    if (own.count(entry.first) == 0) {
+      left.push_back(entry.first);
+    }
+  }
+  ASSERT_EQ(made.size(), 4U);
+  EXPECT_THAT(left, ElementsAre(std::next(made.begin(), 2)->first));
+  ::close(left.at(0));
 }
 
 TEST_F(SecureExecTest, AForkThatIsRefusedIsAFailure) {
