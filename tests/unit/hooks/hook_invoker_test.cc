@@ -320,14 +320,15 @@ TEST_F(Invocation, NeedsTheInternalDirectoryEvenWhenThereIsAnExternalOne) {
 }
 
 TEST_F(Invocation, RunsInternalThenExternalScriptsEachInTheirOrder) {
-  for (const char* name : {"9-b", "10-a", ".hidden", "x"}) {
+  for (const char* name : {"9-b", "10-a", ".hidden", "x", "10-a~"}) {
     Internal(std::string("event/") + name, "echo internal ${0##*/} $1");
     External(std::string("event/") + name, "echo external ${0##*/}");
   }
   EXPECT_TRUE(Invoke().IsOk());
   EXPECT_EQ(output_,
-            "internal .hidden arg\ninternal 10-a arg\ninternal 9-b arg\ninternal x arg\n"
-            "external .hidden\nexternal 10-a\nexternal 9-b\nexternal x\n");
+            "internal .hidden arg\ninternal 10-a arg\ninternal 10-a~ arg\ninternal 9-b arg\n"
+            "internal x arg\n"
+            "external .hidden\nexternal 10-a\nexternal 10-a~\nexternal 9-b\nexternal x\n");
 }
 
 TEST_F(Invocation, TellsAScriptItsPathAsItWasPutTogether) {
@@ -369,6 +370,15 @@ TEST_F(Invocation, WorksWithoutPlacesForCodeAndOutput) {
   EXPECT_TRUE(invoker_.Invoke("event", {}, nullptr, nullptr).IsOk());
   Internal("event/10", "head -c 2000000 /dev/zero");
   EXPECT_TRUE(invoker_.Invoke("event", {}, nullptr, nullptr).IsOk());
+}
+
+TEST_F(Invocation, OfTheAgentTellsItsCode) {
+  Internal("agent/10", "exit 1");
+  EXPECT_TRUE(invoker_.Agent("GET", "/u", "", &exitCode_).IsOk());
+  EXPECT_EQ(exitCode_, 1);
+  Internal("agent/10", "exit 0");
+  EXPECT_TRUE(invoker_.Agent("GET", "/u", "/d", &exitCode_).IsOk());
+  EXPECT_EQ(exitCode_, 0);
 }
 
 TEST_F(Invocation, AnyOneInADirectoryMakesTheCodeOneAndTheOthersStillRun) {

@@ -59,6 +59,8 @@ TEST(Environment, LosesEverySavedVariableAndGetsTheLoadersBackAtTheEnd) {
 TEST(Environment, GetsBackTheLibraryPathAlone) {
   EXPECT_THAT(ChildEnvironment({"MIREL_ORIGINAL_LD_LIBRARY_PATH=/saved", "LD_PRELOAD="}),
               ElementsAre("LD_LIBRARY_PATH=/saved"));
+  EXPECT_THAT(ChildEnvironment({"MIREL_ORIGINAL_LD_LIBRARY_PATH=", "LD_LIBRARY_PATH=/own"}),
+              ElementsAre("LD_LIBRARY_PATH="));
 }
 
 TEST(Environment, GetsBackThePreloadAlone) {
