@@ -68,6 +68,13 @@ TEST_F(MacLookup, AnswersWithTheMacAsPlainText) {
                             EndsWith("\r\n\r\n00:11:22:33:44:55")));
 }
 
+TEST_F(MacLookup, SendsTheMacUnchangedWhateverItHolds) {
+  const std::string answer =
+      AnswerFor(R"({"devices":[{"ip":["127.0.0.1"],"mac":" \u00e9\u0000\r\nX: y "}]})");
+  EXPECT_THAT(answer, AllOf(HasSubstr("\r\nContent-Length: 11\r\n"),
+                            EndsWith("\r\n\r\n" + std::string(" \xc3\xa9\0\r\nX: y ", 11))));
+}
+
 TEST_F(MacLookup, ReadsTheFileForEveryRequest) {
   EXPECT_THAT(AnswerFor(R"({"devices":[{"ip":["127.0.0.1"],"mac":"first"}]})"), EndsWith("first"));
   EXPECT_THAT(AnswerFor(R"({"devices":[{"ip":["127.0.0.1"],"mac":"second"}]})"),
@@ -148,7 +155,20 @@ INSTANTIATE_TEST_SUITE_P(
         DeviceList{"DeviceIsNotAnObject", R"({"devices":["127.0.0.1",null,[],7]})", nullptr},
         DeviceList{"NoDevices", R"({"devices":[]})", nullptr},
         DeviceList{"DevicesAreAnObject", R"({"devices":{"ip":["127.0.0.1"],"mac":"m"}})", nullptr},
+        DeviceList{"DevicesAreANumber", R"({"devices":7})", nullptr},
+        DeviceList{"DevicesAreAString", R"({"devices":"127.0.0.1"})", nullptr},
+        DeviceList{"DevicesAreNull", R"({"devices":null})", nullptr},
+        DeviceList{"DevicesAreTrue", R"({"devices":true})", nullptr},
         DeviceList{"DevicesAreMissing", R"({})", nullptr},
+        DeviceList{
+            "AddressesAreAnObjectANumberOrNull",
+            R"({"devices":[{"ip":{"127.0.0.1":1},"mac":"a"},{"ip":127,"mac":"a"},)"
+            R"({"ip":null,"mac":"a"},{"ip":true,"mac":"a"},{"ip":["127.0.0.1"],"mac":"m"}]})",
+            "m"},
+        DeviceList{"MacsAreAnArrayAnObjectOrNull",
+                   R"({"devices":[{"ip":["127.0.0.1"],"mac":["a"]},{"ip":["127.0.0.1"],"mac":{}},)"
+                   R"({"ip":["127.0.0.1"],"mac":null},{"ip":["127.0.0.1"],"mac":"m"}]})",
+                   "m"},
         DeviceList{"RootIsAnArray", R"([{"ip":["127.0.0.1"],"mac":"m"}])", nullptr},
         DeviceList{"RootIsAScalar", "7", nullptr},
         DeviceList{"Utf8Mark", "\xef\xbb\xbf{\"devices\":[{\"ip\":[\"127.0.0.1\"],\"mac\":\"m\"}]}",
