@@ -126,6 +126,7 @@ FAULTY(int, epoll_wait, -1, (int fd, void* events, int count, int timeout),
        (fd, events, count, timeout))
 FAULTY(int, setuid, -1, (unsigned uid), (uid))
 FAULTY(int, ftruncate, -1, (int fd, off_t length), (fd, length))
+FAULTY(char*, strsignal, nullptr, (int number), (number))
 
 FAULTY(int, pthread_create, errno,
        (void* thread, const void* attributes, void* (*body)(void*), void* argument),

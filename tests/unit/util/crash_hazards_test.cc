@@ -3,9 +3,12 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -18,6 +21,7 @@
 #include <unistd.h>
 
 #include "support/crash_test.h"
+#include "support/wait.h"
 #include "util/crash_handler.h"
 #include "util/log.h"
 #include "util/privilege.h"
@@ -44,6 +48,35 @@ class CrashHazards : public test::CrashTest {
   static mode_t ModeOf(const std::string& path) {
     struct stat info = {};
     return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 07777U : 0;
+  }
+
+  // Asks in the child when the record is written and the report waits for the logger's lock;
+  // returns the answer, which is a small number.
+  int LookAfterTheRecord(const std::function<int()>& look) const {
+    constexpr int kLookedInTime = 100;
+    const int status = Crash([&] {
+      const std::lock_guard<std::mutex> lock(Orx::Log::Detail::Mutex());
+      std::thread([] { ::raise(SIGSEGV); }).detach();
+      test::WaitUntil([this] { return testing::Value(Record(), EndsWith(kRecordEnd)); });
+      ::_exit(kLookedInTime + look());
+    });
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    return WEXITSTATUS(status) - kLookedInTime;
+  }
+
+  static bool HasOpen(const std::string& path) {
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
+      std::error_code gone;
+      if (fs::read_symlink(entry.path(), gone) == path) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  static bool HasDefaultAction(int number) {
+    struct sigaction action = {};
+    return ::sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_DFL;
   }
 };
 
@@ -112,6 +145,14 @@ TEST_F(CrashHazards, TheRecordIsCutWhereTheSpaceEnds) {
   EXPECT_THAT(record, HasSubstr(") Process exit due to signal: 11\nFault Address: "));
 }
 
+TEST_F(CrashHazards, TheRecordMayGetTheDescriptorOfStandardInput) {
+  ExpectTheRest(Crash([] {
+    ::close(STDIN_FILENO);
+    ::raise(SIGSEGV);
+  }));
+  EXPECT_THAT(Record(), EndsWith(kRecordEnd));
+}
+
 TEST_F(CrashHazards, ANewFileIsReadableForAllUnlessTheUmaskForbidsIt) {
   for (const auto& [mask, mode] : {std::pair<mode_t, mode_t>{0, 0644}, {077, 0600}}) {
     ExpectEndedBy(Crash([mask = mask] {
@@ -172,6 +213,43 @@ TEST_F(CrashHazards, ARecordThatHangsIsEndedByTheAlarmThoughThatCameBlocked) {
   });
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
   ExpectNotReported();
+}
+
+TEST_F(CrashHazards, TheAlarmIsSetForTenSeconds) {
+  const int secs = LookAfterTheRecord([] { return static_cast<int>(::alarm(0)); });
+  EXPECT_GT(secs, 0);
+  EXPECT_LE(secs, 10);
+}
+
+TEST_F(CrashHazards, TheRecordIsClosedBeforeTheLogLine) {
+  EXPECT_EQ(LookAfterTheRecord([this] {
+              return test::WaitUntil([this] { return !HasOpen(RecordPath()); }) ? 1 : 0;
+            }),
+            1);
+}
+
+TEST_F(CrashHazards, NoFileOfATimeZoneIsReadForTheRecord) {
+  const std::string zone = directory_ / "zone";
+  ::setenv("TZ", (":" + zone).c_str(), 1);
+  ExpectTheRest(Crash([&zone] {
+    ::mkfifo(zone.c_str(), 0600);  // nobody writes into it: reading it would take for ever
+    ::raise(SIGSEGV);
+  }));
+}
+
+TEST_F(CrashHazards, AnotherFatalSignalDuringTheReportEndsTheProcess) {
+  ASSERT_EQ(::mkfifo(RecordPath().c_str(), 0600), 0);  // nobody reads it: the report hangs
+  for (const int other : {SIGSEGV, SIGABRT, SIGILL, SIGFPE, SIGBUS, SIGSYS}) {
+    const int status = Crash([other] {
+      std::thread([other] {
+        test::WaitUntil([other] { return HasDefaultAction(other); });
+        ::kill(::getpid(), other);
+      }).detach();
+      ::raise(other == SIGSEGV ? SIGABRT : SIGSEGV);
+    });
+    ExpectEndedBy(status, other);
+    ExpectNotReported();
+  }
 }
 
 TEST_F(CrashHazards, FaultsInTwoThreadsAtOnceEndTheProcess) {
