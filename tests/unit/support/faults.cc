@@ -124,6 +124,7 @@ FAULTY(int, waitid, -1, (int type, unsigned id, void* info, int options), (type,
 FAULTY(int, poll, -1, (void* entries, unsigned long count, int timeout), (entries, count, timeout))
 FAULTY(int, epoll_wait, -1, (int fd, void* events, int count, int timeout),
        (fd, events, count, timeout))
+FAULTY(int, setgid, -1, (unsigned gid), (gid))
 FAULTY(int, setuid, -1, (unsigned uid), (uid))
 FAULTY(int, ftruncate, -1, (int fd, off_t length), (fd, length))
 FAULTY(char*, strsignal, nullptr, (int number), (number))

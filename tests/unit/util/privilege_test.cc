@@ -86,6 +86,18 @@ TEST_F(DropPrivilege, WithoutRightsTheGroupCannotBeChanged) {
   }));
 }
 
+TEST_F(DropPrivilege, WhenTheGroupCannotBeChangedTheUserIsNotEither) {
+  const int status = test::RunInChild([] {
+    const Fault fault("setgid", EINVAL);
+    const Orx::Status result = stdext::drop_privilege(kAccount);
+    const bool asExpected =
+        !result.IsOk() && result.Message() == "Failed to set gid errno " + std::to_string(EINVAL) &&
+        ::getgid() == 0 && ::getuid() == 0;
+    ::_exit(asExpected ? 0 : 1);
+  });
+  EXPECT_EQ(status, 0);
+}
+
 TEST_F(DropPrivilege, WhenTheUserCannotBeChangedTheGroupHasBeen) {
   const int status = test::RunInChild([this] {
     const Fault fault("setuid", EAGAIN);
@@ -100,6 +112,15 @@ TEST_F(DropPrivilege, WhenTheUserCannotBeChangedTheGroupHasBeen) {
 
 TEST_F(DropPrivilege, ToTheSameUserSucceeds) {
   EXPECT_TRUE(InChild("root", 0, [](const Orx::Status& status) { return status.IsOk(); }));
+}
+
+TEST_F(DropPrivilege, ToTheSameUserStillChangesTheGroup) {
+  const int status = test::RunInChild([this] {
+    const bool asExpected =
+        ::setgid(account_.pw_gid) == 0 && stdext::drop_privilege("root").IsOk() && ::getgid() == 0;
+    ::_exit(asExpected ? 0 : 1);
+  });
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace
