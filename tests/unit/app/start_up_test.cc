@@ -2,10 +2,15 @@
 
 #include <cerrno>
 #include <fstream>
+#include <new>
 #include <sstream>
 #include <utility>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "app/daemon_fixture.h"
+#include "util/crash_handler.h"
 
 namespace {
 
@@ -103,6 +108,36 @@ TEST_F(StartUp, FailsWhenAHostCannotBeMade) {
   EXPECT_FALSE(Init(configPath_));
   EXPECT_THAT(log_.Messages(), Contains("ERROR: bool Init: Failed to create AgentHost: Failed to "
                                         "init evhttp errno 12"));
+}
+
+TEST_F(StartUp, FailsWhenThereIsNoMemoryForAHost) {
+  const std::string line = "ERROR: bool Init: Failed to create AgentHost: std::bad_alloc";
+  // One allocation after the other; those before the hosts' are nobody's to catch.
+  constexpr int kMoreThanThereAre = 1000;
+  for (int before = 0; before < kMoreThanThereAre && !LogHas(line); ++before) {
+    test::RunInChild([this, before] {
+      try {
+        const Fault fault("_Znwm", ENOMEM, before, 1);
+        Init(configPath_);
+      } catch (const std::bad_alloc&) {
+      }
+    });
+  }
+  EXPECT_TRUE(LogHas(line));
+}
+
+TEST_F(StartUp, RecordsOfCrashesGoBelowTheRootPrefixBeforeThereIsAHost) {
+  const std::string name = "tavlo-test-" + std::to_string(::getpid());
+  ASSERT_EQ(::mkdir((directory_ / "tmp").c_str(), 0700), 0);
+  test::RunInChild([&] {
+    Mirel::RegisterCrashHandler(name);
+    const Fault fault("evhttp_new", ENOMEM);
+    if (!Init(configPath_)) {
+      ::raise(SIGSEGV);
+    }
+  });
+  EXPECT_THAT(test::ReadFile(directory_ / "tmp/" + name + "-backtrace.log"),
+              testing::HasSubstr("Process exit due to signal: 11\n"));
 }
 
 TEST_F(StartUp, AnEmptyPathLeavesTheSettingsAndReadsNothing) {

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <map>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -135,6 +136,9 @@ FAULTY(int, pthread_create, errno,
 FAULTY(int, pthread_join, errno, (unsigned long thread, void** result), (thread, result))
 FAULTY(void*, signal, reinterpret_cast<void*>(SIG_ERR), (int number, void* handler),
        (number, handler))
+
+// The C++ library's operator new.
+FAULTY(void*, _Znwm, (throw std::bad_alloc(), nullptr), (size_t size), (size))
 
 // libevent's.
 FAULTY(void*, event_base_new, nullptr, (), ())
