@@ -4,23 +4,28 @@ import ctypes
 import os
 import re
 import signal
+import subprocess
 from pathlib import Path
 
 import pytest
 
 from support.clients import Client, connect
-from support.daemon import DIE_WITH_PARENT
+from support.daemon import BINARY, DIE_WITH_PARENT, PROGRAM
 from support.waiting import wait_until
 
 SIGNALS = [signal.SIGSEGV, signal.SIGABRT, signal.SIGILL, signal.SIGFPE, signal.SIGBUS,
            signal.SIGSYS]
+RECORD_END = "-" * 50 + "\n\n"
+
+
+def is_at_rest(pid):
+    """Whether its main thread waits: one that is hit while it logs can log no more."""
+    stat = Path(f"/proc/{pid}/stat").read_text(encoding="ascii")
+    return stat.rpartition(")")[2].split()[0] == "S"
 
 
 def wait_for_rest(pid):
-    """Until its main thread waits: one that is hit while it logs can log no more."""
-    stat = Path(f"/proc/{pid}/stat")
-    wait_until(lambda: stat.read_text(encoding="ascii").rpartition(")")[2].split()[0] == "S",
-               "the rest of the main thread")
+    wait_until(lambda: is_at_rest(pid), "the rest of the main thread")
 
 
 def crash(daemon, number):
@@ -76,10 +81,41 @@ def test_a_fatal_signal_is_recorded_below_the_root_prefix(root, daemon, number):
                     rf"{number.value}\nFault Address: .*\nFault address: .* PC: 0x.* SP: 0x.* LR: .*"
                     r"\nBacktrace:\n", record)
     assert has_frame(record, "Run()")
-    assert record.endswith("-" * 50 + "\n\n")
+    assert record.endswith(RECORD_END)
     line = f"Process exit due to signal: {number.value}"
     assert f" ERROR: void {{anonymous}}::CrashHandler: {line} (" in daemon.log_text()
-    assert f"\n{line}(" in daemon.console.read_text()
+    text = signal.strsignal(number)
+    assert daemon.console.read_text().endswith(f"CrashHandler: {line} ({text})\n{line}({text})\n")
+
+
+def writes_to_standard_output(pid):
+    """Whether it waits there: of the call its number is not looked at, but its first argument."""
+    return Path(f"/proc/{pid}/syscall").read_text(encoding="ascii").split()[1:2] == ["0x1"]
+
+
+def test_before_it_has_read_its_options_the_record_goes_to_tmp_under_the_name_of_its_call(tmp_path):
+    program = tmp_path / f"tavlo-test-{os.getpid()}"
+    program.symlink_to(BINARY)
+    record = Path(f"/tmp/{program.name}-backtrace.log")
+    reader, writer = os.pipe()
+    with open(reader, "rb", buffering=0) as output, open(writer, "wb", buffering=0) as full:
+        os.set_blocking(writer, False)
+        while full.write(bytes(4096)):  # in the end there is no room for the usage text
+            pass
+        os.set_blocking(writer, True)
+        process = subprocess.Popen([*DIE_WITH_PARENT, *PROGRAM[:-1], program, "-h"], stdout=full)
+        try:
+            wait_until(lambda: writes_to_standard_output(process.pid), "its writing of the usage text")
+            process.send_signal(signal.SIGSEGV)
+            wait_until(lambda: record.exists() and record.read_text().endswith(RECORD_END),
+                       "its record")
+            assert "Process exit due to signal: 11\n" in record.read_text()
+            output.read(1 << 20)  # which it waits for before it writes to standard error
+            assert process.wait(30) == -signal.SIGSEGV
+        finally:
+            process.kill()
+            process.wait()
+            record.unlink(missing_ok=True)
 
 
 def test_records_of_one_daemon_after_another_are_kept(root, make_daemon):
