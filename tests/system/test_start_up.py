@@ -112,6 +112,11 @@ def test_it_runs_one_thread_for_each_listener_beside_the_main_one(daemon):
     assert daemon.threads() == (4 if SANITIZER == "thread" or EMULATOR else 3)
 
 
+@pytest.mark.skipif(SANITIZER != "" or EMULATOR != "", reason="it would be another's memory too")
+def test_at_rest_it_has_at_most_ten_megabytes_of_memory(daemon):
+    assert daemon.resident_kib() * 1024 <= 10_000_000
+
+
 def test_both_listener_threads_log_under_their_own_identity(daemon):
     mark = daemon.mark()
     ask(daemon.root.http_port, "GET", "/plain")
