@@ -73,6 +73,8 @@ def test_it_tells_its_version():
 
 def test_its_debug_file_can_be_found():
     assert re.search(r"Build ID: [0-9a-f]{40}", readelf("--notes"))
+    link = readelf("--string-dump=.gnu_debuglink").splitlines()
+    assert any(line.endswith(" tavlo.debug") for line in link)
 
 
 def test_it_is_position_independent():
