@@ -316,18 +316,40 @@ def test_a_name_of_the_binary_in_a_library_does_not_disturb(program):
     assert_whole_stack(decode_well(program.movable, record), program)
 
 
-def test_a_name_of_the_binary_far_from_its_code_does_not_count(program):
+@pytest.mark.parametrize("name", ["AfterStart()", "_end"])  # the last one ends nowhere
+def test_a_name_of_the_binary_far_from_its_code_does_not_count(program, name):
     """Here with an offset that would do for the start of a page."""
     main, = named_lines(program.record, "main ")
     library, = named_lines(program.record, "__libc_start_main")
     symbols = subprocess.run(["nm", "-C", program.movable], capture_output=True, text=True,
                              check=True).stdout
-    value = int(re.search(r"^(\w+) T AfterStart\(\)$", symbols, re.MULTILINE)[1], 16)
+    value = int(re.search(rf"^(\w+) [TB] {re.escape(name)}$", symbols, re.MULTILINE)[1], 16)
     address = library.split(" ")[0]
     offset = 0x1000000 + (int(address, 16) - value) % 0x1000
     record = keep_one_name(program.record, main).replace(
-        nameless(library), f"{address} AfterStart() + {offset:#x}")
-    assert record.count("AfterStart()") == 1
+        nameless(library), f"{address} {name} + {offset:#x}")
+    assert record.count(name) == 1
+    assert_whole_stack(decode_well(program.movable, record), program)
+
+
+def test_a_local_function_may_have_the_name_of_the_exported_one_before_it(program):
+    """uClibc-ng's dladdr does not ask how far a function reaches."""
+    output = subprocess.run(["nm", "-C", "--defined-only", program.movable], capture_output=True,
+                            text=True, check=True).stdout
+    exported = sorted((int(value, 16), name) for value, kind, name in (
+        line.split(" ", 2) for line in output.splitlines()) if kind in "TW")
+    main, = named_lines(program.record, "main ")
+    load_address = (int(main.split(" ")[0], 16) - int(main.rpartition(" + ")[2], 16)
+                    - next(value for value, name in exported if name == "main"))
+    record = program.record
+    renamed = 0
+    for line in frame_lines(program.record):
+        place = int(line.split(" ")[0], 16) - load_address
+        if line.endswith(" <private>  0") and exported[0][0] < place < exported[-1][0]:
+            value, name = next(symbol for symbol in reversed(exported) if symbol[0] <= place)
+            record = record.replace(line, f"{line.split(' ')[0]} {name[:299]} + {place - value:#x}")
+            renamed += 1
+    assert renamed >= 2  # StoreAndCount() and Count()
     assert_whole_stack(decode_well(program.movable, record), program)
 
 
@@ -347,6 +369,20 @@ def test_exported_symbols_and_debug_information_are_enough(program):
 
 def test_a_binary_at_a_fixed_address_is_decoded(program, fixed):
     assert_whole_stack(decode_well(fixed, program.crash(fixed)), program)
+
+
+def test_a_name_that_was_not_demangled_is_one_too(program):
+    finish, = named_lines(program.record, r"Finish\(")
+    mangled = finish.replace("Finish(int volatile*)", "_Z6FinishPVi")
+    assert mangled != finish
+    record = keep_one_name(program.record, finish).replace(finish, mangled)
+    assert_whole_stack(decode_well(program.movable, record), program)
+
+
+def test_frames_of_libraries_stay_as_they_are(program):
+    lines = decode_well(program.movable, program.record).splitlines()
+    library, = named_lines(program.record, "__libc_start_main")
+    assert not lines[lines.index(library) + 1].startswith(" ")
 
 
 def test_an_unknown_function_has_no_line(program):
@@ -408,6 +444,19 @@ def test_two_possible_load_addresses_are_refused(program):
     record = keep_one_name(program.record, main).replace(main, f"{main}\n{twin}")
     complaint = assert_mismatch(refuse(program.movable, record), record, ["main "])
     assert "several load addresses are possible" in complaint
+
+
+@pytest.mark.parametrize("place", [0x1001, 0x7f8, -0x1000])
+def test_a_load_address_that_no_binary_can_have_is_refused(program, place):
+    """With one name only nothing contradicts it."""
+    main, = named_lines(program.record, "main ")
+    symbols = subprocess.run(["nm", program.movable], capture_output=True, text=True,
+                             check=True).stdout
+    value = int(re.search(r"^(\w+) T main$", symbols, re.MULTILINE)[1], 16)
+    offset = int(main.rpartition(" + ")[2], 16)
+    moved = main.replace(main.split(" ")[0], hex(place + value + offset))
+    record = keep_one_name(program.record, main).replace(main, moved)
+    assert "no load address is possible" in refuse(program.movable, record)
 
 
 def test_without_a_name_of_the_binary_it_is_refused(program):
@@ -478,6 +527,16 @@ def test_a_malformed_line_is_reported_and_the_rest_decoded(program):
     assert_whole_stack(result.stdout, program)
 
 
+def test_bytes_that_are_no_text_do_not_keep_the_rest_back(program):
+    path = program.directory / "damaged"
+    path.write_bytes(program.record.encode().replace(b"Backtrace:\n", b"Backtrace:\n\xff\xfe\n"))
+    result = subprocess.run([TOOL, program.movable, path], capture_output=True, text=True,
+                            timeout=DEFAULT_LIMIT, check=False)
+    assert result.returncode == 1
+    assert "record 1 of 1: this line is no frame: \\xff\\xfe" in result.stderr
+    assert_whole_stack(result.stdout, program)
+
+
 def test_a_malformed_heading_is_reported(program):
     result = decode(program.movable, program.record.replace("Fault address: ", "Fault "))
     assert result.returncode == 1
@@ -506,6 +565,13 @@ def test_a_record_is_read_from_a_file(program):
     result = subprocess.run([TOOL, program.movable, path], capture_output=True, text=True,
                             timeout=DEFAULT_LIMIT, check=True)
     assert_whole_stack(result.stdout, program)
+
+
+def test_nothing_is_left_in_the_directory_for_temporary_files(program, tmp_path, monkeypatch):
+    monkeypatch.setenv("TMPDIR", str(tmp_path))
+    decode_well(program.movable, program.record)
+    refuse(program.movable, "")
+    assert list(tmp_path.iterdir()) == []
 
 
 def test_missing_files_are_named(program):
@@ -549,6 +615,18 @@ def test_the_prefix_names_the_tools(program):
             in complaint)
 
 
+def test_the_tools_do_not_speak_the_operators_language(program, monkeypatch):
+    monkeypatch.setenv("LC_ALL", "de_DE.UTF-8")
+    tools = program.directory / "speaking"
+    tools.mkdir()
+    for name in ("addr2line", "nm", "objcopy", "readelf"):
+        tool_script = tools / name
+        tool_script.write_text(f'#!/bin/sh\n[ "$LC_ALL" = C ] && exec {name} "$@"\n')
+        tool_script.chmod(0o755)
+    output = decode_well(program.movable, program.record, "--prefix", f"{tools}/")
+    assert_whole_stack(output, program)
+
+
 # --- the parts that no real record reaches at will ---
 
 
@@ -577,6 +655,17 @@ def test_a_frame_line_has_an_address_a_name_and_an_offset(tool, line, expected):
     frame, = record.frames
     assert (frame.address, frame.name, frame.offset) == expected
     assert record.problems == []
+
+
+def test_what_the_compiler_adds_to_a_line_is_left_out(tool):
+    assert tool.describe_place("Run()\nsrc/run.cc:7 (discriminator 2)\n") == ["Run() at src/run.cc:7"]
+
+
+@pytest.mark.parametrize("line", ["0x1000 Run() + 0x1e0x2000 main + 0x5", "0x1000 Run()", "Run() + 0x1"])
+def test_half_of_a_frame_line_is_none(tool, line):
+    record, = tool.parse_records(record_of(line))
+    assert record.real_frames() == []
+    assert record.problems == [f"this line is no frame: {line}"]
 
 
 def test_only_the_innermost_frame_at_the_program_counter_is_exact(tool):
