@@ -59,7 +59,8 @@ def test_a_hundred_thousand_requests_leave_it_as_it_was(root, make_daemon):
         mark = daemon.mark()
         load_both_listeners(root, REQUESTS)
         daemon.wait_for_no_clients()
-        assert daemon.descriptors() == before[0]
+        # The listener that was ready first may have given up its idle connection, a minute later.
+        assert set(daemon.descriptors()) <= set(before[0])
         assert daemon.threads() == before[1]
         # It kept its two connections all the time.
         assert destination.accepted == 2
