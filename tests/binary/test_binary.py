@@ -23,7 +23,7 @@ TOOLCHAINS_OWN = {
 
 def readelf(*options, path=BINARY):
     result = subprocess.run(["readelf", "-W", *options, path], check=True, capture_output=True,
-                            text=True, env={**os.environ, "LC_ALL": "C"})
+                            text=True, errors="replace", env={**os.environ, "LC_ALL": "C"})
     return result.stdout
 
 
