@@ -212,7 +212,14 @@ TEST_F(LookUpFailure, OfTheSocketComesFirst) {
   EXPECT_EQ(Find("no such interface"), "Failed to create socket: 24 Too many open files");
 }
 
-TEST(LookUpSocket, IsKeptFromPrograms) {
+int OptionOf(int fd, int name) {
+  int value = -1;
+  socklen_t size = sizeof value;
+  EXPECT_EQ(::getsockopt(fd, SOL_SOCKET, name, &value, &size), 0);
+  return value;
+}
+
+TEST(LookUpSocket, IsARawOneAndKeptFromPrograms) {
   const int fd = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);  // the lowest number that is free
   ::close(fd);
   {
@@ -222,10 +229,9 @@ TEST(LookUpSocket, IsKeptFromPrograms) {
     EXPECT_FALSE(
         Orx::RouterUtil::GetIpAddrAndPrefix("nosuch", AF_INET, &address, &prefixLength).IsOk());
   }
-  int domain = 0;
-  socklen_t size = sizeof domain;
-  ASSERT_EQ(::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size), 0);
-  EXPECT_EQ(domain, AF_NETLINK);
+  EXPECT_EQ(OptionOf(fd, SO_DOMAIN), AF_NETLINK);
+  EXPECT_EQ(OptionOf(fd, SO_TYPE), SOCK_RAW);
+  EXPECT_EQ(OptionOf(fd, SO_PROTOCOL), NETLINK_ROUTE);
   EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
   ::close(fd);
 }
