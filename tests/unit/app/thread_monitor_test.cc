@@ -1,6 +1,7 @@
 #include "app/thread_monitor.h"
 
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -91,6 +92,28 @@ TEST(ThreadMonitor, BeatsMayComeWhileSilenceIsLookedFor) {
   }
   worker.join();
   EXPECT_EQ(monitor.Silence(7, kStart + seconds(kBeats)), seconds(1));
+}
+
+TEST(ThreadMonitor, ThreadsMayComeAndGoAtTheSameTime) {
+  ThreadMonitor monitor;
+  constexpr Orx::ThreadIdentity kThreads = 4;
+  std::vector<std::thread> workers;
+  for (Orx::ThreadIdentity first = 1; first <= kThreads; ++first) {
+    workers.emplace_back([&monitor, first] {
+      for (Orx::ThreadIdentity identity = first; identity < 1000; identity += kThreads) {
+        monitor.Register(identity, {"worker", seconds(60), kStart});
+        if (identity % 2 == 0) {
+          monitor.Unregister(identity);
+        }
+      }
+    });
+  }
+  for (std::thread& worker : workers) {
+    worker.join();
+  }
+  for (Orx::ThreadIdentity identity = 1; identity < 1000; ++identity) {
+    EXPECT_EQ(monitor.Name(identity), identity % 2 == 0 ? "" : "worker");
+  }
 }
 
 TEST(ThreadHeartbeat, CountsForTheCallingThreadOnly) {
