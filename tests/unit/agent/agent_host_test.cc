@@ -1,10 +1,14 @@
 #include "agent/agent_host.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <memory>
 #include <ostream>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -91,6 +95,41 @@ TEST_F(AgentHostTest, AnEventThatCannotBeMadeIsThrown) {
   }
   EXPECT_THAT(failures, Contains("Failed to init heartbeat errno 12"));
   EXPECT_THAT(failures, Contains("Failed to init client event errno 12"));
+}
+
+TEST_F(AgentHostTest, IsSetUpInItsOrder) {
+  // Each of them fails, and so does the next one.
+  const std::vector<std::pair<const char*, std::string>> steps = {
+      {"event_base_new", "Failed to init event_base errno 12"},
+      {"event_new", "Failed to init invoker event errno 12"},
+      {"evhttp_new", "Failed to init evhttp errno 12"},
+      {"evconnlistener_new",
+       "Failed to bind endpoint '127.0.0.1:" + std::to_string(port_) + "' errno 12"},
+      {"evhttp_connection_base_new", "Failed to init evcon errno 12"},
+      {"SSL_CTX_new", "Cannot create SSL context"},
+      {"EC_KEY_new_by_curve_name", "Cannot creates a new EC_KEY object"},
+      {"SSL_CTX_ctrl", "Cannot set ECDH parameters"},
+  };
+  for (size_t i = 0; i + 1 < steps.size(); ++i) {
+    const Fault fault(steps[i].first, ENOMEM);
+    const Fault next(steps[i + 1].first, ENOMEM);
+    EXPECT_EQ(FailureToMake(true), steps[i].second);
+  }
+}
+
+TEST_F(AgentHostTest, IsSetUpForTlsBeforeItsHeartbeatIs) {
+  int last = 0;  // of the events that are made for a host, the heartbeat's
+  {
+    const Fault events("event_new", 0, 0, 0);
+    MakeHost(false).reset();
+    last = events.Calls() - 1;
+  }
+  const Fault tls("SSL_CTX_new", ENOMEM);
+  for (const bool secure : {false, true}) {
+    const Fault heartbeat("event_new", ENOMEM, last);
+    EXPECT_EQ(FailureToMake(secure),
+              secure ? "Cannot create SSL context" : "Failed to init heartbeat errno 12");
+  }
 }
 
 TEST_F(AgentHostTest, APortInUseIsThrown) {
@@ -209,14 +248,119 @@ TEST_F(AgentHostTest, ARequestWhoseHandlingThrowsIsAnsweredAndTheCauseLogged) {
 
 TEST_F(AgentHostTest, EachRequestIsASignOfLife) {
   static std::atomic<int> beats(0);
-  static auto* const host =
-      new tavlo::AgentHost(nullptr, false, "", directory_.Path(), "", port_, "127.0.0.1",
-                           test::FreePort(), "", [] { ++beats; });
-  std::thread([] { host->Run(); }).detach();
+  heartbeat_ = [] { ++beats; };
+  RunHost(false);
   for (int requests = 1; requests < 4; ++requests) {
     Get("/elsewhere");
     EXPECT_TRUE(test::WaitUntil([&] { return beats == requests; }));
   }
+}
+
+// Moves the time on and lets the host look at it. What must not have happened yet is only looked at
+// when this machine was quick enough.
+class AgentHostTimes : public AgentHostTest {
+ protected:
+  using Clock = std::chrono::steady_clock;
+
+  // Twice: what was due is done when the second turn comes.
+  void Turn(tavlo::AgentHost& host) const {
+    for (int turn = 0; turn < 2; ++turn) {
+      const auto before = Turns();
+      host.BindSrcAddr("192.0.2.1");  // cannot be bound, and so is tried each time
+      ASSERT_TRUE(test::WaitUntil([&] { return Turns() > before; }));
+    }
+  }
+
+  void TurnAt(Clock::time_point time, tavlo::AgentHost& host) const {
+    test::PassTime(time - Clock::now());
+    Turn(host);
+  }
+
+ private:
+  std::ptrdiff_t Turns() const {
+    const auto lines = log_.Lines();
+    return std::count(lines.begin(), lines.end(), "DEBUG: void tavlo::AgentHost::Invoke: Leave");
+  }
+};
+
+constexpr std::chrono::milliseconds kALittle(300);
+
+TEST_F(AgentHostTimes, TheHeartbeatComesEvery30Seconds) {
+  static std::atomic<int> beats(0);
+  heartbeat_ = [] { ++beats; };
+  const auto start = Clock::now();
+  tavlo::AgentHost& host = RunHost(false);
+  const auto made = Clock::now();
+  for (int beat = 1; beat <= 3; ++beat) {
+    const std::chrono::seconds due(30 * beat);
+    TurnAt(made + due - kALittle, host);
+    const int seen = beats;
+    if (Clock::now() < start + due) {
+      EXPECT_EQ(seen, beat - 1);
+    }
+    TurnAt(made + due + kALittle, host);
+    EXPECT_EQ(beats, beat);
+  }
+}
+
+TEST_F(AgentHostTimes, AHeartbeatThatIsDueComesWhenTheLoopStarts) {
+  static std::atomic<int> beats(0);
+  heartbeat_ = [] { ++beats; };
+  static tavlo::AgentHost* const host = MakeHost(false).release();
+  test::PassTime(std::chrono::seconds(30));
+  EXPECT_EQ(beats, 0);
+  std::thread([] { host->Run(); }).detach();
+  Turn(*host);
+  EXPECT_EQ(beats, 1);
+}
+
+TEST_F(AgentHostTimes, AHeartbeatThatIsNoFunctionIsAnError) {
+  heartbeat_ = nullptr;
+  tavlo::AgentHost& host = RunHost(false);
+  TurnAt(Clock::now() + std::chrono::seconds(30) + kALittle, host);
+  EXPECT_THAT(log_.Lines(), Contains("ERROR: static void tavlo::AgentHost::OnHeartbeatEvent: "
+                                     "Unexpected failure: bad_function_call"));
+}
+
+TEST_F(AgentHostTimes, AClientThatIsSilentFor61SecondsIsEnded) {
+  constexpr std::chrono::seconds kLimit(61);
+  tavlo::AgentHost& host = RunHost(false);
+  const auto start = Clock::now();
+  const test::Connection client("127.0.0.1", port_);
+  WaitForAccept();
+  const auto accepted = Clock::now();
+  TurnAt(accepted + kLimit - kALittle, host);
+  const bool hasEnded = client.HasEnded();
+  if (Clock::now() < start + kLimit) {
+    EXPECT_FALSE(hasEnded);
+  }
+  TurnAt(accepted + kLimit + kALittle, host);
+  EXPECT_TRUE(client.HasEnded());
+}
+
+TEST_F(AgentHostTimes, ADestinationThatIsSilentFor61SecondsIsGivenUp) {
+  constexpr std::chrono::seconds kLimit(61);
+  constexpr const char* kLine =
+      "ERROR: static void tavlo::AgentHost::RelayReply: Timeout in forwarding request";
+  // The kernel makes its connections; nobody reads from them.
+  const stdext::descriptor destination(tavlo::OpenListeningSocket("127.0.0.1", dstPort_));
+  tavlo::AgentHost& host = RunHost(false);
+  const auto start = Clock::now();
+  std::string answer;
+  std::thread client([&] { answer = Get("/api/version"); });
+  EXPECT_TRUE(test::WaitUntil(
+      [&] { return LogHas("INFO: void tavlo::AgentHost::DispatchRequest: GET /api/version"); }));
+  Turn(host);
+  const auto sent = Clock::now();
+  TurnAt(sent + kLimit - kALittle, host);
+  const bool hasEnded = LogHas(kLine);
+  if (Clock::now() < start + kLimit) {
+    EXPECT_FALSE(hasEnded);
+  }
+  TurnAt(sent + kLimit + kALittle, host);
+  EXPECT_TRUE(LogHas(kLine));
+  client.join();
+  EXPECT_THAT(answer, StartsWith("HTTP/1.1 500 Timeout in forwarding request\r\n"));
 }
 
 TEST_F(AgentHostTest, AConnectionThatIsRefusedOnceIsAcceptedASecondLater) {
@@ -305,6 +449,17 @@ TEST_F(AgentHostTest, ADestinationThatFailsAtOnceIsAnsweredOnce) {
   RunHost(false);
   EXPECT_THAT(Get("/api/version"), StartsWith("HTTP/1.1 500 Timeout in forwarding request\r\n"));
   EXPECT_THAT(Get("/api/version"), StartsWith("HTTP/1.1 500 Timeout in forwarding request\r\n"));
+}
+
+TEST_F(AgentHostTest, ADestinationWhoseNameIsUnknownIsAnsweredOnce) {
+  dstAddr_ = "destination.invalid";
+  RunHost(false);
+  const Fault names("getaddrinfo", 0);
+  for (int requests = 0; requests < 2; ++requests) {
+    const int before = names.Calls();
+    EXPECT_THAT(Get("/api/version"), StartsWith("HTTP/1.1 500 Timeout in forwarding request\r\n"));
+    EXPECT_GT(names.Calls(), before);
+  }
 }
 
 TEST_F(AgentHostTest, ABodyOfMoreThanFourMebibytesIsRefusedByItsLength) {

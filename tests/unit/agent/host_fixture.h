@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -27,7 +28,7 @@ class HostFixture : public testing::Test {
   std::unique_ptr<tavlo::AgentHost> MakeHost(bool secure) {
     return std::make_unique<tavlo::AgentHost>(invoker_, secure, agentDataPath_, directory_.Path(),
                                               directory_ / "devices.json", port_, dstAddr_,
-                                              FreePort(), "", [] {});
+                                              dstPort_, "", heartbeat_);
   }
 
   // The message of the exception that making a host throws; empty when it throws none.
@@ -72,6 +73,8 @@ class HostFixture : public testing::Test {
   TemporaryDirectory directory_;
   const uint16_t port_ = FreePort();
   std::string dstAddr_ = "127.0.0.1";
+  const uint16_t dstPort_ = FreePort();
+  std::function<void()> heartbeat_ = [] {};
   Orx::HookInvoker* invoker_ = nullptr;
   std::string agentDataPath_;
 };

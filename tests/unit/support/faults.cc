@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <map>
 #include <new>
@@ -10,10 +11,10 @@
 #include <utility>
 
 #include <dlfcn.h>
+#include <netdb.h>
 #include <sys/time.h>
 #include <sys/types.h>
-
-struct timespec;
+#include <time.h>
 
 namespace {
 
@@ -65,6 +66,28 @@ void* FreeWith(const char* function, void* object) {
 std::atomic<const timeval*> frozenTime{nullptr};
 std::atomic<int> socketStandIn{-1};
 
+// How far the monotonic clock is ahead, in nanoseconds.
+std::atomic<long long> passedTime{0};
+
+// What nanosleep was last asked for, in nanoseconds.
+std::atomic<long long> refusedPause{0};
+
+constexpr long long kSecond = 1000000000;
+
+int RefusePause(const timespec* wanted) {
+  refusedPause = wanted->tv_sec * kSecond + wanted->tv_nsec;
+  return -1;
+}
+
+int Advance(int clock, timespec* now) {
+  if (clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE) {
+    const long long time = now->tv_sec * kSecond + now->tv_nsec + passedTime;
+    now->tv_sec = static_cast<time_t>(time / kSecond);
+    now->tv_nsec = static_cast<long>(time % kSecond);
+  }
+  return 0;
+}
+
 int FailOrFreeze(timeval* now) {
   const timeval* frozen = frozenTime;
   if (frozen == nullptr) {
@@ -114,7 +137,8 @@ FAULTY(const char*, inet_ntop, nullptr, (int family, const void* in, char* out, 
 FAULTY(int, accept4, -1, (int fd, void* address, unsigned* size, int flags),
        (fd, address, size, flags))
 FAULTY(int, flock, -1, (int fd, int operation), (fd, operation))
-FAULTY(int, nanosleep, -1, (const timespec* wanted, timespec* left), (wanted, left))
+FAULTY(int, nanosleep, RefusePause(wanted), (const timespec* wanted, timespec* left),
+       (wanted, left))
 FAULTY(int, pthread_sigmask, errno, (int how, const void* set, void* old), (how, set, old))
 FAULTY(int, sigtimedwait, -1, (const void* set, void* info, const timespec* limit),
        (set, info, limit))
@@ -134,8 +158,20 @@ FAULTY(int, pthread_create, errno,
        (void* thread, const void* attributes, void* (*body)(void*), void* argument),
        (thread, attributes, body, argument))
 FAULTY(int, pthread_join, errno, (unsigned long thread, void** result), (thread, result))
+FAULTY(int, getaddrinfo, EAI_NONAME,
+       (const char* name, const char* service, const void* hints, void* results),
+       (name, service, hints, results))
 FAULTY(void*, signal, reinterpret_cast<void*>(SIG_ERR), (int number, void* handler),
        (number, handler))
+
+// It never fails; PassTime puts it forward.
+extern "C" int advanced_clock_gettime(int clock, timespec* now) __asm__("clock_gettime");
+int advanced_clock_gettime(int clock, timespec* now) {
+  static const auto real =
+      reinterpret_cast<int (*)(int, timespec*)>(::dlsym(RTLD_NEXT, "clock_gettime"));
+  const int result = real(clock, now);
+  return result == 0 ? Advance(clock, now) : result;
+}
 
 // The C++ library's operator new.
 FAULTY(void*, _Znwm, (throw std::bad_alloc(), nullptr), (size_t size), (size))
@@ -203,6 +239,14 @@ Before::Before(const char* function, std::function<void()> action)
 
 Before::~Before() {
   States().at(function_)->before = nullptr;
+}
+
+std::chrono::nanoseconds RefusedPause() {
+  return std::chrono::nanoseconds(refusedPause);
+}
+
+void PassTime(std::chrono::nanoseconds time) {
+  passedTime += time.count();
 }
 
 FrozenClock::FrozenClock(long seconds, long microseconds)

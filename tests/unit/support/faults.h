@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 
 #include <sys/time.h>
@@ -38,6 +39,12 @@ class Before {
   const char* function_;
   const std::function<void()> action_;
 };
+/// How long the last call of `nanosleep` that failed should have lasted.
+std::chrono::nanoseconds RefusedPause();
+
+/// Puts the monotonic clock forward, for good. Who sleeps does not wake up from that: an event
+/// loop, for one, notices when something else happens.
+void PassTime(std::chrono::nanoseconds time);
 
 /// Makes `gettimeofday` tell this time for as long as the object lives.
 class FrozenClock {

@@ -64,6 +64,11 @@ Connection::~Connection() {
   }
 }
 
+bool Connection::HasEnded() const {
+  char next = 0;
+  return ::recv(fd_, &next, sizeof next, MSG_PEEK | MSG_DONTWAIT) == 0;
+}
+
 std::string Connection::Exchange(const std::string& request) const {
   std::string answer;
   if (fd_ < 0 || ::send(fd_, request.data(), request.size(), MSG_NOSIGNAL) < 0) {

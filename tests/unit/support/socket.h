@@ -22,6 +22,10 @@ class Connection {
   Connection& operator=(const Connection&) = delete;
 
   bool IsOpen() const { return fd_ >= 0; }
+
+  /// Whether the peer has ended it; nothing must be left to read.
+  bool HasEnded() const;
+
   std::string Exchange(const std::string& request) const;
 
  private:
