@@ -152,7 +152,7 @@ def test_an_answer_that_has_no_body_comes_back_without_one(shared, status):
                                           "application/octet-stream", "x", "image/png;a=\"b c\""])
 def test_the_content_type_comes_back(shared, content_type):
     answer = relayed(shared, Answer(headers=[("Content-Type", content_type)], body=b"x"))
-    assert answer.header("Content-Type") == content_type
+    assert ("Content-Type", content_type) in answer.headers
 
 
 def test_without_a_content_type_none_is_made_up(shared):
