@@ -244,6 +244,41 @@ def test_nonsense_is_turned_away(shared, tls, request_bytes):
     assert_serving(shared.root)
 
 
+LINE = b"PairingKey: " + PAIRING_KEY.encode()
+KEYLESS = [
+    b"PairingKey: wrong\r\n" + LINE, LINE.replace(b" ", b"\r\n "), LINE.replace(b" ", b"\t"),
+    LINE + b"\r\n x", LINE[:-4] + b"\r\n " + LINE[-4:], LINE.replace(b":", b" :"), b" " + LINE,
+    LINE.replace(b":", b"\0:"), LINE + b", x", LINE + b"," + PAIRING_KEY.encode(), b"X: y\r" + LINE,
+    b"X: y\0\r" + LINE, b"Trailer: PairingKey",
+]
+
+
+@pytest.mark.parametrize("line", KEYLESS)
+def test_a_key_that_is_only_nearly_given_lets_nobody_in(root, daemon, sdk_host, line):
+    for body in (b"Connection: close\r\n\r\n",
+                 b"Connection: close\r\nTransfer-Encoding: chunked\r\n\r\n1\r\na\r\n0\r\n" + LINE +
+                 b"\r\n\r\n"):
+        request = b"POST /api/x HTTP/1.1\r\nHost: x\r\n" + line + b"\r\n" + body
+        answer = exchange(root.https_port, request, True)
+        assert answer.startswith((b"HTTP/1.1 417 Pairing key not as expected\r\n",
+                                  b"HTTP/1.1 400 Bad Request\r\n"))
+    assert sdk_host.requests == []
+
+
+@pytest.mark.parametrize("uri", [
+    b"http://x/api/version", b"http:///api/version", b"http:/api/version", b"x:/api/version",
+    b"//api/version", b"/api\\version", b"/api%2fversion", b"/%61pi/version", b"/./api/version",
+    b"/x/../api/version", b";/api/version", b"?/api/version", b"api/version"])
+@pytest.mark.parametrize("tls", [False, True])
+def test_other_ways_to_write_an_endpoint_lead_nowhere(shared, tls, uri):
+    received = len(shared.sdk_host.requests)
+    answer = exchange(port_of(shared.root, tls), b"GET " + uri + b" HTTP/1.1\r\nConnection: close"
+                      b"\r\n" + LINE + b"\r\n\r\n", tls)
+    assert answer.startswith((b"HTTP/1.1 404 Invalid endpoint is called\r\n",
+                              b"HTTP/1.1 400 Bad Request\r\n"))
+    assert len(shared.sdk_host.requests) == received
+
+
 def test_a_client_that_sends_byte_by_byte_does_not_hold_up_others(root, daemon, sdk_host):
     request = b"GET /api/version HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"
     with connect(root.http_port) as slow:
