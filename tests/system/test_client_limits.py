@@ -308,6 +308,23 @@ def test_what_was_answered_counts_no_more(root, daemon, sdk_host):
     assert daemon.count_in_log(TOO_MUCH) == 0
 
 
+def test_clients_that_were_ended_for_their_size_take_no_place(root, daemon):
+    for number in range(1, 11):
+        # Chunks of one byte: by itself more than all clients together may have.
+        client = send_part(root.http_port,
+                           PATCH + b"Transfer-Encoding: chunked\r\n\r\n" + b"1\r\nb\r\n" * 500000)
+        daemon.wait_for_log(TOO_MUCH, count=number)
+        client.close()
+    daemon.wait_for_no_clients()
+    clients = [connect(root.http_port) for _ in range(MOST_CLIENTS)]
+    wait_until(lambda: len(daemon.client_connections()) == MOST_CLIENTS, "the clients")
+    with Client(root.https_port, True) as elsewhere:
+        assert elsewhere.ask("GET", "/api/mac").status == 200
+    assert daemon.count_in_log(TOO_MANY) == 0
+    for client in clients:
+        client.close()
+
+
 def test_what_a_client_leaves_unfinished_counts_no_more(root, daemon):
     for _ in range(10):
         send_part(root.http_port, PATCH + b"Content-Length: 4000000\r\n\r\n" + b"b" * MIB).close()
