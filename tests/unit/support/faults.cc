@@ -129,6 +129,7 @@ FAULTY(int, close, -1, (int fd), (fd))
 FAULTY(int, dup2, -1, (int fd, int wanted), (fd, wanted))
 FAULTY(int, socket, socketStandIn.exchange(-1), (int domain, int type, int protocol),
        (domain, type, protocol))
+FAULTY(int, bind, -1, (int fd, const void* address, unsigned size), (fd, address, size))
 FAULTY(ssize_t, send, -1, (int fd, const void* data, size_t size, int flags),
        (fd, data, size, flags))
 FAULTY(ssize_t, recv, -1, (int fd, void* data, size_t size, int flags), (fd, data, size, flags))

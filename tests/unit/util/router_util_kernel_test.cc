@@ -330,7 +330,9 @@ std::string ExpectedRequest(unsigned char family) {
 
 TEST_F(LookUpExchange, SendsOneRequestForAllIpv4Addresses) {
   Answer(Message(1));
+  const test::Fault binding("bind", 0, 0, 0);
   EXPECT_TRUE(Find(AF_INET).IsOk());
+  EXPECT_EQ(binding.Calls(), 0);
   EXPECT_EQ(Request(), ExpectedRequest(2));
   EXPECT_EQ(Request(), "") << "no second request";
 }

@@ -135,7 +135,7 @@ TEST(FindAddress, GivesAnIpv6AddressCompressed) {
 }
 
 TEST(FindAddress, GivesTheLongestIpv6Address) {
-  const std::string longest = "2001:db8:1111:2222:3333:4444:5555:6666";
+  const std::string longest = "2001:1db8:1111:2222:3333:4444:5555:6666";
   ExpectAddress(FindIpv6(AddressMessage({kPermanent, kGlobal, kOurs, 128}, longest)), longest, 128);
 }
 
