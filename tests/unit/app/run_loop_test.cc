@@ -164,6 +164,44 @@ TEST_F(RunLoop, LooksAtTheAddressAgainAfterAMinute) {
   EXPECT_EQ(test::ReadFile(directory_ / "looks"), "1 2");
 }
 
+TEST_F(RunLoop, QuietPassesAfterAHangUpRepeatItsSignalAndDoNothing) {
+  RunDaemon([this] {
+    static const Fault wait("sigtimedwait", EAGAIN, 1, 3);
+    std::thread([this] {
+      test::WaitUntil([&] { return LogHas("DEBUG: void Run: Update LAN address"); });
+      ::unlink((directory_ / "router_info").c_str());
+      ::kill(::getpid(), SIGHUP);
+      test::WaitUntil([] { return wait.Calls() == 5; });
+      ::kill(::getpid(), SIGTERM);
+    }).detach();
+  });
+  const auto lines = log_.Lines();
+  const std::string line = "DEBUG: void Run: Got signal 1, from pid ";
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [&](const std::string& each) { return each.rfind(line, 0) == 0; }),
+            4);
+  EXPECT_EQ(Count("DEBUG: void Run: HUP"), 1U);
+  // The file's time is 0 from then on.
+  EXPECT_EQ(Count("DEBUG: void Run: Update pairing key"), 2U);
+}
+
+TEST_F(RunLoop, AKeyFileBehindALinkIsReadAgainWhenItChanges) {
+  const std::string link = directory_ / "router_info";
+  const std::string target = directory_ / "target";
+  ASSERT_EQ(::rename(link.c_str(), target.c_str()), 0);
+  ASSERT_EQ(::symlink(target.c_str(), link.c_str()), 0);
+  RunDaemon([&] {
+    static const Fault wait("sigtimedwait", EINVAL, 0, 1);
+    std::thread([&] {
+      test::WaitUntil([&] { return LogHas("DEBUG: void Run: Update LAN address"); });
+      const timespec times[2] = {{1000000000, 0}, {1000000000, 0}};
+      ::utimensat(AT_FDCWD, target.c_str(), times, 0);
+      ::kill(::getpid(), SIGTERM);
+    }).detach();
+  });
+  EXPECT_EQ(Count("DEBUG: void Run: Update pairing key"), 2U);
+}
+
 TEST_F(RunLoop, AMissingRouterInformationFileIsNotReadUntilSighup) {
   ::unlink((directory_ / "router_info").c_str());
   RunDaemon([this] { SignalAfter("DEBUG: void Run: Update LAN address", SIGTERM); });

@@ -32,6 +32,7 @@ TEST(ThreadMonitor, ReportsTheSilentThreadWithTheLowestIdentity) {
     monitor.Register(identity, {"worker", seconds(60), kStart});
   }
   monitor.Beat(1, kStart + seconds(61));
+  monitor.Beat(9, kStart - seconds(60));  // silent for longer than the other
   EXPECT_EQ(monitor.FindSilentThread(kStart + seconds(61)), 5U);
 }
 
