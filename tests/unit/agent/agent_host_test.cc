@@ -224,6 +224,24 @@ TEST_F(AgentHostTest, AnAddressThatCannotBeBoundIsLoggedAndTriedAgainWhenItComes
   ASSERT_TRUE(test::WaitUntil([&] { return failures() == 2; }));
 }
 
+TEST_F(AgentHostTest, AnAddressThatCannotBeBoundHoldsUpNoOtherAndIsForgotten) {
+  static tavlo::AgentHost* const host = MakeHost(false).release();
+  const std::string end = ":" + std::to_string(port_) + "'";
+  const std::string failure =
+      "ERROR: void tavlo::AgentHost::Invoke: Failed to bind endpoint '10.0.0.999" + end +
+      " as errno " + std::to_string(EINVAL);
+  const std::string listening = "DEBUG: void tavlo::AgentHost::Invoke: Listen to endpoint '";
+  // In one go, and the one that fails comes first.
+  host->BindSrcAddr("127.0.0.2");
+  host->BindSrcAddr("10.0.0.999");
+  std::thread([] { host->Run(); }).detach();
+  ASSERT_TRUE(test::WaitUntil([&] { return LogHas(listening + "127.0.0.2" + end); }));
+  host->BindSrcAddr("127.0.0.3");
+  ASSERT_TRUE(test::WaitUntil([&] { return LogHas(listening + "127.0.0.3" + end); }));
+  const auto lines = log_.Lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), failure), 1);
+}
+
 TEST_F(AgentHostTest, LogsAKeyOfThreeCharactersWholeAndALongerOneCut) {
   const auto host = MakeHost(true);
   for (const char* key : {"", "abc", "abcd", "a much longer key"}) {
@@ -389,6 +407,16 @@ TEST_F(AgentHostTest, AListenerThatCannotRestIsNotLost) {
   const Fault once("event_base_once", ENOMEM, 0, 1);
   const Fault fault("accept4", EMFILE, 0, 1);
   EXPECT_THAT(Get("/elsewhere"), StartsWith("HTTP/1.1 404 "));
+  EXPECT_EQ(once.Calls(), 1);
+}
+
+TEST_F(AgentHostTest, ARequestThatCannotBeDelayedIsAnsweredAtOnce) {
+  RunHost(true);
+  const Fault once("event_base_once", ENOMEM, 0, 1);
+  EXPECT_THAT(test::Exchange("127.0.0.1", port_,
+                             "POST /api/x HTTP/1.1\r\nExpect: 100-continue\r\n"
+                             "Content-Length: 4\r\n\r\nbody"),
+              StartsWith("HTTP/1.1 500 Pairing key is not configured\r\n"));
   EXPECT_EQ(once.Calls(), 1);
 }
 
