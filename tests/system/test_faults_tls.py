@@ -2,15 +2,19 @@
 suffer."""
 
 import os
+import re
+import select
 import shutil
 import socket
 import ssl
 import subprocess
+import threading
 from pathlib import Path
 
 import pytest
 
 from support.clients import ask, connect, exchange, read_to_end, reset, tls_context
+from support.destinations import Destination, answer_bytes, answering_after
 from support.scratch_root import PAIRING_KEY
 from support.waiting import DEFAULT_LIMIT, SANITIZER, wait_until
 
@@ -83,11 +87,19 @@ def test_a_client_may_change_its_keys(root, daemon, sdk_host, command):
     assert_serving(root)
 
 
-@pytest.mark.skipif(shutil.which("cc") is None, reason="needs cc, for a client of its own")
-def test_a_client_that_sends_records_without_end_does_not_hold_up_others(root, daemon, tmp_path):
-    program = tmp_path / "key_update_flood"
-    source = Path(__file__).with_name("key_update_flood.c")
+needs_cc = pytest.mark.skipif(shutil.which("cc") is None, reason="needs cc, for a client of its own")
+
+
+def compile_client(name, tmp_path):
+    program = tmp_path / name
+    source = Path(__file__).with_name(f"{name}.c")
     subprocess.run(["cc", "-O2", "-o", program, source, "-lssl", "-lcrypto"], check=True)
+    return program
+
+
+@needs_cc
+def test_a_client_that_sends_records_without_end_does_not_hold_up_others(root, daemon, tmp_path):
+    program = compile_client("key_update_flood", tmp_path)
     floods = [subprocess.Popen([program, str(root.https_port)]) for _ in range(2)]
     try:
         wait_until(lambda: len(daemon.client_connections()) >= len(floods), "the clients")
@@ -99,6 +111,92 @@ def test_a_client_that_sends_records_without_end_does_not_hold_up_others(root, d
             flood.kill()
             flood.wait()
     daemon.wait_for_no_clients()
+
+
+def descriptor_of(daemon, port):
+    """The descriptor of its connection to the client at `port`, whose send buffer is made as small
+    as can be."""
+    for descriptor in daemon.descriptors():
+        connection = daemon.borrow_socket(descriptor)
+        if connection is None:
+            continue
+        with connection:
+            try:
+                is_it = connection.getpeername()[1] == port
+            except (OSError, IndexError):
+                continue  # it listens, or is none of TCP's
+            if is_it:
+                connection.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 1)
+                return descriptor
+    return None
+
+
+def waits_to_write(daemon, descriptor):
+    """Whether an event loop of its own waits until it can write there."""
+    for entry in Path(f"/proc/{daemon.pid}/fdinfo").iterdir():
+        try:
+            text = entry.read_text()
+        except FileNotFoundError:
+            continue  # closed meanwhile
+        watched = re.search(rf"^tfd: +{descriptor} events: +([0-9a-f]+)", text, re.M)
+        if watched:
+            return int(watched[1], 16) & select.EPOLLOUT != 0
+    return False
+
+
+class Stall:
+    """A client that does not read while it asks for `count` key updates and sends a request."""
+
+    def __init__(self, daemon, program, count):
+        self.daemon = daemon
+        self.process = subprocess.Popen(
+            [program, str(daemon.root.https_port), PAIRING_KEY, str(count)],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0)
+        port = int(self.process.stdout.readline())
+        self.descriptor = wait_until(lambda: descriptor_of(daemon, port), "the connection")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+        self.process.stdin.close()
+        self.process.stdout.close()
+
+    def send(self):
+        """Returns whether the request was taken up before the way back was full."""
+        mark = self.daemon.mark()
+        self.process.stdin.write(b"\n")
+        wait_until(lambda: self.daemon.count_in_log("GET /api/x$", mark) == 1
+                   or waits_to_write(self.daemon, self.descriptor), "the request or a full way")
+        return self.daemon.count_in_log("GET /api/x$", mark) == 1
+
+    def read(self):
+        self.process.stdin.write(b"\n")
+        self.process.wait(DEFAULT_LIMIT)
+
+
+@needs_cc
+def test_a_key_update_that_cannot_be_answered_while_a_request_waits(root, daemon, tmp_path):
+    """Once the client reads again, OpenSSL may read on by itself, which libevent does not bear then.
+    Two things stand against that: OpenSSL returns after each key update, and libevent is not told of
+    input while a request waits."""
+    program = compile_client("key_update_stall", tmp_path)
+    go_on = threading.Event()
+    fewest, most = 0, 4096  # key updates that leave room for the request, and that do not
+    with Destination(root.destination_port, answering_after(go_on, answer_bytes(b"ok"))):
+        # The last ones tried are those that just leave room: the way is full behind the request.
+        while most - fewest > 1:
+            count = (fewest + most) // 2
+            with Stall(daemon, program, count) as stall:
+                fewest, most = (count, most) if stall.send() else (fewest, count)
+                stall.read()
+                assert ask(root.https_port, "GET", "/api/mac", tls=True).status == 200
+            go_on.set()
+            daemon.wait_for_no_clients()
+            go_on.clear()
+    assert 0 < fewest < 4095
 
 
 def test_plain_text_on_the_tls_port_gets_nothing(root, daemon, sdk_host):
