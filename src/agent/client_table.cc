@@ -57,12 +57,12 @@ size_t CountLines(evbuffer* input, size_t length, size_t added) {
 
 void ClientTable::OnLater(evutil_socket_t, short, void* table) {
   auto* const self = static_cast<ClientTable*>(table);
+  self->EndCut();
   for (bufferevent* const connection : self->newConnections_) {
     RunGuarded(__PRETTY_FUNCTION__, [&] { self->TakeIn(connection); });
     bufferevent_decref(connection);
   }
   self->newConnections_.clear();
-  self->EndCut();
 }
 
 void ClientTable::OnInput(evbuffer* input, const evbuffer_cb_info* change, void* client) {
@@ -82,7 +82,6 @@ void ClientTable::OnClose(evhttp_connection* connection, void* table) {
   evbuffer_remove_cb(bufferevent_get_input(evhttp_connection_get_bufferevent(connection)), OnInput,
                      &client);
   self->SetUnfinished(&client, 0);
-  self->served_ -= client.isCut ? 0 : 1;
   self->clients_.erase(found);
 }
 
@@ -109,7 +108,7 @@ void ClientTable::TakeIn(bufferevent* connection) {
   if (argument == nullptr) {
     return;  // it has ended
   }
-  if (served_ >= kMaxClients) {
+  if (clients_.size() >= kMaxClients) {
     EndLongestWaiting();
   }
   auto* const served = static_cast<evhttp_connection*>(argument);
@@ -117,7 +116,6 @@ void ClientTable::TakeIn(bufferevent* connection) {
   client.table = this;
   client.connection = served;
   client.turn = ++turns_;
-  ++served_;
   evhttp_connection_set_closecb(served, OnClose, this);
   evbuffer_add_cb(bufferevent_get_input(connection), OnInput, &client);
 }
@@ -198,7 +196,7 @@ void ClientTable::EndLongestWaiting() {
   Client* longest = nullptr;
   for (auto& entry : clients_) {
     Client& client = entry.second;
-    if (!client.isCut && !client.isHeld && (longest == nullptr || client.turn < longest->turn)) {
+    if (!client.isHeld && (longest == nullptr || client.turn < longest->turn)) {
       longest = &client;
     }
   }
@@ -226,7 +224,6 @@ void ClientTable::EndLargest(Client* reading) {
 // libevent cannot cope with the freeing of a connection that it is reading from.
 void ClientTable::Cut(Client* client) {
   client->isCut = true;
-  --served_;
   SetUnfinished(client, 0);
   evbuffer* const input =
       bufferevent_get_input(evhttp_connection_get_bufferevent(client->connection));

@@ -93,7 +93,6 @@ class ClientTable {
   std::vector<bufferevent*> newConnections_;  // references of our own
   std::map<evhttp_connection*, Client> clients_;
   uint64_t turns_ = 0;
-  size_t served_ = 0;      // clients that were not cut
   size_t unfinished_ = 0;  // of all clients
 };
 
