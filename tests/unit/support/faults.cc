@@ -14,6 +14,7 @@
 #include <netdb.h>
 #include <sys/time.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 #include <time.h>
 
 namespace {
@@ -97,6 +98,11 @@ int FailOrFreeze(timeval* now) {
   return 0;
 }
 
+ssize_t FailOrReadOne(int fd, void* data) {
+  const iovec place = {data, 1};
+  return errno != 0 ? -1 : ::readv(fd, &place, 1);
+}
+
 }  // namespace
 
 // Defines a function that takes the place of the library's function of that name in the whole
@@ -123,7 +129,8 @@ int FailOrFreeze(timeval* now) {
 
 // The C library's. The failure value of pthread_sigmask is its error number.
 FAULTY(int, gettimeofday, FailOrFreeze(now), (timeval * now, void* zone), (now, zone))
-FAULTY(ssize_t, read, -1, (int fd, void* data, size_t size), (fd, data, size))
+FAULTY(int, open, -1, (const char* path, int flags, unsigned mode), (path, flags, mode))
+FAULTY(ssize_t, read, FailOrReadOne(fd, data), (int fd, void* data, size_t size), (fd, data, size))
 FAULTY(ssize_t, write, -1, (int fd, const void* data, size_t size), (fd, data, size))
 FAULTY(int, close, -1, (int fd), (fd))
 FAULTY(int, dup2, -1, (int fd, int wanted), (fd, wanted))
@@ -155,6 +162,10 @@ FAULTY(int, setuid, -1, (unsigned uid), (uid))
 FAULTY(int, ftruncate, -1, (int fd, off_t length), (fd, length))
 FAULTY(char*, strsignal, nullptr, (int number), (number))
 
+// A value that stands for no option.
+FAULTY(int, getopt_long, 0,
+       (int count, char* const* arguments, const char* letters, const void* names, int* index),
+       (count, arguments, letters, names, index))
 FAULTY(int, pthread_create, errno,
        (void* thread, const void* attributes, void* (*body)(void*), void* argument),
        (thread, attributes, body, argument))

@@ -39,12 +39,19 @@ class Before {
   const char* function_;
   const std::function<void()> action_;
 };
+
 /// How long the last call of `nanosleep` that failed should have lasted.
 std::chrono::nanoseconds RefusedPause();
 
 /// Puts the monotonic clock forward, for good. Who sleeps does not wake up from that: an event
 /// loop, for one, notices when something else happens.
 void PassTime(std::chrono::nanoseconds time);
+
+/// Makes the next `count` calls of `read` give one byte each.
+class ShortReads : public Fault {
+ public:
+  explicit ShortReads(int count) : Fault("read", 0, 0, count) {}
+};
 
 /// Makes `gettimeofday` tell this time for as long as the object lives.
 class FrozenClock {

@@ -144,6 +144,13 @@ TEST_F(LockFile, GivesADescriptorForReadingAndWritingThatProgramsDoNotInherit) {
   ::close(fd);
 }
 
+TEST_F(LockFile, OpensTheFileDespiteInterruptions) {
+  const test::Fault fault("open", EINTR, 0, 3);
+  const int fd = stdext::lock_file(path_, 1, 1);
+  EXPECT_TRUE(IsOpenOn(fd, path_));
+  ::close(fd);
+}
+
 TEST_F(LockFile, LeavesTheContentAlone) {
   ::close(stdext::lock_file(path_, 1, 1));
   EXPECT_EQ(test::ReadFile(path_), "content\n");
@@ -191,6 +198,15 @@ TEST_F(LockFile, DoesNotPauseAfterSuccess) {
   const NoPauses pauses;
   ::close(stdext::lock_file(path_, 3, 1));
   EXPECT_EQ(pauses.Calls(), 0);
+}
+
+TEST_F(LockFile, AsksForAPauseOfTheDelay) {
+  const NoPauses pauses;
+  const test::Fault busy("flock", EWOULDBLOCK);
+  for (const int delay : {1, 999, 1000, 1005}) {
+    EXPECT_EQ(stdext::lock_file(path_, 1, delay), -1);
+    EXPECT_EQ(test::RefusedPause(), milliseconds(delay));
+  }
 }
 
 TEST_F(LockFile, PausesForTheWholeDelay) {
@@ -318,7 +334,9 @@ TEST_F(LockFiles, TriesOnlyThoseNotLockedYet) {
   const Counter attempts("flock");
   const std::vector<int> fds = stdext::lock_file(Paths{free, path_}, 2, 1);
   EXPECT_EQ(attempts.Calls(), 2 + 1 + 1);
-  ::close(fds.at(0));
+  ASSERT_THAT(fds, ElementsAre(testing::Ge(0), -1)) << "a lock was lost with a later one";
+  EXPECT_TRUE(IsLocked(free));
+  ::close(fds[0]);
 }
 
 TEST_F(LockFiles, TriesAllInEachAttempt) {
@@ -351,12 +369,13 @@ TEST_F(FileLock, IsHeldByADescriptorThatGoesWithTheObject) {
   EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
-TEST_F(FileLock, IsTriedFor41TimesWithAPauseAfterEach) {
+TEST_F(FileLock, IsTriedFor41TimesWithAPauseOf100MillisecondsAfterEach) {
   const NoPauses pauses;
   const test::Fault busy("flock", EWOULDBLOCK);
   const stdext::file file(path_);
   EXPECT_EQ(busy.Calls(), 41);
   EXPECT_EQ(pauses.Calls(), 41);
+  EXPECT_EQ(test::RefusedPause(), milliseconds(100));
 }
 
 TEST_F(FileLock, IsObtainedAtThe41stAttempt) {
@@ -538,6 +557,19 @@ TEST_F(FileRead, UsesADescriptorThatProgramsDoNotInherit) {
 
 TEST_F(FileRead, GoesOnAfterAnInterruption) {
   const test::Fault fault("read", EINTR, 0, 3);
+  EXPECT_TRUE(Read(path_, kNoLimit, &content_).IsOk());
+  EXPECT_EQ(content_, "content\n");
+}
+
+TEST_F(FileRead, PutsTogetherWhatComesInPieces) {
+  const test::ShortReads reads(3);
+  EXPECT_TRUE(Read(path_, kNoLimit, &content_).IsOk());
+  EXPECT_EQ(content_, "content\n");
+  EXPECT_EQ(reads.Calls(), 4);
+}
+
+TEST_F(FileRead, OpensTheFileDespiteInterruptions) {
+  const test::Fault fault("open", EINTR, 0, 3);
   EXPECT_TRUE(Read(path_, kNoLimit, &content_).IsOk());
   EXPECT_EQ(content_, "content\n");
 }
