@@ -5,16 +5,20 @@
 
 namespace {
 
+void Count(const char* function) {
+  test::SyslogRecord& record = test::Syslog();
+  record.calls.emplace_back(function);
+  if (record.onCall) {
+    record.onCall();
+  }
+}
+
 __attribute__((format(printf, 2, 0))) void Record(int level, const char* format,
                                                   va_list arguments) {
   char text[4096] = {};
   std::vsnprintf(text, sizeof text, format, arguments);
-  test::SyslogRecord& record = test::Syslog();
-  record.calls.emplace_back("syslog");
-  record.lines.push_back({level, format, text});
-  if (record.onLine) {
-    record.onLine();
-  }
+  test::Syslog().lines.push_back({level, format, text});
+  Count("syslog");
 }
 
 }  // namespace
@@ -25,23 +29,22 @@ extern "C" {
 void recorded_openlog(const char* ident, int options, int facility) __asm__("openlog");
 void recorded_openlog(const char* ident, int options, int facility) {
   test::SyslogRecord& record = test::Syslog();
-  record.calls.emplace_back("openlog");
   record.ident = ident;
   record.options = options;
   record.facility = facility;
+  Count("openlog");
 }
 
 int recorded_setlogmask(int mask) __asm__("setlogmask");
 int recorded_setlogmask(int mask) {
-  test::SyslogRecord& record = test::Syslog();
-  record.calls.emplace_back("setlogmask");
-  record.mask = mask;
+  test::Syslog().mask = mask;
+  Count("setlogmask");
   return 0xff;
 }
 
 void recorded_closelog() __asm__("closelog");
 void recorded_closelog() {
-  test::Syslog().calls.emplace_back("closelog");
+  Count("closelog");
 }
 
 void recorded_syslog(int level, const char* format, ...) __asm__("syslog")

@@ -24,8 +24,8 @@ struct SyslogRecord {
   int facility = -1;
   std::vector<Line> lines;
 
-  /// When set, runs at each line.
-  std::function<void()> onLine;
+  /// When set, runs at each call, after it has been recorded.
+  std::function<void()> onCall;
 };
 
 /// The one record of the process. Not guarded: the logger calls the system log under its own lock.

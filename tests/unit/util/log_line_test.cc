@@ -21,6 +21,7 @@
 
 #include "support/faults.h"
 #include "support/log_capture.h"
+#include "support/log_turn.h"
 #include "support/temporary_directory.h"
 #include "util/log.h"
 
@@ -151,6 +152,13 @@ TEST(LogLine, TellsTheWallClocksTime) {
       Clock::from_time_t(::timegm(&utc)) + milliseconds(std::stoi(line.substr(20, 3)));
   EXPECT_GE(logged, before);
   EXPECT_LE(logged, after);
+}
+
+TEST(LogLine, TellsTheTimeOfItsTurnSoThatTheLogIsInTheOrderOfTime) {
+  const LogFile log;
+  const test::Fault clock("gettimeofday", 0, 0, 0);  // only counts
+  test::AwaitTurn([] { Message2(kError, "", "text"); }, [&] { EXPECT_EQ(clock.Calls(), 0); });
+  EXPECT_EQ(clock.Calls(), 1);
 }
 
 TEST(LogLine, HasThreeDigitsOfMillisecondsRoundedDown) {

@@ -2,6 +2,7 @@
 // a line looks like is in log_line_test.cc.
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -20,6 +21,7 @@
 #include <unistd.h>
 
 #include "support/faults.h"
+#include "support/log_turn.h"
 #include "support/syslog_recorder.h"
 #include "support/temporary_directory.h"
 #include "util/descriptor.h"
@@ -199,6 +201,23 @@ TEST_F(LogOpen, ASecondTimeOpensTheFirstFileAnew) {
   EXPECT_EQ(test::ReadFile(directory_ / "old"), "");
 }
 
+TEST_F(LogOpen, OpensTheSystemLogBeforeTheFile) {
+  std::vector<bool> fileThere;
+  Syslog().onCall = [&] { fileThere.push_back(fs::exists(path_)); };
+  Open("test", path_, kInfo, kOff, kOn, kOn);
+  EXPECT_THAT(fileThere, ElementsAre(false, false));
+  EXPECT_TRUE(fs::exists(path_));
+}
+
+TEST_F(LogOpen, WaitsForALineThatIsBeingLogged) {
+  test::AwaitTurn([&] { Open("test", path_, kInfo, kOff, kOn, kOn); },
+                  [&] {
+                    EXPECT_THAT(Syslog().calls, IsEmpty());
+                    EXPECT_FALSE(fs::exists(path_));
+                  });
+  EXPECT_TRUE(fs::exists(path_));
+}
+
 TEST_F(LogConsole, GetsEachLineWithALineFeedAndFlushed) {
   Open("test", "", kInfo, kOn, kOff, kOff);
   Message2(kInfo, "void F()", "first");
@@ -279,6 +298,12 @@ TEST_F(LogSyslog, ShowsLinesOnTheTerminalASecondTimeBesideTheConsole) {
   EXPECT_THAT(SyslogLines(), ElementsAre("ERROR: text"));
 }
 
+TEST_F(LogSyslog, IsNotOpenedAnewWithTheFile) {
+  Open("test", path_, kInfo, kOff, kOn, kOn);
+  Reopen();
+  EXPECT_THAT(Syslog().calls, ElementsAre("setlogmask", "openlog"));
+}
+
 TEST_F(LogSyslog, IsNotTouchedWhenOff) {
   Open("test", path_, kInfo, kOn, kOff, kOn);
   Message2(kError, "", "text");
@@ -290,7 +315,7 @@ TEST_F(LogSinks, AreServedInTheOrderConsoleSystemLogFile) {
   Open("test", path_, kInfo, kOn, kOn, kOn);
   std::vector<std::string> consoleThen;
   std::vector<std::string> fileThen;
-  Syslog().onLine = [&] {
+  Syslog().onCall = [&] {
     consoleThen = ConsoleLines();
     fileThen = FileLines();
   };
@@ -299,6 +324,21 @@ TEST_F(LogSinks, AreServedInTheOrderConsoleSystemLogFile) {
   EXPECT_THAT(consoleThen, ElementsAre("INFO: text"));
   EXPECT_THAT(fileThen, IsEmpty());
   EXPECT_THAT(FileLines(), ElementsAre("INFO: text"));
+}
+
+TEST_F(LogSinks, AreServedBeforeTheNextLineIsBegun) {
+  Open("test", path_, kInfo, kOn, kOn, kOn);
+  bool free = true;
+  Syslog().onCall = [&] {
+    std::thread([&] {
+      free = Orx::Log::Detail::Mutex().try_lock();
+      if (free) {
+        Orx::Log::Detail::Mutex().unlock();
+      }
+    }).join();
+  };
+  Message2(kInfo, "", "text");
+  EXPECT_FALSE(free);
 }
 
 TEST_F(LogFileSink, IsCreatedAtOnce) {
@@ -351,9 +391,11 @@ TEST_F(LogFileSink, IsAppendedToAfterAnotherWriterToo) {
   EXPECT_THAT(FileLines(), ElementsAre("INFO: second"));
 }
 
-TEST_F(LogFileSink, HasEachLineAtOnce) {
+TEST_F(LogFileSink, HasEachLineAtOnceByOneWrite) {
   Open("test", path_, kInfo, kOff, kOff, kOn);
+  const test::Fault writes("write", 0, 0, 0);  // only counts
   Message2(kInfo, "", "first");
+  EXPECT_EQ(writes.Calls(), 1);
   EXPECT_THAT(FileLines(), ElementsAre("INFO: first"));
   Message2(kInfo, "", "second");
   EXPECT_THAT(FileLines(), ElementsAre("INFO: first", "INFO: second"));
@@ -370,6 +412,23 @@ TEST_F(LogFileSink, IsNotInheritedByPrograms) {
   const int fd = DescriptorOf(path_);
   ASSERT_GE(fd, 0);
   EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(LogFileSink, IsOpenedDespiteInterruptions) {
+  const test::Fault fault("open", EINTR, 0, 3);
+  Open("test", path_, kInfo, kOff, kOff, kOn);
+  EXPECT_TRUE(Orx::Log::Detail::LogFile().IsGood());
+  EXPECT_EQ(fault.Calls(), 4);
+}
+
+TEST_F(LogFileSink, GetsItsLineDespiteInterruptions) {
+  Open("test", path_, kInfo, kOff, kOff, kOn);
+  {
+    const test::Fault fault("write", EINTR, 0, 3);
+    Message2(kInfo, "", "interrupted");
+  }
+  Message2(kInfo, "", "text");
+  EXPECT_THAT(FileLines(), ElementsAre("INFO: interrupted", "INFO: text"));
 }
 
 TEST_F(LogFileSink, IsNotOpenedWhenOff) {
@@ -473,6 +532,13 @@ TEST_F(LogReopen, KeepsTheFileFromPrograms) {
   EXPECT_EQ(::fcntl(DescriptorOf(path_), F_GETFD), FD_CLOEXEC);
 }
 
+TEST_F(LogReopen, WaitsForALineThatIsBeingLogged) {
+  Open("test", path_, kInfo, kOff, kOff, kOn);
+  fs::remove(path_);
+  test::AwaitTurn(Reopen, [&] { EXPECT_FALSE(fs::exists(path_)); });
+  EXPECT_TRUE(fs::exists(path_));
+}
+
 TEST_F(LogReopen, LeavesTheFileOutForAsLongAsItCannotBeOpened) {
   const std::string folder = directory_ / "folder";
   const std::string path = folder + "/log";
@@ -520,6 +586,23 @@ TEST_F(LogClose, ShutsTheFileOnly) {
   EXPECT_EQ(DescriptorOf(path_), -1);
   EXPECT_THAT(ConsoleLines(), ElementsAre("INFO: before", "INFO: after"));
   EXPECT_THAT(Syslog().calls, ElementsAre("setlogmask", "openlog", "syslog", "closelog", "syslog"));
+}
+
+TEST_F(LogClose, ShutsTheSystemLogBeforeTheFile) {
+  Open("test", path_, kInfo, kOff, kOn, kOn);
+  bool fileOpen = false;
+  Syslog().onCall = [&] { fileOpen = Orx::Log::Detail::LogFile().IsOpen(); };
+  Close();
+  EXPECT_TRUE(fileOpen);
+}
+
+TEST_F(LogClose, WaitsForALineThatIsBeingLogged) {
+  Open("test", path_, kInfo, kOff, kOff, kOn);
+  test::AwaitTurn(Close, [&] {
+    EXPECT_THAT(Syslog().calls, IsEmpty());
+    EXPECT_TRUE(Orx::Log::Detail::LogFile().IsOpen());
+  });
+  EXPECT_FALSE(Orx::Log::Detail::LogFile().IsOpen());
 }
 
 TEST_F(LogClose, KeepsTheSettings) {
