@@ -59,7 +59,25 @@ TEST_F(StartUp, MakesBothHosts) {
 
 TEST_F(StartUp, ASecondInitReplacesTheFirstOnesObjects) {
   ASSERT_TRUE(Init(configPath_));
-  EXPECT_TRUE(Init(configPath_));
+  const tavlo::ProcessObjects& process = tavlo::TheProcess();
+  const void* const settings = process.settings.get();
+  const void* const hookInvoker = process.hookInvoker.get();
+  const uint16_t httpPort = process.settings->AgentHttpPort();
+  const uint16_t httpsPort = process.settings->AgentHttpsPort();
+  ASSERT_TRUE(test::Connection("127.0.0.1", httpPort).IsOpen());
+  sigfillset(&tavlo::TheProcess().signals);
+
+  ASSERT_TRUE(Init(directory_.Write(
+      "other.json", "{\"agentHttpPort\":" + std::to_string(test::FreePort()) +
+                        ",\"agentHttpsPort\":" + std::to_string(test::FreePort()) + "}")));
+  EXPECT_NE(process.settings.get(), settings);
+  EXPECT_NE(process.hookInvoker.get(), hookInvoker);
+  EXPECT_EQ(process.settings->LanInterface(), "br0") << "one value came from the first settings";
+  EXPECT_FALSE(test::Connection("127.0.0.1", httpPort).IsOpen());
+  EXPECT_FALSE(test::Connection("127.0.0.1", httpsPort).IsOpen());
+  EXPECT_TRUE(test::Connection("127.0.0.1", process.settings->AgentHttpPort()).IsOpen());
+  EXPECT_TRUE(test::Connection("127.0.0.1", process.settings->AgentHttpsPort()).IsOpen());
+  EXPECT_EQ(sigismember(&process.signals, SIGUSR1), 0) << "the set was not emptied before";
 }
 
 TEST_F(StartUp, MakesThePlainHostFirst) {
@@ -91,6 +109,38 @@ TEST_F(StartUp, FailsWhenLibeventCannotBeSetUpForThreads) {
   const Fault fault("evthread_use_pthreads", EINVAL);
   EXPECT_FALSE(Init(configPath_));
   EXPECT_THAT(log_.Messages(), ElementsAre("ERROR: bool Init: Failed to configure evthreads"));
+}
+
+TEST_F(StartUp, TakesItsStepsInOrderAndNoneAfterAFailure) {
+  const std::string missing = directory_ / "missing.json";
+  const Fault host("evhttp_new", ENOMEM);
+  {
+    const Fault threads("evthread_use_pthreads", EINVAL);
+    {
+      const Fault sigpipe("signal", EINVAL);
+      {
+        const Fault mask("pthread_sigmask", EINVAL);
+        EXPECT_FALSE(Init(missing));
+        EXPECT_EQ(sigpipe.Calls(), 0);
+      }
+      EXPECT_FALSE(Init(missing));
+      EXPECT_EQ(threads.Calls(), 0);
+    }
+    EXPECT_FALSE(Init(missing));
+    EXPECT_EQ(tavlo::TheProcess().settings, nullptr);
+  }
+  EXPECT_FALSE(Init(missing));
+  EXPECT_NE(tavlo::TheProcess().settings, nullptr);
+  EXPECT_EQ(tavlo::TheProcess().hookInvoker, nullptr);
+  EXPECT_EQ(host.Calls(), 0);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAre("ERROR: bool Init: pthread_sigmask failed as 22",
+                          "ERROR: bool Init: Failed to ignore SIGPIPE",
+                          "ERROR: bool Init: Failed to configure evthreads",
+                          "ERROR: virtual bool tavlo::AppSettings::LoadConfigFile: Failed to read "
+                          "file " +
+                              missing + ": 2 No such file or directory",
+                          "ERROR: bool Init: Failed to read config file from: " + missing));
 }
 
 TEST_F(StartUp, FailsWithAConfigurationThatDoesNotParse) {
