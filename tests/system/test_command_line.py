@@ -62,8 +62,16 @@ def test_h_prints_the_usage_and_fails():
     assert (result.returncode, result.stdout, result.stderr) == (1, USAGE, "")
 
 
+@pytest.mark.parametrize("arguments", [["-h", "-x"], ["-h", "extra"], ["extra", "-h"], ["-dh"],
+                                       ["-c", "/nowhere", "-p", "rootPrefix", "-h"]])
+def test_h_ends_the_process_whatever_else_is_there(arguments):
+    result = run_tavlo(*arguments)
+    assert (result.returncode, result.stdout, result.stderr) == (1, USAGE, "")
+
+
 @pytest.mark.parametrize("arguments", [["-x"], ["-c"], ["-f"], ["-p"], ["--unknown"],
-                                       ["--print-config-value"]])
+                                       ["--print-config-value"], ["--help"], ["--debug"],
+                                       ["-x", "-h"], ["-x", "-x"], ["-x", "extra"]])
 def test_an_unknown_option_or_a_missing_argument_fails_without_the_usage(arguments):
     result = run_tavlo(*arguments)
     assert result.returncode == 1
@@ -128,6 +136,14 @@ def test_the_last_of_two_p_options_counts():
     assert run_tavlo("-p", "agentDstPort", "-p", "rootPrefix").stdout == "/tmp/qvd\n"
 
 
+def test_the_last_of_two_f_options_counts(make_daemon):
+    daemon = make_daemon()
+    first = daemon.root.directory / "first"
+    daemon.options += ["-f", str(first)]
+    daemon.start().stop()
+    assert not first.exists()
+
+
 def test_an_empty_configuration_path_means_the_defaults():
     result = run_tavlo("-c", "", "-p", "lanInterface")
     assert (result.returncode, result.stdout, result.stderr) == (0, "br0\n", "")
@@ -141,8 +157,9 @@ def test_print_mode_logs_nothing_but_errors_and_no_file(tmp_path):
     assert not log.exists()
 
 
-def test_print_mode_fails_on_an_unreadable_file(tmp_path):
-    result = run_tavlo("-c", tmp_path / "missing", "-p", "lanInterface")
+@pytest.mark.parametrize("others", [[], ["-d", "-s", "-f", "/nowhere/log"]])
+def test_print_mode_fails_on_an_unreadable_file(tmp_path, others):
+    result = run_tavlo(*others, "-c", tmp_path / "missing", "-p", "lanInterface")
     assert result.returncode == 1
     assert result.stdout == ""
     first, second = result.stderr.splitlines()
@@ -207,8 +224,9 @@ def test_console_and_file_get_the_same_lines(daemon):
     assert daemon.console.read_bytes() == daemon.log.read_bytes()
 
 
-def test_s_shows_each_line_a_second_time_under_the_name_of_the_daemon(make_daemon):
-    daemon = make_daemon(options=["-s", "-d"]).start()
+@pytest.mark.parametrize("options", [["-s", "-d"], ["-d", "-s"], ["-ds"]])
+def test_s_shows_each_line_a_second_time_under_the_name_of_the_daemon(make_daemon, options):
+    daemon = make_daemon(options=options).start()
     daemon.stop()
     console = daemon.log_text(path=daemon.console).splitlines()
     # The system log's copy on standard error begins with its identity.

@@ -5,12 +5,15 @@ import os
 import re
 import signal
 import subprocess
+import tempfile
 from pathlib import Path
 
 import pytest
 
+from conftest import daemons
 from support.clients import Client, connect
 from support.daemon import BINARY, DIE_WITH_PARENT, PROGRAM
+from support.scratch_root import ScratchRoot
 from support.waiting import wait_until
 
 SIGNALS = [signal.SIGSEGV, signal.SIGABRT, signal.SIGILL, signal.SIGFPE, signal.SIGBUS,
@@ -131,6 +134,30 @@ def test_without_the_directory_there_is_the_log_line_alone(root, daemon):
     (root.directory / "tmp").rmdir()
     crash(daemon, signal.SIGSEGV)
     assert "CrashHandler: Process exit due to signal: 11 (Segmentation fault)" in daemon.log_text()
+
+
+@pytest.fixture
+def private_tmp():
+    """A scratch root, and what starts the daemon with the root's `tmp` in the place of /tmp."""
+    if os.geteuid() != 0:
+        pytest.skip("only root can give the daemon a /tmp of its own")
+    if Path("/tmp") in Path(BINARY).resolve().parents:
+        pytest.skip("the daemon's program is in /tmp, which it is not to see")
+    with tempfile.TemporaryDirectory(prefix="tavlo-test-", dir="/var/tmp") as directory:
+        made = ScratchRoot(Path(directory))
+        yield made, ["unshare", "--mount", "--propagation", "private", "sh", "-c",
+                     'mount --bind "$0" /tmp && exec "$@"', str(made.directory / "tmp")]
+
+
+def test_without_a_root_prefix_the_record_is_in_the_default_one(private_tmp):
+    root, prefix = private_tmp
+    root.settings["rootPrefix"] = None
+    directory = root.directory / "tmp" / "qvd" / "tmp"
+    directory.mkdir(parents=True)
+    with daemons(root) as make:
+        crash(make(prefix=prefix).start(), signal.SIGSEGV)
+    record = (directory / "tavlo-backtrace.log").read_text()
+    assert "Process exit due to signal: 11\n" in record
 
 
 def test_a_crash_of_the_main_thread_names_its_function(root, daemon):

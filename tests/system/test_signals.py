@@ -1,13 +1,17 @@
 """Stopping it, and what SIGHUP does."""
 
 import os
+import shutil
 import signal
+import subprocess
+from pathlib import Path
 
 import pytest
 
 from support.clients import ask, connect
 from support.destinations import Destination, hang
 from support.scratch_root import PAIRING_KEY
+from support.waiting import EMULATOR, SANITIZER
 
 GOT_SIGNAL = "DEBUG: void Run: Got signal {}, from pid {}$"
 
@@ -26,6 +30,19 @@ def test_a_stop_signal_ends_it_with_status_0(daemon, number):
     assert lines[-2].endswith(
         f"INFO: void Run: Exit by signal {int(number)}, from pid {os.getpid()}")
     assert lines[-1].endswith("DEBUG: void Run: Leave")
+
+
+@pytest.mark.skipif(SANITIZER != "" or EMULATOR != "" or shutil.which("cc") is None,
+                    reason="needs cc, and a daemon whose C library can be replaced in part")
+def test_the_log_is_closed_just_before_the_end(make_daemon, tmp_path):
+    library = tmp_path / "last_calls.so"
+    source = Path(__file__).with_name("last_calls.c")
+    subprocess.run(["cc", "-O2", "-shared", "-fPIC", "-o", library, source], check=True)
+    daemon = make_daemon(prefix=["env", f"LD_PRELOAD={library}"]).start()
+    daemon.stop()
+    lines = daemon.console.read_text().splitlines()
+    assert lines[-3].endswith("DEBUG: void Run: Leave")
+    assert lines[-2:] == ["closelog", "_exit"]
 
 
 def test_a_stop_signal_ends_it_while_requests_are_on_their_way(daemon):
