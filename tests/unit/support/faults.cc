@@ -130,6 +130,7 @@ ssize_t FailOrReadOne(int fd, void* data) {
 // The C library's. The failure value of pthread_sigmask is its error number.
 FAULTY(int, gettimeofday, FailOrFreeze(now), (timeval * now, void* zone), (now, zone))
 FAULTY(int, open, -1, (const char* path, int flags, unsigned mode), (path, flags, mode))
+FAULTY(off_t, lseek, -1, (int fd, off_t offset, int from), (fd, offset, from))
 FAULTY(ssize_t, read, FailOrReadOne(fd, data), (int fd, void* data, size_t size), (fd, data, size))
 FAULTY(ssize_t, write, -1, (int fd, const void* data, size_t size), (fd, data, size))
 FAULTY(int, close, -1, (int fd), (fd))

@@ -312,6 +312,14 @@ TEST_F(LockFiles, GivesDescriptorsInTheOrderOfThePathsWithoutWaitingForAMissingO
   ::close(fds[2]);
 }
 
+TEST_F(LockFiles, DoesNotWaitForAMissingOneThatComesFirst) {
+  const NoPauses pauses;
+  const std::vector<int> fds = stdext::lock_file(Paths{directory_ / "missing", path_}, 40, 100);
+  ASSERT_THAT(fds, ElementsAre(-1, testing::Ge(0)));
+  EXPECT_EQ(pauses.Calls(), 0);
+  ::close(fds[1]);
+}
+
 TEST_F(LockFiles, KeepsTheLocksItGotWhenAnotherFails) {
   const std::string free = directory_.Write("free", "");
   const OtherProcess other(path_);
@@ -528,6 +536,14 @@ TEST_F(FileRead, FailsWithTheErrorOfOpeningWhenTheFileWentAwayUnderTheLock) {
 TEST_F(FileRead, FailsForADirectory) {
   EXPECT_THAT(Read(directory_.Path(), 1048576, &content_).Message(),
               StartsWith("Failed to read file " + directory_.Path() + ": "));
+}
+
+TEST_F(FileRead, FailsWithTheErrorOfFindingTheEndAndTheStart) {
+  for (const int skipped : {0, 1}) {
+    const test::Fault fault("lseek", EOVERFLOW, skipped, 1);
+    EXPECT_EQ(Read(path_, kNoLimit, &content_).Message(),
+              "Failed to read file " + path_ + ": 75 Value too large for defined data type");
+  }
 }
 
 TEST_F(FileRead, FailsWithTheErrorOfReadingAndKeepsTheSize) {
