@@ -224,7 +224,8 @@ TEST_F(SettingsFile, SetsEachKeyOnItsOwn) {
 }
 
 TEST_F(SettingsFile, MayHoldUnknownKeys) {
-  EXPECT_TRUE(Load(R"({"AgentDstPort": 1, "comment": ["x"], "agentHttpPort": 81, "": null})"));
+  EXPECT_TRUE(
+      Load(R"({"AgentDstPort": 1, "comment": [[[[["x"]]]]], "agentHttpPort": 81, "": null})"));
   EXPECT_EQ(settings_.AgentDstPort(), 60277);
   EXPECT_EQ(settings_.AgentHttpPort(), 81);
 }
