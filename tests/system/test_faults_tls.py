@@ -28,7 +28,22 @@ def assert_serving(root):
     assert ask(root.http_port, "GET", "/api/version").status == 200
 
 
-class Session:
+class ClientProcess:
+    """Ended with its context."""
+
+    process: subprocess.Popen
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+        self.process.stdin.close()
+        self.process.stdout.close()
+
+
+class Session(ClientProcess):
     """`openssl s_client`, which takes commands: R renegotiates, K and k change keys."""
 
     def __init__(self, port, *options):
@@ -49,15 +64,6 @@ class Session:
     def wait_for(self, part, count=1):
         wait_until(lambda: self.read().count(part) >= count or self.process.poll() is not None,
                    f"{part!r} from s_client")
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.process.kill()
-        self.process.wait()
-        self.process.stdin.close()
-        self.process.stdout.close()
 
 
 def test_a_client_that_renegotiates_is_refused(root, daemon, sdk_host):
@@ -144,7 +150,7 @@ def waits_to_write(daemon, descriptor):
     return False
 
 
-class Stall:
+class Stall(ClientProcess):
     """A client that does not read while it asks for `count` key updates and sends a request."""
 
     def __init__(self, daemon, program, count):
@@ -154,15 +160,6 @@ class Stall:
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0)
         port = int(self.process.stdout.readline())
         self.descriptor = wait_until(lambda: descriptor_of(daemon, port), "the connection")
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.process.kill()
-        self.process.wait()
-        self.process.stdin.close()
-        self.process.stdout.close()
 
     def send(self):
         """Returns whether the request was taken up before the way back was full."""
