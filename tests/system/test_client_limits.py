@@ -283,6 +283,7 @@ def test_who_has_too_much_behind_its_request_is_not_ended_while_it_waits(root, d
         others = [send_part(root.https_port, part, tls=True) for _ in range(30)]
         late = [connect(root.https_port, tls=True) for _ in range(4)]
         client = connect(root.https_port, tls=True)
+        assert_serving(root)  # what was sent before has been read
         os.kill(daemon.pid, signal.SIGSTOP)
         wait_until(lambda: is_stopped(daemon.pid), "the stop of the daemon")
         client.sendall(head + b"Expect: 100-continue\r\n\r\n" + head + b":\n" * 1950)
