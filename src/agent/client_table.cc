@@ -231,6 +231,7 @@ void ClientTable::Cut(Client* client) {
   event_active(laterEvent_.get(), 0, 0);
 }
 
+// One whose request waits stays until that has its answer: libevent would free the request as well.
 void ClientTable::EndCut() {
   for (auto next = clients_.begin(); next != clients_.end();) {
     const auto entry = next++;  // the end of a connection takes it out of the table

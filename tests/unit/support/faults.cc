@@ -80,13 +80,12 @@ int RefusePause(const timespec* wanted) {
   return -1;
 }
 
-int Advance(int clock, timespec* now) {
+void Advance(int clock, timespec* now) {
   if (clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE) {
     const long long time = now->tv_sec * kSecond + now->tv_nsec + passedTime;
     now->tv_sec = static_cast<time_t>(time / kSecond);
     now->tv_nsec = static_cast<long>(time % kSecond);
   }
-  return 0;
 }
 
 int FailOrFreeze(timeval* now) {
@@ -177,13 +176,16 @@ FAULTY(int, getaddrinfo, EAI_NONAME,
 FAULTY(void*, signal, reinterpret_cast<void*>(SIG_ERR), (int number, void* handler),
        (number, handler))
 
-// It never fails; PassTime puts it forward.
+// PassTime puts it forward.
 extern "C" int advanced_clock_gettime(int clock, timespec* now) __asm__("clock_gettime");
 int advanced_clock_gettime(int clock, timespec* now) {
   static const auto real =
       reinterpret_cast<int (*)(int, timespec*)>(::dlsym(RTLD_NEXT, "clock_gettime"));
   const int result = real(clock, now);
-  return result == 0 ? Advance(clock, now) : result;
+  if (result == 0) {
+    Advance(clock, now);
+  }
+  return result;
 }
 
 // The C++ library's operator new.
