@@ -48,7 +48,7 @@ def assert_peak_below(daemon, mebibytes):
 
 @contextmanager
 def many_descriptors():
-    """For tests that are more clients than a process usually may be."""
+    """As many as the system lets this process have."""
     before = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (before[1], before[1]))
     yield
