@@ -62,11 +62,22 @@ def ask(port, method, uri, body=None, headers=(), tls=False, limit=DEFAULT_LIMIT
         return client.ask(method, uri, body, headers)
 
 
-def connect(port, tls=False, limit=DEFAULT_LIMIT, source=None):
-    """A raw connection."""
-    connection = socket.create_connection(("127.0.0.1", port), limit, source and (source, 0))
+def connect(port, tls=False, limit=DEFAULT_LIMIT, source=None, receive_buffer=None):
+    """A raw connection. With a small receive buffer, in bytes, most of what it does not read stays
+    on the other side."""
+    connection = socket.socket()
+    connection.settimeout(limit)
+    if receive_buffer:
+        connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
     connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-    return tls_context().wrap_socket(connection) if tls else connection
+    try:
+        if source:
+            connection.bind((source, 0))
+        connection.connect(("127.0.0.1", port))
+        return tls_context().wrap_socket(connection) if tls else connection
+    except BaseException:
+        connection.close()
+        raise
 
 
 def read_to_end(connection):
