@@ -12,6 +12,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
 
 from sdk_rest_host import SdkRestHost  # noqa: E402
 from support.daemon import Daemon  # noqa: E402
+from support.room import many_descriptors  # noqa: E402
 from support.scratch_root import ScratchRoot  # noqa: E402
 
 SHOWN_LINES = 40
@@ -53,6 +54,13 @@ def root():
 def make_daemon(root):
     with daemons(root) as make:
         yield make
+
+
+@pytest.fixture
+def enough_descriptors():
+    """For tests that are more clients than a process usually may be."""
+    with many_descriptors():
+        yield
 
 
 @pytest.fixture
