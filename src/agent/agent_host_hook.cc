@@ -62,11 +62,11 @@ bool AgentHost::OfferToHook(evhttp_request* req, const std::string& uri, evhttp_
   evbuffer_copyout(body, data.data(), data.size());
   bool terminated = false;
   if (!CallHook(uri, method, data, &terminated)) {
-    evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
+    Refuse(req, HTTP_INTERNAL, kInternalError);
     return false;
   }
   if (terminated) {
-    evhttp_send_reply(req, HTTP_OK, "OK", nullptr);
+    Answer(req, HTTP_OK, "OK", nullptr);
     return false;
   }
   return true;

@@ -44,35 +44,30 @@ std::string PeerAddress(evhttp_request* req) {
   return address;
 }
 
-void SendText(evhttp_request* req, const std::string& text) {
-  const std::string length = std::to_string(text.size());
-  const std::unique_ptr<evbuffer, decltype(&evbuffer_free)> body(evbuffer_new(), evbuffer_free);
-  if (body == nullptr || evbuffer_add(body.get(), text.data(), text.size()) != 0) {
-    evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
-    return;
-  }
-  evkeyvalq* const headers = evhttp_request_get_output_headers(req);
-  evhttp_add_header(headers, "Content-Type", "text/plain; charset=UTF-8");
-  evhttp_add_header(headers, "Content-Length", length.c_str());
-  evhttp_send_reply(req, HTTP_OK, "OK", body.get());
-}
-
 }  // namespace
 
 void AgentHost::ApiGetMac(evhttp_request* req) {
   const std::string ip = PeerAddress(req);
   DeviceList doc;
   if (!GetJsonFromFile(deviceDiscoveryPath_, &doc)) {
-    evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
+    Refuse(req, HTTP_INTERNAL, kInternalError);
     return;
   }
   const std::string mac = FindMac(doc, ip);
   if (mac.empty()) {
     ORX_LOG(Orx::Log::kError, "No MAC found for IP: %s", ip.c_str());
-    evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
+    Refuse(req, HTTP_INTERNAL, kInternalError);
     return;
   }
-  SendText(req, mac);
+  const std::unique_ptr<evbuffer, decltype(&evbuffer_free)> body(evbuffer_new(), evbuffer_free);
+  if (body == nullptr || evbuffer_add(body.get(), mac.data(), mac.size()) != 0) {
+    Refuse(req, HTTP_INTERNAL, kInternalError);
+    return;
+  }
+  evkeyvalq* const headers = evhttp_request_get_output_headers(req);
+  evhttp_add_header(headers, "Content-Type", "text/plain; charset=UTF-8");
+  evhttp_add_header(headers, "Content-Length", std::to_string(mac.size()).c_str());
+  Answer(req, HTTP_OK, "OK", body.get());
 }
 
 }  // namespace tavlo

@@ -9,6 +9,7 @@
 
 #include "agent/libevent_log.h"
 #include "agent/libevent_memory.h"
+#include "agent/openssl_memory.h"
 #include "app/thread_monitor.h"
 #include "util/crash_handler.h"
 #include "util/log.h"
@@ -76,6 +77,7 @@ bool Init(const std::string& configPath) {
     ORX_LOG(Orx::Log::kError, "Failed to ignore SIGPIPE");
     return false;
   }
+  tavlo::LimitOpensslBlocks();
   tavlo::EndWhenLibeventGetsNoMemory();
   tavlo::RouteLibeventLog();
   if (evthread_use_pthreads() < 0) {
