@@ -384,10 +384,15 @@ void Forwarder::ExplainFailure() {
   if (!reply_.hasHead && reply_.error == EVREQ_HTTP_INVALID_HEADER &&
       reply_.received > kMaxReplyHead) {
     ORX_LOG(Orx::Log::kError, "The head of a reply is larger than %zu bytes", kMaxReplyHead);
-  } else if (reply_.error == EVREQ_HTTP_DATA_TOO_LONG && reply_.room == kMaxReplyBody) {
+  } else if (reply_.error != EVREQ_HTTP_DATA_TOO_LONG) {
+    return;
+  } else if (reply_.received <= reply_.room) {
+    ORX_LOG(Orx::Log::kError, "A chunk of a reply is broken, or larger than %zu bytes",
+            reply_.room);
+  } else if (reply_.room == kMaxReplyBody) {
     ORX_LOG(Orx::Log::kError, "The body of a reply is larger than %zu bytes: %zu bytes so far",
             kMaxReplyBody, reply_.received);
-  } else if (reply_.error == EVREQ_HTTP_DATA_TOO_LONG) {
+  } else {
     reply_.isTooLarge = true;
     ORX_LOG(Orx::Log::kError,
             "Answers that clients have not taken hold %zu bytes, the limit is %zu: a reply of %zu "

@@ -51,7 +51,7 @@ def test_what_libevent_answers_is_one_line(root, daemon, tls, status, request_by
     for number in range(1, 4):
         answer = exchange(port_of(root, tls), request_bytes, tls)
         assert answer.startswith(b"HTTP/1.1 %d " % status)
-        line = f"Answered {status} to a request of 127.0.0.1 that had not come whole"
+        line = f"Answered {status} to a request of 127.0.0.1 that was not taken up"
         daemon.wait_for_log(f"INFO: .*: {line}$", count=number)
         assert lines_about_answers(daemon, 0) == [line] * number
     # And nothing worse.
@@ -63,7 +63,7 @@ def test_that_line_has_the_address_of_the_client(root, daemon):
         client.sendall(b"nonsense\r\n\r\n")
         assert client.recv(16).startswith(b"HTTP/1.1 400")
     daemon.wait_for_log(
-        "INFO: .*: Answered 400 to a request of 127.0.0.2 that had not come whole$")
+        "INFO: .*: Answered 400 to a request of 127.0.0.2 that was not taken up$")
 
 
 @pytest.mark.parametrize("head", WHOLE.values(), ids=WHOLE)

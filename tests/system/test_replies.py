@@ -77,7 +77,13 @@ def test_a_byte_more_that_is_announced_is_refused(root, daemon, tls):
                    f"Content-Length: {LARGEST_REPLY + 1}")
 
 
-@pytest.mark.parametrize("framing", ["chunks", "one chunk", "the end of the connection"])
+@pytest.mark.parametrize("tls", [False, True])
+def test_a_chunk_of_a_byte_more_is_refused(root, daemon, tls):
+    assert_refused(root, daemon, tls, FRAMINGS["one chunk"][0](bytes(LARGEST_REPLY + 1)),
+                   f"A chunk of a reply is broken, or larger than {LARGEST_REPLY} bytes")
+
+
+@pytest.mark.parametrize("framing", ["chunks", "the end of the connection"])
 @pytest.mark.parametrize("tls", [False, True])
 def test_a_byte_more_that_comes_is_refused(root, daemon, tls, framing):
     line = assert_refused(root, daemon, tls, FRAMINGS[framing][0](bytes(LARGEST_REPLY + 1)),
