@@ -138,6 +138,48 @@ def test_nobody_gets_what_was_sent_after_the_answer(root, daemon, tls, more):
         daemon.wait_for_log("ERROR: .*: The SDK REST host sent more than its reply: ")
 
 
+@pytest.mark.parametrize("more", UNASKED.values(), ids=UNASKED)
+@pytest.mark.parametrize("tls", [False, True])
+def test_nobody_gets_what_was_sent_before_the_next_request(root, daemon, tls, more):
+    """In a write of its own, when the answer has already gone to its client."""
+    taken, sent = threading.Event(), threading.Event()
+
+    def add_later(connection):
+        while request := read_request(connection):
+            connection.sendall(answer_bytes(request.split()[1]))
+            taken.wait(DEFAULT_LIMIT)
+            taken.clear()
+            connection.setblocking(False)
+            try:
+                connection.send(more)
+            except OSError:
+                pass
+            connection.setblocking(True)
+            sent.set()
+
+    with Destination(root.destination_port, add_later):
+        for number in range(10):
+            answer = ask_by(root, tls, number)
+            assert answer.body == (f"/api/x?{number}" if tls else "/api/version").encode()
+            sent.clear()
+            taken.set()
+            assert sent.wait(DEFAULT_LIMIT)
+
+
+def test_what_was_sent_after_the_next_request_is_taken_for_its_answer(root, daemon):
+    """Nothing tells it from that, and the docs say so; it happens to one client, not to the next."""
+    def repeat_late(connection):
+        before = b""
+        while request := read_request(connection):
+            uri = request.split()[1]
+            connection.sendall(before + answer_bytes(uri))
+            before = answer_bytes(b"late " + uri)
+
+    with Destination(root.destination_port, repeat_late):
+        bodies = [ask_by(root, True, number).body for number in range(4)]
+    assert bodies == [b"/api/x?0", b"late /api/x?0", b"/api/x?2", b"late /api/x?2"]
+
+
 def test_an_answer_before_the_request_is_taken_for_the_first_one_of_its_connection(root, daemon):
     def early(connection):
         connection.sendall(answer_bytes(b"early"))

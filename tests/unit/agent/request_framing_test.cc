@@ -293,7 +293,7 @@ TEST(RequestFramingChunks, EndWithAnEmptyOneAndAnEmptyTrailer) {
 
 TEST(RequestFramingChunks, HaveHexadecimalLengths) {
   for (const std::string line :
-       {"x", "+1", "-5", "0x1", " 1", "\t1", "1 x", "1\t", "1x", ";x", " "}) {
+       {"x", "+1", "-5", "0x1", " 1", "\t1", "1 x", "1 1", "1\t", "1x", ";x", " "}) {
     EXPECT_EQ(FaultOf(Chunked(line + "\r\n")), "The length of a chunk is no hexadecimal number")
         << line;
   }
