@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -13,6 +14,7 @@
 #include "hooks/hook_invoker.h"
 #include "util/descriptor.h"
 #include "util/error_text.h"
+#include "util/fair_mutex.h"
 #include "util/log.h"
 #include "util/retry.h"
 
@@ -40,6 +42,13 @@ bool WriteFile(const std::string& path, const std::string& data) {
     return false;
   }
   return ::ftruncate(file.get(), static_cast<off_t>(data.size())) == 0;
+}
+
+// All hosts have the one body file: whoever writes it holds this until it is removed, so that the
+// scripts judge the very body that is forwarded.
+stdext::fair_mutex& BodyFileMutex() {
+  static stdext::fair_mutex mutex;
+  return mutex;
 }
 
 // Removes the body file however the hook ends.
@@ -81,6 +90,7 @@ bool AgentHost::CallHook(const std::string& uri, evhttp_cmd_type method, const s
   if (data.empty()) {
     status = invoker_->Agent(methodName, uri, std::string(), &exitCode);
   } else {
+    const std::lock_guard<stdext::fair_mutex> lock(BodyFileMutex());
     if (!WriteFile(agentDataPath_, data)) {
       ORX_LOG(Orx::Log::kError, "Failed to write file %s: %s", agentDataPath_.c_str(),
               stdext::error_number_and_text(errno).c_str());
