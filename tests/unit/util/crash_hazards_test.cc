@@ -4,6 +4,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -13,6 +14,7 @@
 #include <utility>
 
 #include <gmock/gmock.h>
+#include <malloc.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -21,6 +23,7 @@
 #include <unistd.h>
 
 #include "support/crash_test.h"
+#include "support/faults.h"
 #include "support/wait.h"
 #include "util/crash_handler.h"
 #include "util/log.h"
@@ -31,6 +34,7 @@ namespace {
 namespace fs = std::filesystem;
 
 using test::kRecordEnd;
+using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -52,9 +56,11 @@ class CrashHazards : public test::CrashTest {
 
   // Asks in the child when the record is written and the report waits for the logger's lock;
   // returns the answer, which is a small number.
-  int LookAfterTheRecord(const std::function<int()>& look) const {
+  int LookAfterTheRecord(
+      const std::function<int()>& look, const std::function<void()>& before = [] {}) const {
     constexpr int kLookedInTime = 100;
     const int status = Crash([&] {
+      before();
       const std::lock_guard<std::mutex> lock(Orx::Log::Detail::Mutex());
       std::thread([] { ::raise(SIGSEGV); }).detach();
       test::WaitUntil([this] { return testing::Value(Record(), EndsWith(kRecordEnd)); });
@@ -273,6 +279,107 @@ TEST_F(CrashHazards, FaultsInTwoThreadsAtOnceEndTheProcess) {
     EXPECT_TRUE(WIFSIGNALED(status)) << status;
   }
 }
+
+// --- what the report needs is out of order ---
+
+// With external linkage, so that the record can name it.
+}  // namespace
+
+__attribute__((noinline)) void CrashByNumber(int number) {
+  ::raise(number);
+  __asm__ volatile("");  // no tail call
+}
+
+namespace {
+
+void WaitForEver() {
+  for (;;) {
+    ::pause();
+  }
+}
+
+class NamesThatCannotBeMadeReadable : public CrashHazards {
+ protected:
+  void ExpectTheNamesOfTheLinkerAndTheRest(const std::function<void()>& demangler) {
+    const auto start = std::chrono::steady_clock::now();
+    ExpectTheRest(Crash([&] {
+      const test::Before demangling("__cxa_demangle", demangler);
+      CrashByNumber(SIGSEGV);
+    }));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(9));
+    EXPECT_THAT(Record(), StartsWith("("));
+    EXPECT_THAT(Record(), ContainsRegex("\n0x[0-9a-f]+ _Z13CrashByNumberi \\+ 0x[0-9a-f]+\n"));
+    EXPECT_THAT(Record(), EndsWith(kRecordEnd));
+    EXPECT_EQ(test::CountOf(Record(), "Process exit"), 1U);
+  }
+};
+
+// As for the heap's lock, which the thread holds that has crashed.
+TEST_F(NamesThatCannotBeMadeReadable, SinceThatNeverEnds) {
+  ExpectTheNamesOfTheLinkerAndTheRest(WaitForEver);
+}
+
+TEST_F(NamesThatCannotBeMadeReadable, SinceThatCrashes) {
+  ASSERT_EQ(::chdir(directory_.Path().c_str()), 0);  // where cores go, on most machines
+  ExpectTheNamesOfTheLinkerAndTheRest([] {
+    const rlimit core = {kCoreLimit, kCoreLimit};
+    ::setrlimit(RLIMIT_CORE, &core);
+    static_cast<void>(::write(STDERR_FILENO, "the heap is damaged\n", 20) == 0);
+    ::kill(::getpid(), SIGABRT);
+  });
+  EXPECT_FALSE(fs::exists("core"));
+}
+
+TEST_F(NamesThatCannotBeMadeReadable, SinceTheProcessThatDoesSoIsEnded) {
+  ExpectTheNamesOfTheLinkerAndTheRest([] { ::_exit(1); });
+}
+
+TEST_F(CrashHazards, WhereTheStackCannotBeWalkedTheRegistersAreThere) {
+  ExpectEndedBy(Crash([] {
+                  const test::Before walk("_Unwind_Backtrace", [] { ::raise(SIGBUS); });
+                  ::raise(SIGSEGV);
+                }),
+                SIGBUS);
+  EXPECT_THAT(Record(), ContainsRegex(" Process exit due to signal: 11\nFault Address: [^\n]+\n"
+                                      "Fault address: [^\n]+\nBacktrace:\n$"));
+}
+
+// A line of the log may be what the signal has interrupted, while it held the lock in there.
+TEST_F(CrashHazards, WhereTheLibraryCannotTellTheDateTheRecordHasIt) {
+  EXPECT_EQ(LookAfterTheRecord([] { return 1; },
+                               [] { static const test::Before date("gmtime_r", WaitForEver); }),
+            1);
+}
+
+#if defined(__GLIBC__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// The next allocation that takes more than what there is finds a top of the heap that cannot be.
+void DamageTheHeap() {
+  constexpr size_t kSize = 100000;
+  auto* const block = static_cast<char*>(std::malloc(kSize));
+  std::memset(block + ::malloc_usable_size(block), 0xff, sizeof(size_t));
+  void* volatile next = std::malloc(kSize);
+  static_cast<void>(next);
+}
+
+TEST_F(CrashHazards, ADamagedHeapLeavesARecordEachTimeWhateverOtherThreadsDo) {
+  for (int i = 0; i < 5; ++i) {  // two seconds each
+    fs::remove(RecordPath());
+    const int status = Crash([] {
+      for (int logger = 0; logger < 2; ++logger) {
+        std::thread([] {
+          for (;;) {
+            Orx::Log::Message2(Orx::Log::kInfo, "", "%s", std::string(100, 'x').c_str());
+          }
+        }).detach();
+      }
+      std::thread(DamageTheHeap).join();
+    });
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
+    ASSERT_THAT(Record(), ContainsRegex("signal: 6\nFault Address: .*\n.* malloc \\+ 0x"));
+    ASSERT_THAT(Record(), EndsWith(kRecordEnd));
+  }
+}
+#endif
 
 // --- no stack ---
 
