@@ -7,7 +7,6 @@
 #include <utility>
 
 #include <event2/buffer.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "agent/agent_host.h"
@@ -25,10 +24,7 @@ namespace {
 // Replaces the content of the file; on failure `errno` tells why. What the file held before is cut
 // off only when the rest is written.
 bool WriteFile(const std::string& path, const std::string& data) {
-  // Opening a FIFO that nobody reads must not block, should a script have put one there; to a
-  // regular file the last flag makes no difference.
-  const stdext::descriptor file(stdext::retry_on_interrupt(
-      [&] { return ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0664); }));
+  const stdext::descriptor file(stdext::open_only_here(path.c_str(), 0, 0664));
   if (!file.is_open()) {
     return false;
   }

@@ -22,6 +22,7 @@
 #include <unistd.h>
 #include <unwind.h>
 
+#include "util/descriptor.h"
 #include "util/log.h"
 #include "util/retry.h"
 
@@ -272,7 +273,7 @@ void CrashHandler(int number, siginfo_t* info, void* context) {
   RestoreDefaultActions();
   SetAlarm();
 
-  const int fd = ::open(state.path, O_WRONLY | O_CREAT | O_APPEND, 0644);
+  const int fd = stdext::open_only_here(state.path, O_APPEND, 0644);
   if (fd >= 0) {
     LeaveRecord(fd, {std::time(nullptr), number, info->si_addr, ReadRegisters(context)});
     ::close(fd);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -82,6 +83,15 @@ void Emit(int level, Line& line) {
   }
 }
 
+// A symbolic link that is neither root's nor this user's own is somebody's who may want root to
+// write elsewhere. (Where others may make links, but not remove those of others, as in /tmp, they
+// cannot put theirs in the place of one that was looked at here.)
+bool IsAnothersLink(const char* path) {
+  struct stat info = {};
+  return ::lstat(path, &info) == 0 && S_ISLNK(info.st_mode) && info.st_uid != 0 &&
+         info.st_uid != ::geteuid();
+}
+
 // The caller holds the mutex.
 void OpenFile() {
   if (Detail::FileLogEnabled() && !Detail::FilePath().empty()) {
@@ -104,10 +114,14 @@ void LogFileStream::Open(const std::string& path) {
   // Without O_NONBLOCK a FIFO that nobody reads would hold up whoever logs, and so everybody. All
   // else is waited for: with it a slow terminal would end the log. O_NOCTTY: it is not to become
   // the terminal whose Ctrl-C ends the daemon.
-  fd_ = stdext::retry_on_interrupt([&] {
-    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
-                  0666);
-  });
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  const auto open = [&](int flags) {
+    return stdext::retry_on_interrupt([&] { return ::open(path.c_str(), kFlags | flags, 0666); });
+  };
+  fd_ = open(O_NOFOLLOW);
+  if (fd_ < 0 && errno == ELOOP && !IsAnothersLink(path.c_str())) {
+    fd_ = open(0);
+  }
   struct stat info = {};
   if (::fstat(fd_, &info) == 0 && !S_ISFIFO(info.st_mode)) {
     ::fcntl(fd_, F_SETFL, O_APPEND);

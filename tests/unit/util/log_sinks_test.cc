@@ -26,6 +26,7 @@
 #include "support/temporary_directory.h"
 #include "util/descriptor.h"
 #include "util/log.h"
+#include "util/privilege.h"
 
 namespace {
 
@@ -373,6 +374,45 @@ TEST_F(LogFileSink, MayBeASlowTerminal) {
   }
   writer.join();
   EXPECT_TRUE(Orx::Log::Detail::LogFile().IsGood());
+}
+
+TEST_F(LogFileSink, MayBeALinkOfOnesOwn) {
+  const std::string target = directory_ / "target";
+  ASSERT_EQ(::symlink(target.c_str(), path_.c_str()), 0);
+  Open("test", path_, kInfo, kOff, kOff, kOn);
+  Message2(kInfo, "", "text");
+  EXPECT_THAT(Lines(test::ReadFile(target)), ElementsAre("INFO: text"));
+}
+
+TEST_F(LogFileSink, IsNotLookedForBehindALinkOfSomebodyElse) {
+  constexpr uid_t kSomebody = 65534;
+  const std::string other = directory_.Write("other", "root's");
+  ASSERT_EQ(::symlink(other.c_str(), path_.c_str()), 0);
+  if (::lchown(path_.c_str(), kSomebody, kSomebody) != 0) {
+    GTEST_SKIP() << "only root can give a link away";
+  }
+  Open("test", path_, kInfo, kOff, kOff, kOn);
+  Message2(kInfo, "", "text");
+  EXPECT_FALSE(Orx::Log::Detail::LogFile().IsOpen());
+  EXPECT_EQ(test::ReadFile(other), "root's");
+
+  fs::remove(path_);
+  Reopen();
+  Message2(kInfo, "", "more text");
+  EXPECT_THAT(FileLines(), ElementsAre("INFO: more text"));
+}
+
+TEST_F(LogFileSink, MayBeALinkOfRootsForAnotherUser) {
+  const std::string target = directory_.Write("target", "");
+  ASSERT_EQ(::symlink(target.c_str(), path_.c_str()), 0);
+  fs::permissions(target, fs::perms(0666));
+  fs::permissions(directory_.Path(), fs::perms(0755));
+  if (::geteuid() != 0 || !stdext::drop_privilege("nobody").IsOk()) {
+    GTEST_SKIP() << "only root can become somebody else";
+  }
+  Open("test", path_, kInfo, kOff, kOff, kOn);
+  Message2(kInfo, "", "text");
+  EXPECT_THAT(Lines(test::ReadFile(target)), ElementsAre("INFO: text"));
 }
 
 TEST_F(LogFileSink, IsAppendedToAndNeverTruncated) {
