@@ -25,6 +25,7 @@
 #include "util/descriptor.h"
 #include "util/log.h"
 #include "util/retry.h"
+#include "util/standard_error.h"
 
 namespace {
 
@@ -282,7 +283,9 @@ void CrashHandler(int number, siginfo_t* info, void* context) {
   const char* const text = ::strsignal(number);
   Orx::Log::Message2(Orx::Log::kError, "void {anonymous}::CrashHandler(int, siginfo_t*, void*)",
                      "Process exit due to signal: %d (%s)", number, text);
-  std::cerr << "Process exit due to signal: " << number << "(" << text << ")" << std::endl;
+  if (stdext::standard_error_takes_a_line()) {
+    std::cerr << "Process exit due to signal: " << number << "(" << text << ")" << std::endl;
+  }
   ::raise(number);
 }
 

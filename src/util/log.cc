@@ -17,10 +17,17 @@
 #include <unistd.h>
 
 #include "util/retry.h"
+#include "util/standard_error.h"
 
 namespace Orx::Log {
 
 namespace {
+
+constexpr const char* kMessage2 = "void Orx::Log::Message2(int, const char*, const char*, ...)";
+
+// LOG_PERROR shows each message on standard error too; with the console on as well it appears twice
+// there, deliberately.
+constexpr int kSystemLogOptions = LOG_PID | LOG_NDELAY | LOG_PERROR;
 
 // Nothing here allocates: an error is logged when memory has run out too.
 
@@ -64,17 +71,55 @@ size_t FormatPrefix(Line& line, int level, const char* function) {
   return std::min(static_cast<size_t>(length), kMaxLineLength);
 }
 
+// Tells of lines that did not reach the console, in their place; returns whether that did.
+bool TellOfLinesLeftOut(unsigned long count) {
+  Line note = {};
+  const size_t length = FormatPrefix(note, kInfo, kMessage2);
+  std::snprintf(note + length, sizeof note - length, "Lines that the console did not take: %lu\n",
+                count);
+  std::clog << note << std::flush;
+  return std::clog.good();
+}
+
+// With its line feed.
+void WriteToConsole(const char* line, size_t size) {
+  static unsigned long leftOut = 0;
+  if (!stdext::standard_error_takes_a_line()) {
+    ++leftOut;
+    return;
+  }
+  std::clog.clear();  // what could not be written earlier is no reason to write no more
+  if (leftOut > 0 && TellOfLinesLeftOut(leftOut)) {
+    leftOut = 0;
+  }
+  if (!std::clog.write(line, static_cast<std::streamsize>(size)).flush()) {
+    ++leftOut;
+  }
+}
+
+// As `Open` got it, which comes before all lines.
+const char* systemLogName = nullptr;
+bool systemLogShowsItsLines = true;
+
+// On standard error, where it would wait for ever.
+void LetSystemLogShowItsLines(bool show) {
+  if (show != systemLogShowsItsLines) {
+    ::openlog(systemLogName, show ? kSystemLogOptions : kSystemLogOptions & ~LOG_PERROR, LOG_USER);
+    systemLogShowsItsLines = show;
+  }
+}
+
 // Console and file get the line and its line feed in one piece, so that lines of several processes
 // do not mix either.
 void Emit(int level, Line& line) {
   const size_t length = std::strlen(line);
   if (Detail::ConsoleLogEnabled()) {
     line[length] = '\n';
-    std::clog.clear();  // what could not be written earlier is no reason to write no more
-    std::clog.write(line, static_cast<std::streamsize>(length + 1)).flush();
+    WriteToConsole(line, length + 1);
   }
   if (Detail::SysLogEnabled()) {
     line[length] = '\0';
+    LetSystemLogShowItsLines(stdext::standard_error_takes_a_line());
     ::syslog(level, "%s", line);
   }
   if (Detail::FileLogEnabled() && Detail::LogFile().IsGood()) {
@@ -203,9 +248,9 @@ void Open(const char* name, const std::string& path, int level, bool console, bo
   Detail::FileLogEnabled(file);
   if (toSysLog) {
     ::setlogmask(LOG_UPTO(ceiling));
-    // LOG_PERROR shows each message on standard error too; with the console on as well it appears
-    // twice there, deliberately.
-    ::openlog(s_name, LOG_PID | LOG_NDELAY | LOG_PERROR, LOG_USER);
+    systemLogName = s_name;
+    ::openlog(s_name, kSystemLogOptions, LOG_USER);
+    systemLogShowsItsLines = true;
   }
   OpenFile();
 }

@@ -25,6 +25,7 @@
 
 #include "support/crash_test.h"
 #include "support/faults.h"
+#include "support/stuck_console.h"
 #include "support/wait.h"
 #include "util/crash_handler.h"
 #include "util/descriptor.h"
@@ -214,6 +215,16 @@ TEST_F(CrashHazards, AFileThatIsThereKeepsItsModeAndItsContent) {
   EXPECT_EQ(ModeOf(RecordPath()), 0660U);
   EXPECT_THAT(Record(), StartsWith("what was there\n("));
   EXPECT_THAT(Record(), EndsWith(kRecordEnd));
+}
+
+TEST_F(CrashHazards, AConsoleThatNobodyReadsHoldsUpNothing) {
+  ExpectEndedBy(Crash([] {
+                  static test::StuckConsole console;
+                  ::raise(SIGSEGV);
+                }),
+                SIGSEGV);
+  EXPECT_THAT(Record(), EndsWith(kRecordEnd));
+  EXPECT_THAT(log_.Lines(), testing::Contains(HasSubstr("Process exit due to signal: 11 (")));
 }
 
 // --- threads ---

@@ -22,6 +22,7 @@
 
 #include "support/faults.h"
 #include "support/log_turn.h"
+#include "support/stuck_console.h"
 #include "support/syslog_recorder.h"
 #include "support/temporary_directory.h"
 #include "util/descriptor.h"
@@ -254,6 +255,63 @@ TEST(LogStandardError, IsTheConsole) {
   ::close(file);
 
   EXPECT_THAT(Lines(test::ReadFile(path)), ElementsAre("ERROR: text"));
+}
+
+// Without the fixture's console: the lines go where they go.
+class LogStuckConsole : public testing::Test {
+ protected:
+  std::vector<std::string> FileLines() const { return Lines(test::ReadFile(path_)); }
+
+  const test::TemporaryDirectory directory_;
+  const std::string path_ = directory_ / "log";
+};
+
+TEST_F(LogStuckConsole, LosesLinesThatAreCountedAndHoldsUpNobody) {
+  test::StuckConsole console;
+  Open("test", path_, kInfo, kOn, kOff, kOn);
+  for (const char* text : {"first", "second", "third"}) {
+    Message2(kInfo, "", "%s", text);
+  }
+  EXPECT_EQ(console.Read(), "");
+  EXPECT_THAT(FileLines(), ElementsAre("INFO: first", "INFO: second", "INFO: third"));
+
+  Message2(kError, "", "fourth");
+  Message2(kError, "", "fifth");
+  EXPECT_THAT(Lines(console.Read()),
+              ElementsAre("INFO: void Orx::Log::Message2: Lines that the console did not take: 3",
+                          "ERROR: fourth", "ERROR: fifth"));
+  EXPECT_THAT(FileLines(), testing::SizeIs(5));
+}
+
+// As for a terminal that has room for less than a line.
+TEST_F(LogSinks, ALineThatTheConsoleTakesInPartIsCountedToo) {
+  Open("test", "", kInfo, kOn, kOff, kOff);
+  std::streambuf* const working = std::clog.rdbuf(nullptr);
+  Message2(kInfo, "", "first");
+  std::clog.rdbuf(working);
+  Message2(kInfo, "", "second");
+  EXPECT_THAT(ConsoleLines(),
+              ElementsAre("INFO: void Orx::Log::Message2: Lines that the console did not take: 1",
+                          "INFO: second"));
+}
+
+TEST_F(LogStuckConsole, TheSystemLogDoesNotWaitForIt) {
+  static const char* const name = "test";
+  test::StuckConsole console;
+  Open(name, "", kInfo, kOff, kOn, kOff);
+  Message2(kInfo, "", "first");
+  Message2(kInfo, "", "second");
+  EXPECT_THAT(Syslog().calls, ElementsAre("setlogmask", "openlog", "openlog", "syslog", "syslog"));
+  EXPECT_EQ(Syslog().ident, name);
+  EXPECT_EQ(Syslog().options, LOG_PID | LOG_NDELAY);
+  EXPECT_EQ(Syslog().facility, LOG_USER);
+
+  console.Read();
+  Message2(kInfo, "", "third");
+  Message2(kInfo, "", "fourth");
+  EXPECT_THAT(Syslog().calls, ElementsAre("setlogmask", "openlog", "openlog", "syslog", "syslog",
+                                          "openlog", "syslog", "syslog"));
+  EXPECT_EQ(Syslog().options, LOG_PID | LOG_NDELAY | LOG_PERROR);
 }
 
 TEST_F(LogSyslog, IsMaskedAndThenOpened) {
