@@ -1,6 +1,7 @@
 // GET /api/mac: the MAC address of the asking client, looked up in the device list file.
 
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include <event2/buffer.h>
@@ -8,6 +9,7 @@
 
 #include "agent/agent_host.h"
 #include "agent/device_list.h"
+#include "util/fair_mutex.h"
 #include "util/file.h"
 #include "util/log.h"
 
@@ -19,7 +21,15 @@ constexpr unsigned long kMaxDeviceListSize = 1048576;
 constexpr const char* kGetJsonFromFile =
     "bool tavlo::{anonymous}::GetJsonFromFile(const std::string&, rapidjson::Document*)";
 
+// The file's own lock keeps the hosts apart too, but whoever finds it taken sleeps for 100 ms. They
+// take turns before it comes to that: it is for other processes.
+stdext::fair_mutex& DeviceListMutex() {
+  static stdext::fair_mutex mutex;
+  return mutex;
+}
+
 bool GetJsonFromFile(const std::string& path, DeviceList* doc) {
+  const std::lock_guard<stdext::fair_mutex> lock(DeviceListMutex());
   const stdext::file file(path);
   std::string text;
   const Orx::Status status = file.read(kMaxDeviceListSize, &text);

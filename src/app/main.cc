@@ -8,6 +8,7 @@
 #include "util/crash_handler.h"
 #include "util/descriptor.h"
 #include "util/log.h"
+#include "util/standard_error.h"
 
 int main(int argc, char** argv) {
   Mirel::RegisterCrashHandler(argc > 0 ? argv[0] : "");
@@ -22,6 +23,7 @@ int main(int argc, char** argv) {
     Orx::Log::Open("kxtunnel", logPath, Orx::Log::kError, true, false, false);
     PrintConfigValue(options->configPath, *options->printKey);
   }
+  stdext::own_standard_error();
   Orx::Log::Open("tavlo", logPath, options->debug ? Orx::Log::kDebug : Orx::Log::kInfo, true,
                  options->sysLog, options->logPath.has_value());
   if (!Init(options->configPath)) {

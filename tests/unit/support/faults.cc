@@ -67,6 +67,9 @@ void* FreeWith(const char* function, void* object) {
 std::atomic<const timeval*> frozenTime{nullptr};
 std::atomic<int> socketStandIn{-1};
 
+// What FrozenSeconds puts there.
+std::atomic<time_t> frozenSeconds{0};
+
 // How far the monotonic clock is ahead, in nanoseconds.
 std::atomic<long long> passedTime{0};
 
@@ -161,6 +164,13 @@ FAULTY(int, setgid, -1, (unsigned gid), (gid))
 FAULTY(int, setuid, -1, (unsigned uid), (uid))
 FAULTY(int, ftruncate, -1, (int fd, off_t length), (fd, length))
 FAULTY(char*, strsignal, nullptr, (int number), (number))
+FAULTY(time_t, time, frozenSeconds, (time_t * now), (now))
+FAULTY(tm*, gmtime_r, nullptr, (const time_t* time, tm* parts), (time, parts))
+
+// The C++ library's, and the compiler's.
+FAULTY(char*, __cxa_demangle, nullptr, (const char* name, char* text, size_t* size, int* status),
+       (name, text, size, status))
+FAULTY(int, _Unwind_Backtrace, 5, (int (*look)(void*, void*), void* argument), (look, argument))
 
 // A value that stands for no option.
 FAULTY(int, getopt_long, 0,
@@ -271,6 +281,10 @@ FrozenClock::FrozenClock(long seconds, long microseconds)
 
 FrozenClock::~FrozenClock() {
   frozenTime = nullptr;
+}
+
+FrozenSeconds::FrozenSeconds(time_t seconds) : fault_("time", 0) {
+  frozenSeconds = seconds;
 }
 
 SocketStandIn::SocketStandIn(int fd) : fault_("socket", 0, 0, 1) {

@@ -4,6 +4,7 @@
 #include <functional>
 
 #include <sys/time.h>
+#include <time.h>
 
 namespace test {
 
@@ -63,6 +64,15 @@ class FrozenClock {
 
  private:
   timeval time_;
+  Fault fault_;
+};
+
+/// Makes `time` tell this time for as long as the object lives.
+class FrozenSeconds {
+ public:
+  explicit FrozenSeconds(time_t seconds);
+
+ private:
   Fault fault_;
 };
 
