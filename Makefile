@@ -62,7 +62,7 @@ soak:  ## a long run of mixed requests while everything changes: 100,000, or REQ
 	@BUILD_TESTING=OFF tools/build release
 	@tools/soak $(REQUESTS)
 
-mutate:  ## break the code in many places and see that the tests notice: all, or ONLY=folder
+mutate:  ## break the code in many places and see that the tests notice: all, or ONLY=folder, file or file:number
 	@tools/dependencies check
 	@tools/mutate $(ONLY)
 
