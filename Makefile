@@ -68,7 +68,7 @@ mutate:  ## break the code in many places and see that the tests notice: all, or
 
 bench:  ## measure it beside other servers, some twenty minutes; QUICK=1 a look, PUBLISH=1 for docs/
 	@tools/dependencies bench
-	@BUILD_TESTING=OFF tools/build bench
+	@BUILD_TESTING=OFF TAVLO_BENCH=ON tools/build release
 	@tools/bench $(if $(QUICK),--quick) $(if $(PUBLISH),--publish) $(BENCH)
 
 format:  ## rewrite the sources in the house's format
