@@ -65,7 +65,7 @@ fuzz-coverage:  ## show what the inputs of the fuzz targets reach, and what they
 soak:  ## a long run of mixed requests while everything changes: 100,000, or REQUESTS=number
 	@tools/dependencies check
 	@BUILD_TESTING=OFF tools/build release
-	@tools/soak $(REQUESTS)
+	@tests/system/soak.py $(REQUESTS)
 
 mutate:  ## break the code in many places and see that the tests notice: all, or ONLY=folder, file or file:number
 	@tools/dependencies prove

@@ -4,7 +4,7 @@
 The demonstration runs it as a program, the system tests start it in their own process and look at
 what it received.
 
-Usage: tools/sdk_rest_host.py [--port N]
+Usage: tests/system/sdk_rest_host.py [--port N]
   --port N  listen on 127.0.0.1:N; 0, the default, takes a free port. The first line printed
             names the port.
 """

@@ -6,7 +6,7 @@ back in the answer. Meanwhile the pairing key changes, the log is rotated, the d
 hook scripts come and go, and so does the address of the LAN (as root only: it takes a network of
 its own). At the end nothing may be left over, and memory must not have grown.
 
-Usage: tools/soak [REQUESTS]
+Usage: tests/system/soak.py [REQUESTS]
   REQUESTS  100000 unless told
 The environment may name the program (TAVLO_BINARY) and say that it is a sanitizer's
 (TAVLO_SANITIZE) or an emulated one (TAVLO_EMULATOR), whose memory is not judged.
@@ -32,15 +32,14 @@ from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 
-PROJECT = Path(__file__).resolve().parent.parent
+PROJECT = Path(__file__).resolve().parents[2]
 os.environ.setdefault("TAVLO_BINARY", str(PROJECT / "build" / "release" / "tavlo"))
-sys.path.insert(0, str(PROJECT / "tests" / "system"))
 
-from support.clients import Client, ask  # noqa: E402
-from support.daemon import Daemon  # noqa: E402
-from support.destinations import Destination, answer_bytes, read_request  # noqa: E402
-from support.scratch_root import ScratchRoot  # noqa: E402
-from support.waiting import EMULATOR, SANITIZER, wait_until  # noqa: E402
+from support.clients import Client, ask
+from support.daemon import Daemon
+from support.destinations import Destination, answer_bytes, read_request
+from support.scratch_root import ScratchRoot
+from support.waiting import EMULATOR, SANITIZER, wait_until
 
 WORKERS = 4
 HOOK_RUNS_PER_REQUEST = 0.01
