@@ -5,6 +5,9 @@
 
 export DESTDIR PREFIX SYSCONFDIR
 
+# PUBLISH=1 notes in docs/by-hand.md that the target went well.
+note = @$(if $(PUBLISH),tools/by-hand note $@,:)
+
 all: build
 
 help:  ## list the targets
@@ -49,10 +52,12 @@ test:  ## run the tests whose names match ONLY=pattern; PRESET=asan, REPEAT=20, 
 aarch64:  ## build for AArch64 and run all tests of that build under an emulator
 	@tools/dependencies aarch64
 	@tools/check aarch64
+	$(note)
 
 uclibc:  ## the same with uClibc-ng, whose toolchain it makes first: an hour, then it stays
 	@tools/dependencies uclibc
 	@tools/check uclibc
+	$(note)
 
 fuzz:  ## feed made-up inputs to what reads foreign ones: a minute each, or TIME=seconds TARGET=name
 	@tools/dependencies prove
@@ -61,11 +66,13 @@ fuzz:  ## feed made-up inputs to what reads foreign ones: a minute each, or TIME
 fuzz-coverage:  ## show what the inputs of the fuzz targets reach, and what they do not
 	@tools/dependencies prove
 	@tools/fuzz coverage $(TARGET)
+	$(note)
 
 soak:  ## a long run of mixed requests while everything changes: 100,000, or REQUESTS=number
 	@tools/dependencies check
 	@BUILD_TESTING=OFF tools/build release
 	@tests/system/soak.py $(REQUESTS)
+	$(note)
 
 mutate:  ## break the code in many places and see that the tests notice: all, or ONLY=folder, file or file:number
 	@tools/dependencies prove
@@ -75,6 +82,7 @@ bench:  ## measure it beside other servers, some twenty minutes; QUICK=1 a look,
 	@tools/dependencies bench
 	@BUILD_TESTING=OFF TAVLO_BENCH=ON tools/build release
 	@tools/bench $(if $(QUICK),--quick) $(if $(PUBLISH),--publish) $(BENCH)
+	$(note)
 
 format:  ## rewrite the sources in the house's format
 	@tools/dependencies check

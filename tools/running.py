@@ -22,7 +22,7 @@ POLL_SECS = 0.1
 SILENCE_SECS = 60  # on no terminal, after which a line says how far it is
 SHOWN_LINES = 200
 SLOWEST = 10
-END_LIMIT_SECS = 10
+END_LIMIT_SECS = 5
 PR_SET_CHILD_SUBREAPER = 36
 
 
@@ -114,11 +114,13 @@ class Tally:
                 self.failures.append(name)
                 print(f"-- {name}\n{case.findtext('system-out')}")
 
-    def show(self, steps):
+    def show(self, steps, remarks):
         print("The slowest:")
         self.seconds.update({step.name: step.seconds for step in steps if not step.report})
         for name, seconds in self.seconds.most_common(SLOWEST):
             print(f"{seconds:6.0f} s  {name}")
+        for remark in remarks:
+            print(remark)
         for name, reason in sorted(self.reasons):
             print(f"skipped: {name}: {reason}")
         for failure in self.failures:
@@ -148,8 +150,8 @@ class Display:
             self.say(text)
 
 
-def run(steps):
-    """Runs them and prints what became of them; returns whether all was well."""
+def run(steps, remarks=()):
+    """Runs them and prints what became of them, and the remarks; returns whether all was well."""
     # Whatever a test leaves behind becomes a child of ours, so that it can be found at the end.
     ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)
     signal.signal(signal.SIGTERM, signal.default_int_handler)
@@ -162,7 +164,7 @@ def run(steps):
         return False
     finally:
         end_descendants()
-    tally.show(steps)
+    tally.show(steps, remarks)
     return not tally.failures and tally.passed > 0
 
 
@@ -232,3 +234,8 @@ def end_descendants():
             while time.monotonic() < limit and descendants(os.getpid()):
                 time.sleep(POLL_SECS)
             number = signal.SIGKILL
+    try:
+        while True:
+            os.wait()
+    except ChildProcessError:
+        pass  # none is left

@@ -132,8 +132,8 @@ def test_a_check_counts_the_tests_and_tells_why_some_were_skipped(tmp_path):
 
 @pytest.mark.parametrize("argument, status", [("--help", 0), ("--unknown", 2)])
 @pytest.mark.parametrize("name", [
-    "tests/system/soak.py", "tools/bench", "tools/check", "tools/demonstration", "tools/fuzz",
-    "tools/mutate", "tools/test"])
+    "tests/system/soak.py", "tools/bench", "tools/by-hand", "tools/check", "tools/demonstration",
+    "tools/fuzz", "tools/mutate", "tools/test"])
 def test_a_tool_tells_how_it_is_used_and_starts_nothing(name, argument, status):
     result = subprocess.run([PROJECT / name, argument], capture_output=True, text=True,
                             check=False, timeout=LIMIT_SECS,
