@@ -5,7 +5,7 @@
 
 export DESTDIR PREFIX SYSCONFDIR
 
-# PUBLISH=1 notes in docs/by-hand.md that the target went well.
+# PUBLISH=1 notes in tests/by-hand.md that the target went well.
 note = @$(if $(PUBLISH),tools/by-hand note $@,:)
 
 all: build

@@ -1,5 +1,5 @@
 """What is not run, rots: each target, preset, program and command that a document shows is run by
-`make check` or `make prove`, or stands in the table of docs/by-hand.md."""
+`make check` or `make prove`, or stands in the table of tests/by-hand.md."""
 
 import json
 import os
@@ -11,7 +11,7 @@ from pathlib import Path
 import pytest
 
 PROJECT = Path(__file__).resolve().parents[2]
-BY_HAND = PROJECT / "docs" / "by-hand.md"
+BY_HAND = PROJECT / "tests" / "by-hand.md"
 TARGET = re.compile(r"^([a-z0-9-]+):.*##.*\n((?:\t.*\n)*)", re.M)
 PROGRAM = re.compile(r"\b(?:tools|tests/system)/[\w-]+(?:\.py|/[\w-]+)?")
 DOCUMENTS = sorted(str(path.relative_to(PROJECT))

@@ -114,7 +114,7 @@ def repository(tmp_path):
     """With a result by hand that speaks of `src`."""
     (tmp_path / "tools").mkdir()
     shutil.copy(PROJECT / "tools" / "by-hand", tmp_path / "tools")
-    for name, text in {"src/a": "1\n", "docs/by-hand.md": "| `make sail` | goes | `src` | never | |\n",
+    for name, text in {"src/a": "1\n", "tests/by-hand.md": "| `make sail` | goes | `src` | never | |\n",
                        "other": "1\n"}.items():
         (tmp_path / name).parent.mkdir(exist_ok=True)
         (tmp_path / name).write_text(text)
@@ -141,7 +141,7 @@ def by_hand(tree, *arguments):
 def test_a_result_by_hand_is_noted_and_grows_old_with_its_sources(repository):
     assert by_hand(repository, "check") == "by hand: make sail has never been noted\n"
     by_hand(repository, "note", "sail")
-    line = (repository / "docs" / "by-hand.md").read_text()
+    line = (repository / "tests" / "by-hand.md").read_text()
     noted = git(repository, "rev-parse", "--short", "HEAD")
     assert line.startswith("| `make sail` | goes | `src` | 20") and line.endswith(f" | {noted} |\n")
     (repository / "other").write_text("2\n")
