@@ -17,7 +17,6 @@ namespace tavlo {
 
 namespace {
 
-constexpr unsigned long kMaxDeviceListSize = 1048576;
 constexpr const char* kGetJsonFromFile =
     "bool tavlo::{anonymous}::GetJsonFromFile(const std::string&, rapidjson::Document*)";
 
@@ -32,7 +31,7 @@ bool GetJsonFromFile(const std::string& path, DeviceList* doc) {
   const std::lock_guard<stdext::fair_mutex> lock(DeviceListMutex());
   const stdext::file file(path);
   std::string text;
-  const Orx::Status status = file.read(kMaxDeviceListSize, &text);
+  const Orx::Status status = file.read(stdext::kMaxFileSize, &text);
   if (!status.IsOk()) {
     Orx::Log::Message2(Orx::Log::kError, kGetJsonFromFile, "File can not be read: %s. Error: %s",
                        path.c_str(), status.Message().c_str());

@@ -204,6 +204,10 @@ void ClientTable::TakeInput(Client* client, evbuffer* input, size_t added) {
     return;
   }
   LookAtAnswer(client);
+  if (client->isOver && client->state == State::kReceiving) {
+    End(client);  // it was refused; libevent leaves the connection of a CONNECT open
+    return;
+  }
   if (client->state != State::kReceiving || client->isRefused) {
     StopReading(client->connection);  // what is here already is bounded by what one read takes
   }
@@ -243,10 +247,14 @@ void ClientTable::OnLibraryOutput(Client* client, int status) {
   client->state = State::kWriting;
   client->progressTime = {};
   if (status == HTTP_NOTIMPLEMENTED) {
-    BeginNextRequest(client);  // a CONNECT leaves the connection open
-  } else {
-    client->isRefused = true;
+    BeginNextRequest(client);  // after a CONNECT others may follow
+    return;
   }
+  // Where the next request would begin nobody knows.
+  client->isRefused = true;
+  client->isOver = true;
+  evbuffer* const input = InputOf(client->connection);
+  evbuffer_drain(input, evbuffer_get_length(input));
 }
 
 void ClientTable::OnRequest(evhttp_request* request) {
@@ -343,6 +351,11 @@ void ClientTable::EndHandshake(Client* client) {
   }
 }
 
+// Where answers take much, requests may take less.
+size_t ClientTable::UnfinishedBound() const {
+  return untaken_ > kMaxUntaken / 2 ? maxUnfinished_ / 4 : maxUnfinished_;
+}
+
 void ClientTable::LookAtHandshakes() {
   for (Client& client : clients_) {
     if (client.isInHandshake && SSL_is_init_finished(bufferevent_openssl_get_ssl(
@@ -398,26 +411,27 @@ void ClientTable::MakeRoomForConnection(Client* latest) {
       }
       victim = latest;
     }
-    End(victim, kTooManyConnections);
+    EndForRoom(victim, kTooManyConnections);
   }
 }
 
 void ClientTable::MakeRoomForInput(Client* reading) {
-  if (unfinished_ > maxUnfinished_) {
+  if (unfinished_ > UnfinishedBound()) {
     LookAtHandshakes();
+    LookAtAnswers();
   }
-  while (unfinished_ > maxUnfinished_) {
+  const size_t bound = UnfinishedBound();
+  while (unfinished_ > bound) {
     const AddressEntry* const most = LargestAddress(&Address::unfinished);
     Client* victim = LongestWaiting(most, &Client::unfinished);
     if (victim == nullptr) {
-      const bool mayUseReserve =
-          most != reading->address && unfinished_ <= maxUnfinished_ + kReservedBytes;
+      const bool mayUseReserve = most != reading->address && unfinished_ <= bound + kReservedBytes;
       if (mayUseReserve || !MayEnd(reading)) {
         return;
       }
       victim = reading;
     }
-    End(victim, kTooMuchUnfinished);
+    EndForRoom(victim, kTooMuchUnfinished);
   }
 }
 
@@ -428,7 +442,7 @@ void ClientTable::MakeRoomForAnswers() {
     if (victim == nullptr) {
       return;
     }
-    End(victim, kTooMuchUntaken);
+    EndForRoom(victim, kTooMuchUntaken);
   }
 }
 
@@ -454,19 +468,23 @@ bool ClientTable::MayEnd(Client* client) {
   return !client->isEnding && (client->state == State::kReceiving || isStalled);
 }
 
-// At the end of this turn of the loop: libevent cannot cope with the freeing of a connection that
-// it is reading from. What it holds of its request is let go at once.
-void ClientTable::End(Client* client, const char* reason) {
+void ClientTable::EndForRoom(Client* client, const char* reason) {
   lastEnded_ = client->address->first;
   lastReason_ = reason;
   ++unreported_;
+  End(client);
+  Report();
+}
+
+// At the end of this turn of the loop: libevent cannot cope with the freeing of a connection that
+// it is reading from. What it holds of its request is let go at once.
+void ClientTable::End(Client* client) {
   client->isEnding = true;
   ++ending_;
   CountNoMore(client);
   evbuffer* const input = InputOf(client->connection);
   evbuffer_drain(input, evbuffer_get_length(input));
   event_active(laterEvent_.get(), 0, 0);
-  Report();
 }
 
 void ClientTable::EndMarked() {

@@ -80,6 +80,7 @@ class ClientTable {
     State state = State::kReceiving;
     size_t stream = 0;  // what OpenSSL takes for it, in bytes
     bool isInHandshake = false;
+    bool isOver = false;             // libevent has refused its request, and nothing may follow
     bool isRefused = false;          // for the framing of its request
     bool isEnding = false;           // marked; it counts no more, and has no address
     RequestFraming framing;          // of the request that is coming in
@@ -110,6 +111,7 @@ class ClientTable {
   void SetUntaken(Client* client, size_t bytes);
   void CountNoMore(Client* client);
   static void EndHandshake(Client* client);
+  size_t UnfinishedBound() const;
   void LookAtHandshakes();
   void LookAtAnswers();
   void LookAtAnswer(Client* client);
@@ -120,7 +122,8 @@ class ClientTable {
   AddressEntry* LargestAddress(size_t Address::*measure);
   Client* LongestWaiting(const AddressEntry* address, size_t Client::*measure);
   bool MayEnd(Client* client);
-  void End(Client* client, const char* reason);
+  void EndForRoom(Client* client, const char* reason);
+  void End(Client* client);
   void EndMarked();
   void Report();
 

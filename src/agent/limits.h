@@ -73,7 +73,8 @@ constexpr size_t kMaxReplyHead = size_t{64} * 1024;
 /// A reply's body; it is held in memory until it has come whole.
 constexpr size_t kMaxReplyBody = size_t{16} * 1024 * 1024;
 
-/// What clients have not taken of their answers, apart from the largest of these.
+/// What clients have not taken of their answers, apart from the largest of these. Beyond the half
+/// of it unfinished requests may take a quarter of what they may otherwise.
 constexpr size_t kMaxUntaken = size_t{8} * 1024 * 1024;
 
 /// How long an answer must have made no progress before its client gives way.
