@@ -5,11 +5,11 @@ import time
 
 import pytest
 
-from support.clients import ask, connect, read_to_end
+from support.clients import ask, connect
 from support.destinations import Destination, answer_bytes, answering
 from support.room import TOO_MUCH_UNREAD, ended_clients
 from support.scratch_root import PAIRING_KEY
-from support.slow_readers import REQUEST, SMALL, port_of, stall
+from support.slow_readers import REQUEST, SMALL, port_of, read_on, stall
 
 KEY = {"PairingKey": PAIRING_KEY}
 PATIENCE = 10  # seconds without progress
@@ -40,9 +40,9 @@ def test_a_reader_that_stands_still_makes_room_after_ten_seconds(root, daemon, t
         daemon.wait_for_log(f"INFO: .*: Ended \\d+ clients to make room, the last of 127.0.0.2: "
                             f"{TOO_MUCH_UNREAD}$")
         assert ended_clients(daemon) == ended_clients(daemon, TOO_MUCH_UNREAD) < len(stalled)
-        answer += read_to_end(reader)
+        answer += read_on(reader)
     assert answer.endswith(b"\r\n\r\n" + bytes(SIZE))
-    assert any(len(read_to_end(client)) < SIZE for client in stalled[:-1])
+    assert any(len(read_on(client)) < SIZE for client in stalled[:-1])
     for client in (reader, *stalled):
         client.close()
 
@@ -54,6 +54,6 @@ def test_who_stands_still_keeps_its_place_as_long_as_nobody_wants_it(root, daemo
         end = time.monotonic() + 2 * PATIENCE
         while time.monotonic() < end:
             assert ask(root.http_port, "GET", "/api/mac").status == 200
-        assert read_to_end(client).endswith(b"\r\n\r\n" + bytes(SIZE))
+        assert read_on(client).endswith(b"\r\n\r\n" + bytes(SIZE))
     assert ended_clients(daemon) == 0
     client.close()

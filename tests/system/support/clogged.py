@@ -86,9 +86,10 @@ def ask_into_full_ways(daemon, port, tls, request, count):
     for number in range(10 * count):
         # A request more or less makes the way full, as the kernel likes.
         client, _ = fill(daemon, port, tls, SMALL, needed - 1 - number % 3)
-        if not client.is_full():
+        was_full = client.is_full()
+        if not was_full:
             client.ask(request)
-        if client.is_full():
+        if client.is_full() and not was_full:
             clients.append(client.connection)
         else:
             client.connection.close()
