@@ -6,12 +6,12 @@ import select
 import socket
 from pathlib import Path
 
-from support.clients import connect
+from support.clients import ask, connect
 from support.waiting import wait_until
 
 LEAST = 1  # a buffer as small as the kernel lets it be
 SMALL = b"GET /api/mac HTTP/1.1\r\nHost: x\r\n\r\n"
-TAKEN_UP = "INFO: .*: (?:GET /api/mac|PATCH /api/1/router-ref|Answered 400 to a request of .*)$"
+TAKEN_UP = r"INFO: .*: (?:GET /api/\S+|PATCH /api/\S+|Answered 400 to a request of .*)$"
 
 
 def _shrink_send_buffer(daemon, port):
@@ -52,18 +52,28 @@ class Clogged:
 
     def __init__(self, daemon, port, tls=False):
         self.daemon = daemon
+        self._listener = port, tls
         self.connection = connect(port, tls, receive_buffer=LEAST)
         own = self.connection.getsockname()[1]
         self._descriptor = wait_until(lambda: _shrink_send_buffer(daemon, own), "the connection")
 
     def ask(self, request):
-        """Returns when the request has been taken up."""
+        """Returns when the request has been taken up, and what can be written of its answer, if
+        that came at once, has been."""
         mark = self.daemon.mark()
         self.connection.sendall(request)
         self.daemon.wait_for_log(TAKEN_UP, since=mark)
+        port, tls = self._listener
+        assert ask(port, "GET", "/api/mac", tls=tls).status == 200
 
     def is_full(self):
         return waits_to_write(self.daemon, self._descriptor)
+
+    def ask_for_much(self, request):
+        """Returns when the answer has begun to be written, which is larger than any buffer."""
+        self.ask(request)
+        wait_until(self.is_full, "an answer that waits")
+        return self.connection
 
 
 def fill(daemon, port, tls, request, most=1000):
