@@ -10,7 +10,7 @@ import pytest
 
 from support.clients import ask, connect, read_to_end, tls_context
 from support.clogged import Clogged, ask_into_full_ways, fill
-from support.destinations import Destination, answer_bytes, read_request
+from support.destinations import Destination, answer_bytes, answering_by_uri, read_request
 from support.room import CONNECTIONS, LARGEST_REPLY, UNREAD_ANSWERS, assert_peak_below
 from support.scratch_root import PAIRING_KEY
 from support.waiting import DEFAULT_LIMIT, SANITIZER, wait_until
@@ -36,7 +36,7 @@ def port_of(root, tls):
 
 
 def without_key(uri, lines=b""):
-    return b"GET " + uri + b" HTTP/1.1\r\nHost: x\r\n" + lines + b"\r\n"
+    return f"GET {uri} HTTP/1.1\r\nHost: x\r\n".encode() + lines + b"\r\n"
 
 
 def get(uri, lines=b""):
@@ -91,7 +91,7 @@ def test_whole_requests_with_many_lines_that_wait(root, daemon, tls, lines):
     with HeldDestination(root) as destination:
         for _ in range(COUNT):
             mark = daemon.mark()
-            clients.append(send_part(port_of(root, tls), get(b"/api/version", lines), tls))
+            clients.append(send_part(port_of(root, tls), get("/api/version", lines), tls))
             # It has come whole; or it was refused for its lines.
             daemon.wait_for_log("INFO: .*: (GET /api/version|Answered 400 to a request of .*)$",
                                 since=mark)
@@ -106,7 +106,7 @@ def test_whole_requests_with_many_lines_that_wait(root, daemon, tls, lines):
 
 @pytest.mark.parametrize("tls", [False, True])
 def test_requests_with_many_lines_whose_answers_are_not_read(root, daemon, tls):
-    clients = [fill(daemon, port_of(root, tls), tls, get(b"/api/mac", LINES))[0].connection
+    clients = [fill(daemon, port_of(root, tls), tls, get("/api/mac", LINES))[0].connection
                for _ in range(20)]
     assert_serving(root)
     close_all(clients)
@@ -184,7 +184,7 @@ def unfinished(root, tls):
 
 def whole(root, tls):
     return [try_to(send_part, port_of(root, tls), without_key(uri, lines), tls)
-            for uri in (b"/api/version", b"/api/mac") for lines in (LINES, SHORT_LINES)]
+            for uri in ("/api/version", "/api/mac") for lines in (LINES, SHORT_LINES)]
 
 
 def do_at_once(root, rounds, kinds):
@@ -199,15 +199,7 @@ def do_at_once(root, rounds, kinds):
         return list(chain.from_iterable(pool.map(work, jobs)))
 
 
-LARGE, MIDDLE = b"/api/version", b"/api/1/router-info"
-
-
-def answering_by_uri(sizes):
-    def behave(connection):
-        while request := read_request(connection):
-            connection.sendall(answer_bytes(bytes(sizes[request.split()[1]])))
-
-    return behave
+LARGE, MIDDLE = "/api/version", "/api/1/router-info"
 
 
 def leave_unread(daemon, tls, request, count):
@@ -238,7 +230,7 @@ def test_all_of_it_at_once_with_the_largest_replies(root, daemon):
         clients += do_at_once(root, 40, [unfinished, whole])
         assert_serving(root)
         for tls in (False, True):
-            assert ask(port_of(root, tls), "GET", LARGE.decode(), headers=KEY,
+            assert ask(port_of(root, tls), "GET", LARGE, headers=KEY,
                        tls=tls).status == 500
     assert_peak_below(daemon, MEBIBYTES_WITH_KEY)
     close_all(clients)

@@ -50,10 +50,10 @@ def waits_to_write(daemon, descriptor):
 class Clogged:
     """One that reads nothing of what it asks for, at a listener with a device list."""
 
-    def __init__(self, daemon, port, tls=False):
+    def __init__(self, daemon, port, tls=False, source=None):
         self.daemon = daemon
         self._listener = port, tls
-        self.connection = connect(port, tls, receive_buffer=LEAST)
+        self.connection = connect(port, tls, source=source, receive_buffer=LEAST)
         own = self.connection.getsockname()[1]
         self._descriptor = wait_until(lambda: _shrink_send_buffer(daemon, own), "the connection")
 
