@@ -7,6 +7,7 @@
 #include <event2/event.h>
 
 #include "agent/callback_guard.h"
+#include "agent/libevent_failure.h"
 #include "util/error_text.h"
 #include "util/log.h"
 
@@ -134,6 +135,7 @@ void AgentHost::InitHeartbeating() {
 }
 
 void AgentHost::Run() {
+  SetStarted();
   event_base_dispatch(base_.get());
   ORX_LOG(Orx::Log::kError, "The event loop has ended: %s",
           stdext::error_number_and_text(errno).c_str());

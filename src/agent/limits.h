@@ -29,14 +29,14 @@ constexpr size_t kHeaderOverhead = 100;
 
 /// What all unfinished requests on the plain listener may take together: the largest single one
 /// with some thousand header lines, or 128 of the largest that are forwarded.
-constexpr size_t kMaxPlainUnfinished = size_t{6} * 1024 * 1024;
+constexpr size_t kMaxPlainUnfinished = size_t{5} * 1024 * 1024;
 
 /// The same on the TLS listener, where each connection counts what OpenSSL takes for it: all that
 /// it has room for may be in their handshake at a time.
-constexpr size_t kMaxTlsUnfinished = size_t{13} * 1024 * 1024;
+constexpr size_t kMaxTlsUnfinished = size_t{11} * 1024 * 1024;
 
 /// What OpenSSL takes for a connection whose handshake has not ended, and for one that is idle.
-constexpr size_t kHandshakeSize = size_t{50} * 1024;
+constexpr size_t kHandshakeSize = size_t{42} * 1024;
 constexpr size_t kTlsConnectionSize = size_t{20} * 1024;
 
 /// The largest block that OpenSSL is given. It makes one for the whole of a client's first message
@@ -96,7 +96,7 @@ constexpr timeval kReportPeriod = {1, 0};
 /// A head of less than this keeps its headers until its answer has been written.
 constexpr size_t kWorthDropping = 2048;
 
-static_assert(kMaxPlainUnfinished > kMaxHead + kMaxReceivedBody + 15000 * kHeaderOverhead,
+static_assert(kMaxPlainUnfinished > kMaxHead + kMaxReceivedBody + 8000 * kHeaderOverhead,
               "one request by itself must fit");
 static_assert(kMaxPlainUnfinished > 128 * (kMaxRequestBody + 16 * kHeaderOverhead + 1024),
               "128 bodies of the largest size must fit");

@@ -32,5 +32,5 @@ int main(int argc, char** argv) {
   Run();
   Orx::Log::Close();
   // At once: the host threads still use what the static destructors would take away.
-  ::_exit(EXIT_SUCCESS);
+  ::_exit(tavlo::TheProcess().exitStatus);
 }

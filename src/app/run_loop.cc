@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -70,6 +71,7 @@ bool StartWorkers() {
     Workers().emplace_back(RunHost, "tavlo::httpsAgent", TheProcess().httpsHost.get(), &started);
   } catch (const std::system_error& error) {
     Orx::Log::Message2(Orx::Log::kError, kRun, "Failed to start a thread: %s", error.what());
+    TheProcess().exitStatus = EXIT_FAILURE;
     ok = false;
   }
   while (started < Workers().size()) {
