@@ -10,7 +10,7 @@ from support.destinations import Destination, answer_bytes, answering
 from support.room import (CONNECTIONS, LARGEST_REPLY, TOO_MANY_CONNECTIONS, UNREAD_ANSWERS,
                           assert_peak_below, ended_clients, wait_for_ended_clients)
 from support.scratch_root import PAIRING_KEY
-from support.slow_readers import REQUEST, SMALL, port_of, stall
+from support.slow_readers import REQUEST, SMALL, port_of, read_on, stall
 from support.waiting import SANITIZER, wait_until
 
 pytestmark = pytest.mark.usefixtures("enough_descriptors")
@@ -36,7 +36,7 @@ def test_a_slow_reader_gets_all_of_its_answer_while_others_connect(root, daemon,
             if number % 20 == 0:
                 answer += reader.recv(4096)
         wait_for_ended_clients(daemon, OTHERS + 1 - CONNECTIONS[tls], TOO_MANY_CONNECTIONS)
-        answer += read_to_end(reader)
+        answer += read_on(reader)
     head, _, rest = answer.partition(b"\r\n\r\n")
     assert head.startswith(b"HTTP/1.1 200 OK\r\n")
     assert rest == body
@@ -53,7 +53,7 @@ def test_a_slow_reader_that_has_sent_its_last_gets_all_of_its_answer(root, daemo
         answer = reader.recv(1)
         connections = [connect(root.http_port, source="127.0.0.2") for _ in range(OTHERS)]
         wait_for_ended_clients(daemon, OTHERS + 1 - CONNECTIONS[False], TOO_MANY_CONNECTIONS)
-        answer += read_to_end(reader)
+        answer += read_on(reader)
     assert answer.endswith(b"\r\n\r\n" + body)
     for connection in (reader, *connections):
         connection.close()

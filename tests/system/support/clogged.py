@@ -6,12 +6,12 @@ import select
 import socket
 from pathlib import Path
 
-from support.clients import connect
+from support.clients import ask, connect
 from support.waiting import wait_until
 
 LEAST = 1  # a buffer as small as the kernel lets it be
 SMALL = b"GET /api/mac HTTP/1.1\r\nHost: x\r\n\r\n"
-TAKEN_UP = "INFO: .*: (?:GET /api/mac|PATCH /api/1/router-ref|Answered 400 to a request of .*)$"
+TAKEN_UP = r"INFO: .*: (?:GET /api/\S+|PATCH /api/\S+|Answered 400 to a request of .*)$"
 
 
 def _shrink_send_buffer(daemon, port):
@@ -50,20 +50,30 @@ def waits_to_write(daemon, descriptor):
 class Clogged:
     """One that reads nothing of what it asks for, at a listener with a device list."""
 
-    def __init__(self, daemon, port, tls=False):
+    def __init__(self, daemon, port, tls=False, source=None):
         self.daemon = daemon
-        self.connection = connect(port, tls, receive_buffer=LEAST)
+        self._listener = port, tls
+        self.connection = connect(port, tls, source=source, receive_buffer=LEAST)
         own = self.connection.getsockname()[1]
         self._descriptor = wait_until(lambda: _shrink_send_buffer(daemon, own), "the connection")
 
     def ask(self, request):
-        """Returns when the request has been taken up."""
+        """Returns when the request has been taken up, and what can be written of its answer, if
+        that came at once, has been."""
         mark = self.daemon.mark()
         self.connection.sendall(request)
         self.daemon.wait_for_log(TAKEN_UP, since=mark)
+        port, tls = self._listener
+        assert ask(port, "GET", "/api/mac", tls=tls).status == 200
 
     def is_full(self):
         return waits_to_write(self.daemon, self._descriptor)
+
+    def ask_for_much(self, request):
+        """Returns when the answer has begun to be written, which is larger than any buffer."""
+        self.ask(request)
+        wait_until(self.is_full, "an answer that waits")
+        return self.connection
 
 
 def fill(daemon, port, tls, request, most=1000):
@@ -86,9 +96,10 @@ def ask_into_full_ways(daemon, port, tls, request, count):
     for number in range(10 * count):
         # A request more or less makes the way full, as the kernel likes.
         client, _ = fill(daemon, port, tls, SMALL, needed - 1 - number % 3)
-        if not client.is_full():
+        was_full = client.is_full()
+        if not was_full:
             client.ask(request)
-        if client.is_full():
+        if client.is_full() and not was_full:
             clients.append(client.connection)
         else:
             client.connection.close()

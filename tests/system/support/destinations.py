@@ -94,6 +94,16 @@ def answering(answer, repeat=True):
     return behave
 
 
+def answering_by_uri(sizes):
+    """Each request gets a body of zeros, as many as `sizes` has for its URI."""
+
+    def behave(connection):
+        while request := read_request(connection):
+            connection.sendall(answer_bytes(bytes(sizes[request.split()[1].decode()])))
+
+    return behave
+
+
 def answering_after(event, answer):
     """Each request gets these bytes, the first one not before the event."""
 

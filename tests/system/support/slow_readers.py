@@ -1,6 +1,8 @@
 """Clients that do not read what they asked for."""
 
-from support.clients import connect
+import socket
+
+from support.clients import connect, read_to_end
 from support.scratch_root import PAIRING_KEY
 
 SMALL = 4096  # a receive buffer, in bytes
@@ -22,3 +24,9 @@ def stall(root, tls, source=None):
         assert part, f"the connection ended after {line!r}"
         line += part
     return client, int(line.split()[1])
+
+
+def read_on(client):
+    """All the rest, in no time."""
+    client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
+    return read_to_end(client)
