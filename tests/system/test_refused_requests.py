@@ -131,7 +131,7 @@ def test_a_request_with_two_readings_is_refused(shared, tls, request_bytes, faul
 
 CONNECTS = {
     "that has two readings": b"CONNECT x:1 HTTP/1.1\r\nX : y\r\n\r\n",
-    "to nowhere": b"CONNECT /x HTTP/1.1\r\nX: y\r\n\r\n",
+    "to no port": b"CONNECT x:y HTTP/1.1\r\nX: y\r\n\r\n",
     "with a large head": b"CONNECT x:1 HTTP/1.1\r\nX: " + b"y" * 70000 + b"\r\n\r\n",
 }
 
