@@ -69,8 +69,7 @@ int HexDigit(char c) {
 }
 
 bool IsVersion(std::string_view word) {
-  return word.size() == 8 && std::memcmp(word.data(), "HTTP/", 5) == 0 && IsDigit(word[5]) &&
-         word[6] == '.' && IsDigit(word[7]);
+  return word.size() == 8 && std::memcmp(word.data(), "HTTP/1.", 7) == 0 && IsDigit(word[7]);
 }
 
 // `lower` has only what 0x20 is set in: small letters and hyphens; `text` no control characters.
@@ -300,10 +299,10 @@ void RequestFraming::EndMethod() {
 
 void RequestFraming::EndRequestLine() {
   if (part_ == Part::kMethod || !IsVersion(Word())) {
-    SetFault("A request line without an HTTP version");
+    SetFault("A request line without a version of HTTP/1");
     return;
   }
-  mayHaveChunks_ = Word() >= "HTTP/1.1";
+  mayHaveChunks_ = Word() != "HTTP/1.0";
   BeginLine(Part::kName);
 }
 

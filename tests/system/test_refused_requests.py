@@ -27,7 +27,7 @@ NUMBER = "A Content-Length that is no number of at most 18 digits"
 WORDS = "More than one word about the length of the body"
 ENCODING = "A Transfer-Encoding other than chunked"
 BESIDE = "Content-Length beside Transfer-Encoding"
-NO_VERSION = "A request line without an HTTP version"
+NO_VERSION = "A request line without a version of HTTP/1"
 NO_BODY = "A body with a method that has none"
 
 # Every request has the key and would be let in, or has it only in the form that is shown.
