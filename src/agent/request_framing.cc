@@ -59,16 +59,27 @@ const char* EndOf(const Table& table, const char* from, const char* end) {
   return from;
 }
 
+bool IsDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
 int HexDigit(char c) {
   const char lower = static_cast<char>(c | 0x20);
-  return c >= '0' && c <= '9' ? c - '0' : lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+  return IsDigit(c) ? c - '0' : lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+}
+
+bool IsVersion(std::string_view word) {
+  return word.size() == 8 && std::memcmp(word.data(), "HTTP/1.", 7) == 0 && IsDigit(word[7]);
 }
 
 // `lower` has only what 0x20 is set in: small letters and hyphens; `text` no control characters.
-bool IsSame(std::string_view text, std::string_view lower) {
-  return text.size() == lower.size() &&
-         std::equal(text.begin(), text.end(), lower.begin(),
+bool HasLetters(std::string_view text, const char* lower) {
+  return std::equal(text.begin(), text.end(), lower,
                     [](char c, char expected) { return (c | 0x20) == expected; });
+}
+
+bool IsSame(std::string_view text, std::string_view lower) {
+  return text.size() == lower.size() && HasLetters(text, lower.data());
 }
 
 }  // namespace
@@ -149,16 +160,33 @@ void RequestFraming::TakeRequestLine(const char* from, const char* end) {
   if (std::memchr(from, '\0', static_cast<size_t>(end - from)) != nullptr) {
     SetFault("A NUL in the request line");
   }
-  if (part_ == Part::kRequestLine) {
-    return;
+  if (part_ == Part::kMethod) {
+    const char* const methodEnd = std::find(from, end, ' ');
+    Keep(from, methodEnd);
+    if (methodEnd == end) {
+      return;
+    }
+    EndMethod();
+    from = methodEnd;
   }
-  const char* const methodEnd = std::find(from, end, ' ');
-  Keep(from, methodEnd);
-  if (methodEnd != end) {
-    mayHaveBody_ = std::find(kMethodsWithBody.begin(), kMethodsWithBody.end(), Word()) !=
-                   kMethodsWithBody.end();
-    part_ = Part::kRequestLine;
+  KeepLastWord(from, end);
+}
+
+// libevent takes the last word for the version, whatever is before it; blanks may follow.
+void RequestFraming::KeepLastWord(const char* from, const char* end) {
+  const char* wordEnd = end;
+  while (wordEnd != from && wordEnd[-1] == ' ') {
+    --wordEnd;
   }
+  const char* word = wordEnd;
+  while (word != from && word[-1] != ' ') {
+    --word;
+  }
+  if (word != from || (isWordOver_ && word != wordEnd)) {
+    wordLength_ = 0;
+  }
+  Keep(word, wordEnd);
+  isWordOver_ = wordEnd != end;
 }
 
 void RequestFraming::TakeName(const char* from, const char* end) {
@@ -233,7 +261,7 @@ void RequestFraming::EndLine() {
     case Part::kMethod:
     case Part::kRequestLine:
       ++lines_;
-      BeginLine(Part::kName);
+      EndRequestLine();
       break;
     case Part::kName:
       ++lines_;
@@ -260,6 +288,22 @@ void RequestFraming::EndLine() {
     case Part::kEnd:
       break;  // not made of lines
   }
+}
+
+void RequestFraming::EndMethod() {
+  mayHaveBody_ =
+      std::find(kMethodsWithBody.begin(), kMethodsWithBody.end(), Word()) != kMethodsWithBody.end();
+  part_ = Part::kRequestLine;
+  wordLength_ = 0;
+}
+
+void RequestFraming::EndRequestLine() {
+  if (part_ == Part::kMethod || !IsVersion(Word())) {
+    SetFault("A request line without a version of HTTP/1");
+    return;
+  }
+  mayHaveChunks_ = Word() != "HTTP/1.0";
+  BeginLine(Part::kName);
 }
 
 void RequestFraming::EndName() {
@@ -316,6 +360,8 @@ void RequestFraming::EndHead() {
     SetFault("A header without a colon");
   } else if ((isChunked_ || rest_ > 0) && !mayHaveBody_) {
     SetFault("A body with a method that has none");
+  } else if (isChunked_ && !mayHaveChunks_) {
+    SetFault("Chunks in a version of HTTP that has none");
   } else if (isChunked_) {
     BeginLine(Part::kChunkLength);
   } else {

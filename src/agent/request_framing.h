@@ -13,8 +13,8 @@ namespace tavlo {
 /// byte. What versions of libevent read differently, or what somebody between here and the client
 /// may read otherwise, is a fault.
 ///
-/// Limits of size are libevent's own, and so is the form of the request line, but for a NUL in it.
-/// Allocates nothing, and keeps next to nothing of what it has read.
+/// Limits of size are libevent's own, and so is the form of the request line, but for a NUL in it
+/// and for its version. Allocates nothing, and keeps next to nothing of what it has read.
 class RequestFraming {
  public:
   /// Takes the bytes that have come next. What lies behind the request's end is not looked at.
@@ -56,11 +56,14 @@ class RequestFraming {
   const char* TakeLine(const char* from, const char* end);
   void TakeText(const char* from, const char* end);
   void TakeRequestLine(const char* from, const char* end);
+  void KeepLastWord(const char* from, const char* end);
   void TakeName(const char* from, const char* end);
   void TakeValue(const char* from, const char* end);
   void TakeWord(const char* from, const char* end);
   void TakeChunkLine(const char* from, const char* end);
   void EndLine();
+  void EndMethod();
+  void EndRequestLine();
   void EndName();
   void EndValue();
   void EndLength();
@@ -80,12 +83,14 @@ class RequestFraming {
   Field field_ = Field::kOther;
   bool endsInCarriageReturn_ = false;  // what was taken of the line; may belong to the line's end
   bool mayHaveBody_ = false;
+  bool mayHaveChunks_ = false;
   bool hasLength_ = false;
   bool isChunked_ = false;
   bool hasKey_ = false;
   bool isWordOver_ = false;
-  // What is being read of what matters here: the method, a header's name, the value of one that
-  // frames the body, a chunk's length. It has room for one character more than any that counts.
+  // What is being read of what matters here: the method, the version, a header's name, the value of
+  // one that frames the body, a chunk's length. It has room for one character more than any that
+  // counts.
   uint8_t wordLength_ = 0;
   char word_[19] = {};
 };

@@ -167,7 +167,8 @@ def test_nobody_gets_what_was_sent_before_the_next_request(root, daemon, tls, mo
 
 
 def test_what_was_sent_after_the_next_request_is_taken_for_its_answer(root, daemon):
-    """Nothing tells it from that, and the docs say so; it happens to one client, not to the next."""
+    """Nothing tells it from that, and the docs say so. The pause behind it ends the connection."""
+
     def repeat_late(connection):
         before = b""
         while request := read_request(connection):

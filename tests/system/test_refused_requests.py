@@ -27,6 +27,7 @@ NUMBER = "A Content-Length that is no number of at most 18 digits"
 WORDS = "More than one word about the length of the body"
 ENCODING = "A Transfer-Encoding other than chunked"
 BESIDE = "Content-Length beside Transfer-Encoding"
+NO_VERSION = "A request line without a version of HTTP/1"
 NO_BODY = "A body with a method that has none"
 
 # Every request has the key and would be let in, or has it only in the form that is shown.
@@ -46,6 +47,10 @@ HEADS = {
     "a DEL in a value": (START + KEY + b"X: \x7f\r\n\r\n", CONTROL),
     "a NUL in the first line": (ALLOWED.replace(b"version", b"version\0x"),
                                 "A NUL in the request line"),
+    "a carriage return in the version": (ALLOWED.replace(b"HTTP/", b"HTTP/\r"), NO_VERSION),
+    "a sign in the version": (ALLOWED.replace(b"HTTP/", b"HTTP/+"), NO_VERSION),
+    "chunks in HTTP/1.0": (CHUNKS.replace(b"1.1", b"1.0") + LAST,
+                           "Chunks in a version of HTTP that has none"),
     "no colon": (START + KEY + b"X\r\n\r\n", "A header without a colon"),
     "no name": (START + KEY + b": y\r\n\r\n", "A header without a name"),
     "no token": (START + KEY + b"X(y): z\r\n\r\n", "A character that no header's name may have"),
@@ -124,13 +129,21 @@ def test_a_request_with_two_readings_is_refused(shared, tls, request_bytes, faul
     assert len(shared.sdk_host.requests) == received
 
 
+CONNECTS = {
+    "that has two readings": b"CONNECT x:1 HTTP/1.1\r\nX : y\r\n\r\n",
+    "to no port": b"CONNECT x:y HTTP/1.1\r\nX: y\r\n\r\n",
+    "with a large head": b"CONNECT x:1 HTTP/1.1\r\nX: " + b"y" * 70000 + b"\r\n\r\n",
+}
+
+
+@pytest.mark.parametrize("refused", CONNECTS.values(), ids=CONNECTS)
 @pytest.mark.parametrize("tls", [False, True])
-def test_a_refused_connect_is_not_the_way_for_another_request(shared, tls):
+def test_a_refused_connect_is_not_the_way_for_another_request(shared, tls, refused):
     """libevent does not end the connection of a CONNECT, whatever it answered."""
     received = len(shared.sdk_host.requests)
     mark = shared.mark()
     with connect(port_of(shared.root, tls), tls) as client:
-        client.sendall(b"CONNECT x:1 HTTP/1.1\r\nX : y\r\n\r\n")
+        client.sendall(refused)
         answer = b""
         while b"</HTML>" not in answer:
             answer += client.recv(65536)

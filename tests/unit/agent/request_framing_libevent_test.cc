@@ -181,6 +181,9 @@ const std::string kHidden = "GET /hidden HTTP/1.1\r\n\r\n";
 
 const std::vector<std::string> kFaultyHeads = {
     "POST /\0 HTTP/1.1\r\n\r\n"s,
+    "POST / HTTP/\r1.1\r\n\r\n",
+    "POST / HTTP/\t+1.01\r\n\r\n",
+    "POST / HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n" + kEnd + kHidden,
     kStart + "PairingKey : key\r\n\r\n",
     kStart + "PairingKey\t: key\r\n\r\n",
     kStart + " PairingKey: key\r\n\r\n",
@@ -264,15 +267,16 @@ class Requests {
 
   std::string Next() {
     const std::string method = Any({"GET", "POST", "PUT", "DELETE", "PATCH"});
+    const std::string version = Any({"HTTP/1.1", "HTTP/1.1", "HTTP/1.0"});
     const std::string lineEnd = Any({"\r\n", "\n"});
-    std::string request = method + Any({" / ", " /a b ", " http://x/ "}) +
-                          Any({"HTTP/1.1", "HTTP/1.0", "HTTP/1.1  "}) + lineEnd;
+    std::string request =
+        method + Any({" / ", " /a b ", " http://x/ "}) + version + Any({"", "  "}) + lineEnd;
     while (Up(2) > 0) {
       request += Any({"A: b", "A:", "a:\t\xc3\xa9 ", "Connection: close", "Connection: keep-alive",
                       "Expect: 100-continue", "Trailer: X"}) +
                  lineEnd;
     }
-    switch (Up(2)) {
+    switch (Up(version == "HTTP/1.0" ? 1 : 2)) {
       case 0:
         return request + lineEnd;
       case 1:

@@ -196,15 +196,56 @@ TEST(RequestFramingHead, CountsItsLinesUpToTheFault) {
             (Outcome{"A header without a colon", 22, 3}));
 }
 
-TEST(RequestFramingHead, MayHaveAnyRequestLineWithoutANul) {
+TEST(RequestFramingRequestLine, MayHaveAnythingButANulBeforeItsVersion) {
   for (const std::string line :
-       {"", " ", "GET", "GET ", "GET /a b HTTP/1.1", "GET /\x01\x7f\t HTTP/1.1",
-        "GET /a\rb HTTP/1.1", "GET http://x/ HTTP/1.1", "get / HTTP/9.9", "\rGET / HTTP/1.1",
-        "GET / HTTP/1.1\r"}) {
-    EXPECT_EQ(Read(line + "\r\nA: b\r\n\r\n").fault, "") << line;
+       {" HTTP/1.1", "GET HTTP/1.1", "GET /a b HTTP/1.1", "GET /\x01\x7f\t HTTP/1.1",
+        "GET /a\rb HTTP/1.1", "GET http://x/ HTTP/1.1", "get / HTTP/1.9", "\rGET / HTTP/1.1",
+        "GET / HTTP/1.1 HTTP/1.0", "GET / HTTP/1.1  ", "GET  /  HTTP/1.0 "}) {
+    EXPECT_EQ(FaultOf(line + "\r\nA: b\r\n\r\n"), "") << line;
   }
   EXPECT_EQ(FaultOf("GET /\0 HTTP/1.1\r\n\r\n"s), "A NUL in the request line");
   EXPECT_EQ(FaultOf("\0GET / HTTP/1.1\r\n\r\n"s), "A NUL in the request line");
+  EXPECT_EQ(FaultOf("GET / HTTP/1.1\0\r\n\r\n"s), "A NUL in the request line");
+}
+
+TEST(RequestFramingRequestLine, EndsInAVersion) {
+  for (const std::string line : {"",
+                                 " ",
+                                 "GET",
+                                 "GET ",
+                                 "GET /",
+                                 "GET / HTTP/",
+                                 "GET / HTTP/1",
+                                 "GET / HTTP/1.",
+                                 "GET / HTTP/11",
+                                 "GET / HTTP/1.11",
+                                 "GET / HTTP/1.1x",
+                                 "GET / XHTTP/1.1",
+                                 "GET / HTTP/1. 1",
+                                 "GET / http/1.1",
+                                 "GET / HTTP/\r1.1",
+                                 "GET / HTTP/\t1.1",
+                                 "GET / HTTP/+1.1",
+                                 "GET / HTTP/x.1",
+                                 "GET / HTTP/1.x",
+                                 "GET / HTTP/1x1",
+                                 "GET / HTTP/0.9",
+                                 "GET / HTTP/2.0",
+                                 "GET / HTTP/1.-1",
+                                 "GET / HTTP/1.1\t",
+                                 "GET / HTTP/1.1\r",
+                                 "GET / \rHTTP/1.1",
+                                 "GET HTTP/1.1 /"}) {
+    EXPECT_EQ(FaultOf(line + "\r\nA: b\r\n\r\n"), "A request line without a version of HTTP/1")
+        << line;
+  }
+}
+
+TEST(RequestFramingRequestLine, HasAVersionThatKnowsChunks) {
+  const std::string chunks = "\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n";
+  EXPECT_EQ(FaultOf("POST / HTTP/1.0" + chunks), "Chunks in a version of HTTP that has none");
+  EXPECT_EQ(FaultOf("POST / HTTP/1.2" + chunks), "");
+  EXPECT_EQ(FaultOf("POST / HTTP/1.0\r\nContent-Length: 1\r\n\r\nx"), "");
 }
 
 TEST(RequestFramingLength, IsThatOfTheBody) {
