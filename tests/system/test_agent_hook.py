@@ -91,6 +91,16 @@ def test_a_hook_that_fails_is_an_internal_error_and_later_ones_do_not_run(root, 
             f"'{root.internal_hooks}/agent/10-fail' as 3") in messages
 
 
+def test_all_that_a_script_writes_on_standard_error_is_logged(root, hooked, sdk_host):
+    hook(root, "10-talk", "seq 30000 >&2; exit 0")
+    before = hooked.peak_resident_kib()
+    assert change(root).status == 200
+    lines = [text.rpartition(": ")[2] for level, text in hooked.messages()
+             if level == "ERROR" and text.startswith("stderr from pid ")]
+    assert lines == [str(number) for number in range(1, 30001)]
+    assert hooked.peak_resident_kib() - before < 1024
+
+
 def test_the_last_directory_that_was_run_has_the_say(root, hooked, sdk_host):
     hook(root, "10-end", "exit 1")
     (root.external_hooks / "agent").mkdir()

@@ -73,6 +73,9 @@ std::atomic<time_t> frozenSeconds{0};
 // How far the monotonic clock is ahead, in nanoseconds.
 std::atomic<long long> passedTime{0};
 
+// How far the wall clock is, in nanoseconds.
+std::atomic<long long> wallClockOffset{0};
+
 // What nanosleep was last asked for, in nanoseconds.
 std::atomic<long long> refusedPause{0};
 
@@ -83,9 +86,23 @@ int RefusePause(const timespec* wanted) {
   return -1;
 }
 
+long long OffsetOf(int clock) {
+  switch (clock) {
+    case CLOCK_MONOTONIC:
+    case CLOCK_MONOTONIC_COARSE:
+      return passedTime;
+    case CLOCK_REALTIME:
+    case CLOCK_REALTIME_COARSE:
+      return wallClockOffset;
+    default:
+      return 0;
+  }
+}
+
 void Advance(int clock, timespec* now) {
-  if (clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE) {
-    const long long time = now->tv_sec * kSecond + now->tv_nsec + passedTime;
+  const long long offset = OffsetOf(clock);
+  if (offset != 0) {
+    const long long time = now->tv_sec * kSecond + now->tv_nsec + offset;
     now->tv_sec = static_cast<time_t>(time / kSecond);
     now->tv_nsec = static_cast<long>(time % kSecond);
   }
@@ -272,6 +289,10 @@ std::chrono::nanoseconds RefusedPause() {
 
 void PassTime(std::chrono::nanoseconds time) {
   passedTime += time.count();
+}
+
+void ShowWallClock(std::chrono::nanoseconds ahead) {
+  wallClockOffset = ahead.count();
 }
 
 FrozenClock::FrozenClock(long seconds, long microseconds)
