@@ -191,8 +191,9 @@ def run_steps(steps, tally, display):
             display.say(f"== {step.name}: {'passed' if step.passed else 'FAILED'} after "
                         f"{step.seconds:.0f} s")
             tally.add(step)
-        display.progress(running, left)
-        time.sleep(POLL_SECS)
+        if running:
+            display.progress(running, left)
+            time.sleep(POLL_SECS)
 
 
 def may_start(step, running, state):

@@ -158,3 +158,66 @@ def test_a_result_of_sources_that_are_in_no_commit_is_old(repository):
     (repository / "src" / "a").write_text("2\n")
     by_hand(repository, "note", "sail")
     assert "with changes" in by_hand(repository, "check")
+
+
+MUTATIONS = """Why: it would be less
+Tests: unit/a
+--- a/src/a/b.cc
++++ b/src/a/b.cc
+@@ -3,3 +3,3 @@
+ int One() {
+-  return 1;
++  return 0;
+ }
+
+Why: it would be more
+Tests: unit/a
+Preset: tsan
+--- a/src/a/b.cc
++++ b/src/a/b.cc
+@@ -3,3 +3,3 @@
+ int One() {
+-  return 1;
++  return 2;
+ }
+"""
+
+
+@pytest.fixture
+def mutate(tmp_path):
+    """Runs tools/mutate in a tree with two mutations of one file."""
+    for name, text in {"tools/mutate": (PROJECT / "tools/mutate").read_text(),
+                       "src/a/b.cc": "// One\n\nint One() {\n  return 1;\n}\n",
+                       "tests/mutations/a/b.cc.patch": MUTATIONS}.items():
+        (tmp_path / name).parent.mkdir(parents=True, exist_ok=True)
+        (tmp_path / name).write_text(text)
+
+    def run(*arguments):
+        result = subprocess.run(["python3", "-B", tmp_path / "tools" / "mutate", *arguments],
+                                check=False, capture_output=True, text=True)
+        return result.returncode, result.stdout + result.stderr
+
+    run.tree = tmp_path
+    return run
+
+
+def test_a_mutation_whose_code_has_changed_is_named(mutate):
+    assert mutate("check") == (0, "")
+    (mutate.tree / "src/a/b.cc").write_text("// One\n\n// moved\nint One() {\n  return 1;\n}\n")
+    assert mutate("check") == (0, "")
+    (mutate.tree / "src/a/b.cc").write_text("// One\n\nint One() {\n  return 3;\n}\n")
+    status, output = mutate("check")
+    assert status == 1
+    assert "a/b.cc:1: error: " in output and "a/b.cc:2: error: " in output
+
+
+def test_a_mutation_without_the_proper_head_is_refused(mutate):
+    path = mutate.tree / "tests/mutations/a/b.cc.patch"
+    path.write_text(MUTATIONS.replace("Preset", "Set"))
+    status, output = mutate("check")
+    assert (status, "number 2 has not the form" in output) == (1, True)
+
+
+@pytest.mark.parametrize("name", ["b", "a/c.cc", "a/b.cc:3"])
+def test_a_mutation_that_there_is_not_is_refused(mutate, name):
+    assert mutate(name) == (1, f"no mutations of that name: {name}\n")
