@@ -1,6 +1,6 @@
-/* Preloaded into the daemon by test_name_lookup.py, which builds it: every name is 127.0.0.1, and no
- * look-up leaves the machine. As long as the file named in GATE exists, a look-up waits, and says so
- * with another file whose name is that one's and ".waits". */
+/* Preloaded into the daemon by test_name_lookup.py, which builds it: every name is 127.0.0.1, and
+ * no look-up leaves the machine. As long as the file named in GATE exists, a look-up waits, and
+ * says so with another file whose name is that one's and ".waits". */
 
 #define _GNU_SOURCE
 #include <dlfcn.h>

@@ -9,7 +9,7 @@ from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
-from support.clients import ask, connect, read_to_end
+from support.clients import connect, read_to_end
 from support.destinations import Destination, Noting, answer_bytes
 from support.programs import connect_flood, needs_cc
 from support.room import (CONNECTIONS, TOO_MANY_CONNECTIONS, WAITING, ended_clients,

@@ -1,5 +1,5 @@
-"""Replies that are too large, that have no proper status, or whose length is only told by the end of
-their connection."""
+"""Replies that are too large, that have no proper status, or whose length is only told by the end
+of their connection."""
 
 import re
 
@@ -93,8 +93,8 @@ def test_a_byte_more_that_comes_is_refused(root, daemon, tls, framing):
 
 
 HEADS = {
-    "many headers": OK + b"".join(b"X-%04d: %s\r\n" % (number, b"x" * 990) for number in range(70)) +
-    b"Content-Length: 0\r\n\r\n",
+    "many headers": OK + b"".join(b"X-%04d: %s\r\n" % (number, b"x" * 990)
+                                  for number in range(70)) + b"Content-Length: 0\r\n\r\n",
     "one header": OK + b"X: " + b"x" * LARGEST_REPLY_HEAD + b"\r\nContent-Length: 0\r\n\r\n",
     "the first line": OK[:-2] + b"x" * LARGEST_REPLY_HEAD + b"\r\nContent-Length: 0\r\n\r\n",
 }

@@ -11,7 +11,8 @@ from support.daemon import DIE_WITH_PARENT
 
 SOURCES = Path(__file__).resolve().parents[1]
 
-needs_cc = pytest.mark.skipif(shutil.which("cc") is None, reason="needs cc, for a program of its own")
+needs_cc = pytest.mark.skipif(shutil.which("cc") is None,
+                              reason="needs cc, for a program of its own")
 
 
 def compile_program(name, directory, *libraries):
