@@ -12,7 +12,8 @@
 #include <event2/bufferevent_ssl.h>
 #include <event2/event.h>
 #include <event2/http.h>
-#include <openssl/ssl.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 
 #include "agent/callback_guard.h"
 #include "agent/limits.h"
@@ -49,6 +50,14 @@ evbuffer* OutputOf(evhttp_connection* connection) {
 
 void StopReading(evhttp_connection* connection) {
   bufferevent_disable(evhttp_connection_get_bufferevent(connection), EV_READ);
+}
+
+// What the client has not acknowledged of what was written. The kernel takes in a large piece at
+// once, and then no more until much of that has been read.
+size_t HeldByKernel(evhttp_connection* connection) {
+  int bytes = 0;
+  const int fd = bufferevent_getfd(evhttp_connection_get_bufferevent(connection));
+  return ::ioctl(fd, SIOCOUTQ, &bytes) == 0 ? static_cast<size_t>(bytes) : 0;
 }
 
 // libevent would abort the process if it were told of input while a request is answered, as TLS
@@ -162,10 +171,7 @@ void ClientTable::TakeIn(bufferevent* connection) {
   // From here on nothing throws.
   client.table = this;
   client.connection = served;
-  if (bufferevent_openssl_get_ssl(connection) != nullptr) {
-    client.isInHandshake = true;
-    client.stream = kHandshakeSize;
-  }
+  client.stream = bufferevent_openssl_get_ssl(connection) != nullptr ? kTlsConnectionSize : 0;
   ++client.address->second.connections;
   clients_.splice(clients_.end(), entry);
   evhttp_connection_set_closecb(served, OnClose, this);
@@ -211,7 +217,6 @@ void ClientTable::TakeInput(Client* client, evbuffer* input, size_t added) {
   if (client->state != State::kReceiving || client->isRefused) {
     StopReading(client->connection);  // what is here already is bounded by what one read takes
   }
-  EndHandshake(client);
   client->incoming += added;
   if (!client->isRefused) {
     const size_t shown = Show(&client->framing, input, added);
@@ -245,7 +250,7 @@ void ClientTable::OnLibraryOutput(Client* client, int status) {
   ORX_LOG(Orx::Log::kInfo, "Answered %d to a request of %s that was not taken up", status,
           client->address->first.c_str());
   client->state = State::kWriting;
-  client->progressTime = {};
+  client->backlog = 0;
   if (status == HTTP_NOTIMPLEMENTED) {
     BeginNextRequest(client);  // after a CONNECT others may follow
     return;
@@ -285,7 +290,7 @@ void ClientTable::OnAnswer(evhttp_connection* connection) {
   // answer.
   StopReading(connection);
   client->state = State::kWriting;
-  client->progressTime = {};
+  client->backlog = 0;  // it is looked at when there is need
   client->request = 0;
   Recount(client);
   SetUntaken(client, evbuffer_get_length(OutputOf(connection)));
@@ -313,9 +318,8 @@ void ClientTable::Recount(Client* client) {
   if (client->isEnding) {
     return;
   }
-  const size_t bytes = client->isInHandshake ? kHandshakeSize
-                                             : client->request + client->incoming +
-                                                   client->framing.Lines() * kHeaderOverhead;
+  const size_t bytes = client->stream + client->request + client->incoming +
+                       client->framing.Lines() * kHeaderOverhead;
   const size_t change = bytes - client->unfinished;  // wraps around where it is less
   client->unfinished = bytes;
   client->address->second.unfinished += change;
@@ -344,26 +348,9 @@ void ClientTable::CountNoMore(Client* client) {
   client->address = nullptr;
 }
 
-void ClientTable::EndHandshake(Client* client) {
-  if (client->isInHandshake) {
-    client->isInHandshake = false;
-    client->stream = kTlsConnectionSize;
-  }
-}
-
 // Where answers take much, requests may take less.
 size_t ClientTable::UnfinishedBound() const {
   return untaken_ > kMaxUntaken / 2 ? maxUnfinished_ / 4 : maxUnfinished_;
-}
-
-void ClientTable::LookAtHandshakes() {
-  for (Client& client : clients_) {
-    if (client.isInHandshake && SSL_is_init_finished(bufferevent_openssl_get_ssl(
-                                    evhttp_connection_get_bufferevent(client.connection)))) {
-      EndHandshake(&client);
-      Recount(&client);
-    }
-  }
 }
 
 void ClientTable::LookAtAnswers() {
@@ -377,12 +364,16 @@ void ClientTable::LookAtAnswer(Client* client) {
     return;
   }
   const size_t left = evbuffer_get_length(OutputOf(client->connection));
+  SetUntaken(client, left);
   if (left == 0) {
     client->state = State::kReceiving;
-  } else if (left != client->untaken || client->progressTime == Clock::time_point()) {
+    return;
+  }
+  const size_t backlog = left + HeldByKernel(client->connection);
+  if (backlog != client->backlog) {
+    client->backlog = backlog;
     client->progressTime = Clock::now();
   }
-  SetUntaken(client, left);
 }
 
 size_t ClientTable::RoomForAnswer(const std::string& address) {
@@ -417,7 +408,6 @@ void ClientTable::MakeRoomForConnection(Client* latest) {
 
 void ClientTable::MakeRoomForInput(Client* reading) {
   if (unfinished_ > UnfinishedBound()) {
-    LookAtHandshakes();
     LookAtAnswers();
   }
   const size_t bound = UnfinishedBound();

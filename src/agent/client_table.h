@@ -78,16 +78,16 @@ class ClientTable {
     evhttp_connection* connection = nullptr;
     AddressEntry* address = nullptr;
     State state = State::kReceiving;
-    size_t stream = 0;  // what OpenSSL takes for it, in bytes
-    bool isInHandshake = false;
+    size_t stream = 0;               // what OpenSSL takes for it, in bytes
     bool isOver = false;             // libevent has refused its request, and nothing may follow
     bool isRefused = false;          // for the framing of its request
     bool isEnding = false;           // marked; it counts no more, and has no address
     RequestFraming framing;          // of the request that is coming in
     size_t incoming = 0;             // what has come since the last whole request, in bytes
     size_t request = 0;              // what is kept of the whole request that is being answered
-    size_t unfinished = 0;           // what these two take, or a handshake does
+    size_t unfinished = 0;           // what these three and the header lines take
     size_t untaken = 0;              // of its answer, when that was looked at last
+    size_t backlog = 0;              // the same, with what the kernel holds of it
     Clock::time_point progressTime;  // when it was seen first that it was no more than that
   };
   using Clients = std::list<Client>;
@@ -110,9 +110,7 @@ class ClientTable {
   void Recount(Client* client);
   void SetUntaken(Client* client, size_t bytes);
   void CountNoMore(Client* client);
-  static void EndHandshake(Client* client);
   size_t UnfinishedBound() const;
-  void LookAtHandshakes();
   void LookAtAnswers();
   void LookAtAnswer(Client* client);
 

@@ -17,6 +17,10 @@ namespace tavlo {
 /// bytes; a browser's cookies make the rest.
 constexpr size_t kMaxHead = size_t{64} * 1024;
 
+/// The lines of a head. A larger number is answered 400: real heads have a dozen, other servers
+/// take a hundred, and each line makes libevent allocate more than a hundred bytes.
+constexpr size_t kMaxHeadLines = 1000;
+
 /// A body that is taken in at all. libevent answers a larger one 413; up to here the daemon's own
 /// order of checks holds, the access rule first.
 constexpr size_t kMaxReceivedBody = size_t{4} * 1024 * 1024;
@@ -27,17 +31,14 @@ constexpr size_t kMaxRequestBody = 32768;
 /// What libevent allocates for a header, however short its line.
 constexpr size_t kHeaderOverhead = 100;
 
-/// What all unfinished requests on the plain listener may take together: the largest single one
-/// with some thousand header lines, or 128 of the largest that are forwarded.
+/// What all unfinished requests on the plain listener may take together: the largest single one, or
+/// 128 of the largest that are forwarded.
 constexpr size_t kMaxPlainUnfinished = size_t{5} * 1024 * 1024;
 
-/// The same on the TLS listener, where each connection counts what OpenSSL takes for it: all that
-/// it has room for may be in their handshake at a time.
-constexpr size_t kMaxTlsUnfinished = size_t{11} * 1024 * 1024;
-
-/// What OpenSSL takes for a connection whose handshake has not ended, and for one that is idle.
-constexpr size_t kHandshakeSize = size_t{42} * 1024;
-constexpr size_t kTlsConnectionSize = size_t{20} * 1024;
+/// The same on the TLS listener, where each connection counts what OpenSSL may take for it: all
+/// that there is room for may be in their handshake, or within a record, at a time.
+constexpr size_t kMaxTlsUnfinished = size_t{21} * 512 * 1024;
+constexpr size_t kTlsConnectionSize = size_t{41} * 1024;
 
 /// The largest block that OpenSSL is given. It makes one for the whole of a client's first message
 /// as soon as that announces its length, up to 128 KiB; a real one has 2. The server's certificates
@@ -97,11 +98,11 @@ constexpr timeval kReportPeriod = {1, 0};
 /// A head of less than this keeps its headers until its answer has been written.
 constexpr size_t kWorthDropping = 2048;
 
-static_assert(kMaxPlainUnfinished > kMaxHead + kMaxReceivedBody + 8000 * kHeaderOverhead,
+static_assert(kMaxPlainUnfinished > kMaxHead + kMaxReceivedBody + kMaxHeadLines * kHeaderOverhead,
               "one request by itself must fit");
 static_assert(kMaxPlainUnfinished > 128 * (kMaxRequestBody + 16 * kHeaderOverhead + 1024),
               "128 bodies of the largest size must fit");
-static_assert(kMaxTlsUnfinished > kMaxTlsClients * kHandshakeSize,
-              "as many handshakes as connections must fit");
+static_assert(kMaxTlsUnfinished > kMaxTlsClients * kTlsConnectionSize,
+              "as many connections as there may be must fit");
 
 }  // namespace tavlo

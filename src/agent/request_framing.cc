@@ -5,6 +5,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "agent/limits.h"
+
 namespace tavlo {
 
 namespace {
@@ -260,15 +262,15 @@ void RequestFraming::EndLine() {
   switch (part_) {
     case Part::kMethod:
     case Part::kRequestLine:
-      ++lines_;
+      CountLine();
       EndRequestLine();
       break;
     case Part::kName:
-      ++lines_;
+      CountLine();
       EndHead();
       break;
     case Part::kValue:
-      ++lines_;
+      CountLine();
       EndValue();
       break;
     case Part::kChunkLength:
@@ -280,7 +282,7 @@ void RequestFraming::EndLine() {
       BeginLine(Part::kChunkLength);
       break;
     case Part::kTrailer:
-      ++lines_;
+      CountLine();
       BeginLine(Part::kEnd);
       break;
     case Part::kBody:
@@ -304,6 +306,12 @@ void RequestFraming::EndRequestLine() {
   }
   mayHaveChunks_ = Word() != "HTTP/1.0";
   BeginLine(Part::kName);
+}
+
+void RequestFraming::CountLine() {
+  if (++lines_ > kMaxHeadLines) {
+    SetFault("Too many lines in the head");
+  }
 }
 
 void RequestFraming::EndName() {

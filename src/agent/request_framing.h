@@ -64,6 +64,7 @@ class RequestFraming {
   void EndLine();
   void EndMethod();
   void EndRequestLine();
+  void CountLine();
   void EndName();
   void EndValue();
   void EndLength();

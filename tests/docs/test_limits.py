@@ -18,7 +18,7 @@ TOLD = {
     "kMaxPlainUnfinished": ("all unfinished requests together", "{} MiB plain"),
     "kMaxTlsUnfinished": ("all unfinished requests together", "{} MiB TLS"),
     "kTlsConnectionSize": ("all unfinished requests together", "{} KiB besides"),
-    "kHandshakeSize": ("all unfinished requests together", "{} KiB until"),
+    "kMaxHeadLines": ("their lines", "{}"),
     "kMaxPlainClients": ("connections", "{} plain"),
     "kMaxTlsClients": ("connections", "{} TLS"),
     "kMaxAcceptsPerTurn": ("connections that are accepted in a turn of the loop", "{}"),
@@ -42,7 +42,7 @@ def value_of(expression, unit):
     value = 1
     for factor in re.findall(r"\d+", expression):
         value *= int(factor)
-    return value >> {"KiB": 10, "MiB": 20}.get(unit, 0)
+    return f"{value / {'KiB': 1 << 10, 'MiB': 1 << 20}.get(unit, 1):g}"
 
 
 def test_each_bound_is_told_or_need_not_be():

@@ -25,7 +25,8 @@ KEY = {"PairingKey": PAIRING_KEY}
 LARGEST_MEMORY_KIB = 32 * 1024
 
 PATCH = b"PATCH /api/1/router-ref HTTP/1.1\r\nHost: x\r\n"
-HEADERS = b"a:\n" * 20000  # they take two megabytes
+HEADERS = b"a:\n" * 990
+LARGE_PART = b"Content-Length: 4000000\r\n\r\n" + b"b" * 2000000
 MIB = 1 << 20
 
 
@@ -260,7 +261,7 @@ def test_requests_that_come_before_their_turn_are_left_outside(root, daemon, sdk
 def test_heads_that_come_before_their_turn_count_as_what_they_will_take(root, daemon):
     # Each header takes some hundred bytes, however short its line.
     # As much as libevent reads in one go: all of it has come when the first request is taken up.
-    part = b"GET /api/mac HTTP/1.1\r\n\r\n" + b"GET /api/mac HTTP/1.1\r\n" + b"a:\n" * 1330
+    part = b"GET /api/mac HTTP/1.1\r\n\r\n" + b"GET /api/mac HTTP/1.1\r\n" + b"a:\n" * 990
     clients = [send_part(root.http_port, part) for _ in range(100)]
     wait_for_ended_clients(daemon, 1, TOO_MUCH)
     assert_small(daemon)
@@ -277,16 +278,16 @@ def test_who_has_too_much_behind_its_request_is_not_ended_while_it_waits(root, d
     """The memory is filled by others in the turn of the loop for which the request is put off."""
     go_on = threading.Event()
     head = f"GET /api/version HTTP/1.1\r\nPairingKey: {PAIRING_KEY}\r\n".encode()
-    part = PATCH + b"a:\n" * 1800
+    part = PATCH + b"a:\n" * 990
 
     with Destination(root.destination_port, answering_after(go_on, answer_bytes(b"ok"))):
-        others = [send_part(root.https_port, part, tls=True) for _ in range(62)]
+        others = [send_part(root.https_port, part, tls=True) for _ in range(72)]
         late = [connect(root.https_port, tls=True) for _ in range(4)]
         client = connect(root.https_port, tls=True)
         assert_serving(root)  # what was sent before has been read
         os.kill(daemon.pid, signal.SIGSTOP)
         wait_until(lambda: is_stopped(daemon.pid), "the stop of the daemon")
-        client.sendall(head + b"Expect: 100-continue\r\n\r\n" + head + b"a:\n" * 1300)
+        client.sendall(head + b"Expect: 100-continue\r\n\r\n" + head + b"a:\n" * 990)
         for other in late:
             other.sendall(part)
         os.kill(daemon.pid, signal.SIGCONT)
@@ -309,7 +310,7 @@ def test_what_was_answered_counts_no_more(root, daemon, sdk_host):
 
 
 def test_clients_that_were_ended_for_their_size_take_no_place(root, daemon):
-    clients = [send_part(root.http_port, PATCH + HEADERS) for _ in range(10)]
+    clients = [send_part(root.http_port, PATCH + LARGE_PART) for _ in range(10)]
     wait_for_ended_clients(daemon, 7, TOO_MUCH)
     for client in clients:
         client.close()

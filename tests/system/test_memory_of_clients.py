@@ -24,7 +24,8 @@ MEBIBYTES = 32  # whoever comes without the key
 MEBIBYTES_WITH_KEY = 64
 COUNT = 100
 # As many lines as there is room for in a head: each takes much more than its bytes.
-LINES = b"a:\r\n" * 16000
+LINES = b"abc: " + b"x" * 58 + b"\r\n"
+LINES *= 900
 SHORT_LINES = b":\n" * 50000
 PATCH = b"PATCH /api/1/router-ref HTTP/1.1\r\nHost: x\r\n"
 HUGE = 4 << 20  # the largest body that is taken in, and refused then
