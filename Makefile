@@ -1,9 +1,12 @@
 # The front door: each target says in a line what it is for; the work is in CMake and tools/.
 
-.PHONY: all aarch64 bench build check check-slow clean deb format fuzz fuzz-coverage help install \
-  mutate run soak uclibc uninstall
+.PHONY: all aarch64 bench build check clean deb format fuzz fuzz-coverage help install mutate prove \
+  run soak test uclibc uninstall
 
 export DESTDIR PREFIX SYSCONFDIR
+
+# PUBLISH=1 notes in tests/by-hand.md that the target went well.
+note = @$(if $(PUBLISH),tools/by-hand note $@,:)
 
 all: build
 
@@ -33,43 +36,53 @@ deb:  ## make the Debian packages in build/deb, the one with the debug file too
 	@BUILD_TESTING=OFF tools/build release
 	@tools/deb
 
-check:  ## build and run everything that proves the system
+check:  ## build it and run what each change must pass, in some minutes
 	@tools/dependencies check
 	@tools/check
 
-check-slow:  ## the tests that wait for minutes, in the release build
+prove:  ## run all the rest, in some more: sanitizers, clang-tidy, AArch64, slow tests, fuzzing, mutations
+	@tools/dependencies prove
+	@tools/check prove
+
+test:  ## run the tests whose names match ONLY=pattern; PRESET=asan, REPEAT=20, LOAD=2 for busy loops
 	@tools/dependencies check
-	@tools/check slow
+	@tools/test '$(ONLY)' $(if $(PRESET),--preset $(PRESET)) $(if $(REPEAT),--repeat $(REPEAT)) \
+	  $(if $(LOAD),--load $(LOAD))
 
 aarch64:  ## build for AArch64 and run all tests of that build under an emulator
 	@tools/dependencies aarch64
 	@tools/check aarch64
+	$(note)
 
 uclibc:  ## the same with uClibc-ng, whose toolchain it makes first: an hour, then it stays
 	@tools/dependencies uclibc
 	@tools/check uclibc
+	$(note)
 
 fuzz:  ## feed made-up inputs to what reads foreign ones: a minute each, or TIME=seconds TARGET=name
-	@tools/dependencies check
+	@tools/dependencies prove
 	@tools/fuzz $(or $(TIME),60) $(TARGET)
 
 fuzz-coverage:  ## show what the inputs of the fuzz targets reach, and what they do not
-	@tools/dependencies check
+	@tools/dependencies prove
 	@tools/fuzz coverage $(TARGET)
+	$(note)
 
 soak:  ## a long run of mixed requests while everything changes: 100,000, or REQUESTS=number
 	@tools/dependencies check
 	@BUILD_TESTING=OFF tools/build release
-	@tools/soak $(REQUESTS)
+	@tests/system/soak.py $(REQUESTS)
+	$(note)
 
-mutate:  ## break the code in many places and see that the tests notice: all, or ONLY=folder
-	@tools/dependencies check
+mutate:  ## break the code in many places and see that the tests notice: all, or ONLY=folder, file or file:number
+	@tools/dependencies prove
 	@tools/mutate $(ONLY)
 
 bench:  ## measure it beside other servers, some twenty minutes; QUICK=1 a look, PUBLISH=1 for docs/
 	@tools/dependencies bench
-	@BUILD_TESTING=OFF tools/build bench
+	@BUILD_TESTING=OFF TAVLO_BENCH=ON tools/build release
 	@tools/bench $(if $(QUICK),--quick) $(if $(PUBLISH),--publish) $(BENCH)
+	$(note)
 
 format:  ## rewrite the sources in the house's format
 	@tools/dependencies check

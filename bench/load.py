@@ -68,6 +68,6 @@ def h2load(log, url, requests, connections, expected=200, method="GET", body=Non
 def handshakes(port, path, expected, count, reuse):
     """`count` TLS connections, one after another, over each of which `path` is asked for; with
     `reuse` each resumes a session."""
-    output = run([BUILD / "handshakes", port, path, expected, count, "reuse" if reuse else "new"])
+    output = run([BUILD / "bench" / "handshakes", port, path, expected, count, "reuse" if reuse else "new"])
     taken = sorted(map(float, output.split()))
     return summary(taken, sum(taken))

@@ -92,7 +92,7 @@ BENCHMARK(KeyValueText);
 void DeviceListParsed(benchmark::State& state) {
   const std::string text = DeviceListText();
   for (auto _ : state) {
-    rapidjson::Document doc;
+    tavlo::DeviceList doc;
     std::string error;
     benchmark::DoNotOptimize(tavlo::ParseDeviceList(text, &doc, &error));
   }
@@ -100,7 +100,7 @@ void DeviceListParsed(benchmark::State& state) {
 BENCHMARK(DeviceListParsed);
 
 void LastDeviceLookedUp(benchmark::State& state) {
-  rapidjson::Document doc;
+  tavlo::DeviceList doc;
   std::string error;
   if (!tavlo::ParseDeviceList(DeviceListText(), &doc, &error) ||
       tavlo::FindMac(doc, kLastAddress).empty()) {

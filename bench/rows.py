@@ -8,7 +8,6 @@ from servers import LARGEST_BODY, PAIRING_KEY, SIDE_BY_SIDE, HaproxyOneConnectio
 ALL = tuple(server.name for server in SIDE_BY_SIDE)
 ONE_AT_A_TIME = HaproxyOneConnection.name
 KEY = f"PairingKey: {PAIRING_KEY}"
-QUICK_SHARE = 10
 
 
 @dataclass
@@ -43,7 +42,7 @@ class Row:
             body = scratch / "body"
             body.write_bytes(b"x" * LARGEST_BODY)
         return load.h2load(scratch / "h2load.log", f"{scheme}://127.0.0.1:{port}{path}", requests,
-                           self.connections, self.expected, self.method, body, headers)
+                           min(self.connections, requests), self.expected, self.method, body, headers)
 
 
 def plain(name, title, path, connections, requests, servers=ALL, **options):

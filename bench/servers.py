@@ -15,7 +15,7 @@ from contextlib import ExitStack
 from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parent.parent
-BUILD = PROJECT / "build" / "bench"
+BUILD = PROJECT / "build" / "release"
 PAIRING_KEY = "s3cret-Pairing-Key"
 LARGEST_BODY = 32768
 PLAIN_ENDPOINTS = [
@@ -358,7 +358,7 @@ $SERVER["socket"] == "127.0.0.1:{self.tls_port}" {{
 class Floor(Server):
     name = "floor"
     difference = "bench/floor.cc: libevent alone, without rules and log; one loop for both listeners"
-    program = BUILD / "floor"
+    program = BUILD / "bench" / "floor"
     refusal = None
 
     def command(self):

@@ -1,6 +1,6 @@
 # tavlo_build_flags: what every target of this project is compiled and linked with.
 
-option(TAVLO_FUZZ "Make the fuzz targets libFuzzer programs (clang)" OFF)
+option(TAVLO_FUZZ "Build the fuzz targets, with clang and -fsanitize=fuzzer-no-link" OFF)
 set(TAVLO_SANITIZE "" CACHE STRING "Value of -fsanitize= for the whole build; empty for none")
 
 add_library(tavlo_build_flags INTERFACE)

@@ -5,14 +5,9 @@
 
 #include <event2/bufferevent.h>
 #include <event2/event.h>
-#include <event2/listener.h>
-#include <event2/util.h>
-#include <sys/socket.h>
 
 #include "agent/callback_guard.h"
-#include "agent/client_table.h"
-#include "agent/listening_socket.h"
-#include "util/descriptor.h"
+#include "agent/libevent_failure.h"
 #include "util/error_text.h"
 #include "util/log.h"
 
@@ -21,23 +16,8 @@ namespace tavlo {
 namespace {
 
 constexpr const char* kLoopback = "127.0.0.1";
-constexpr int kHttpTimeoutSecs = 61;
 constexpr timeval kHeartbeatPeriod = {30, 0};
 constexpr size_t kShownKeyLength = 3;
-
-// The largest body of a reply, in bytes. It is held in memory until it has come whole.
-constexpr ev_ssize_t kMaxReplyBody = 4L * 1024 * 1024;
-
-// The largest head of a reply, in bytes. libevent searches an unfinished line from its beginning
-// whenever more of it has come.
-constexpr ev_ssize_t kMaxReplyHead = 65536;
-
-// The most that one write takes, in bytes. libevent's default, 16384, would be three turns of the
-// loop for the largest request.
-constexpr size_t kMaxWrite = size_t{128} * 1024;
-
-// How long a listener rests when it was refused a connection, for want of descriptors mostly.
-constexpr timeval kAcceptPause = {1, 0};
 
 std::runtime_error ErrnoFailure(const std::string& what) {
   return std::runtime_error(what + " errno " + std::to_string(errno));
@@ -72,16 +52,8 @@ bufferevent* AgentHost::OnConnection(event_base* base, void* argument) {
     bufferevent_set_max_single_write(connection, kMaxWrite);
     RunGuarded(__PRETTY_FUNCTION__, [&] { host->clients_->Add(connection); });
   }
+  host->sockets_->OnAccepted();
   return connection;
-}
-
-void AgentHost::OnAcceptError(evconnlistener* listener, void*) {
-  RunGuarded(__PRETTY_FUNCTION__, [listener] { PauseAccepting(listener); });
-}
-
-void AgentHost::OnAcceptPauseEnd(evutil_socket_t, short, void* listener) {
-  RunGuarded(__PRETTY_FUNCTION__,
-             [listener] { ResumeAccepting(static_cast<evconnlistener*>(listener)); });
 }
 
 AgentHost::AgentHost(Orx::HookInvoker* invoker, bool secure, const std::string& agentDataPath,
@@ -119,14 +91,21 @@ void AgentHost::InitServer() {
   }
   invokerEvent_.reset(invokerEvent, event_free);
 
-  clients_ = std::make_unique<ClientTable>(base);
+  clients_ = secure_ ? std::make_unique<ClientTable>(base, kMaxTlsClients, kMaxTlsUnfinished)
+                     : std::make_unique<ClientTable>(base, kMaxPlainClients, kMaxPlainUnfinished);
   MakeHttpServer();
-  if (!Listen(kLoopback)) {
+  sockets_ = std::make_unique<ListeningSockets>(base, http_.get());
+  if (!sockets_->Listen(kLoopback, listenPort_)) {
     throw ErrnoFailure("Failed to bind endpoint '" + std::string(kLoopback) + ":" +
                        std::to_string(listenPort_) + "'");
   }
   boundAddrs_.insert(kLoopback);
-  MakeConnection();
+  evcon_ = MakeDestinationConnection(base, dstAddr_, dstPort_);
+  forwarder_ = std::make_unique<Forwarder>(
+      base, dstAddr_, dstPort_, &evcon_, clients_.get(),
+      [this](evhttp_request* req, Forwarder::Outcome outcome, evhttp_request* reply) {
+        FinishForwarding(req, outcome, reply);
+      });
 }
 
 void AgentHost::MakeHttpServer() {
@@ -138,26 +117,12 @@ void AgentHost::MakeHttpServer() {
   evhttp_set_allowed_methods(http, EVHTTP_REQ_GET | EVHTTP_REQ_POST | EVHTTP_REQ_PUT |
                                        EVHTTP_REQ_DELETE | EVHTTP_REQ_PATCH);
   evhttp_set_timeout(http, kHttpTimeoutSecs);
-  evhttp_set_max_headers_size(http, kMaxHeadSize);
+  evhttp_set_max_headers_size(http, kMaxHead);
   evhttp_set_max_body_size(http, kMaxReceivedBody);
   // An answer has the content type that the destination gave it, or none.
   evhttp_set_default_content_type(http, nullptr);
   evhttp_set_gencb(http, OnRequest, this);
   evhttp_set_bevcb(http, OnConnection, this);
-}
-
-void AgentHost::MakeConnection() {
-  evhttp_connection* const evcon =
-      evhttp_connection_base_new(base_.get(), nullptr, dstAddr_.c_str(), dstPort_);
-  if (evcon == nullptr) {
-    throw ErrnoFailure("Failed to init evcon");
-  }
-  evcon_.reset(evcon, evhttp_connection_free);
-  evhttp_connection_set_timeout(evcon, kHttpTimeoutSecs);
-  evhttp_connection_set_max_headers_size(evcon, kMaxReplyHead);
-  evhttp_connection_set_max_body_size(evcon, kMaxReplyBody);
-  evhttp_connection_set_closecb(evcon, OnDisconnect, this);
-  bufferevent_set_max_single_write(evhttp_connection_get_bufferevent(evcon), kMaxWrite);
 }
 
 void AgentHost::InitHeartbeating() {
@@ -170,48 +135,10 @@ void AgentHost::InitHeartbeating() {
 }
 
 void AgentHost::Run() {
+  SetStarted();
   event_base_dispatch(base_.get());
   ORX_LOG(Orx::Log::kError, "The event loop has ended: %s",
           stdext::error_number_and_text(errno).c_str());
-}
-
-// On failure `errno` tells why.
-bool AgentHost::Listen(const std::string& address) {
-  stdext::descriptor socket(OpenListeningSocket(address, listenPort_));
-  if (!socket.is_open()) {
-    return false;
-  }
-  evconnlistener* const listener =
-      evconnlistener_new(base_.get(), nullptr, nullptr,
-                         LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 0, socket.get());
-  if (listener == nullptr) {
-    return false;
-  }
-  socket.release();  // the listener owns it now
-  evconnlistener_set_error_cb(listener, OnAcceptError);
-  if (evhttp_bind_listener(http_.get(), listener) == nullptr) {
-    evconnlistener_free(listener);
-    return false;
-  }
-  return true;
-}
-
-// The connection goes on waiting in the backlog; without a pause accept would fail again at once,
-// for ever.
-void AgentHost::PauseAccepting(evconnlistener* listener) {
-  const int errnum = errno;
-  if (event_base_once(evconnlistener_get_base(listener), -1, EV_TIMEOUT, OnAcceptPauseEnd, listener,
-                      &kAcceptPause) == 0) {
-    evconnlistener_disable(listener);
-  }
-  ORX_LOG(Orx::Log::kError, "Failed to accept a connection: %s",
-          stdext::error_number_and_text(errnum).c_str());
-}
-
-void AgentHost::ResumeAccepting(evconnlistener* listener) {
-  if (evconnlistener_enable(listener) != 0) {
-    ORX_LOG(Orx::Log::kError, "Failed to accept connections again");
-  }
 }
 
 void AgentHost::BindSrcAddr(const std::string& addr) {
@@ -235,7 +162,7 @@ void AgentHost::Invoke() {
     addrs.swap(pendingAddrs_);
   }
   for (const std::string& addr : addrs) {
-    if (!Listen(addr)) {
+    if (!sockets_->Listen(addr, listenPort_)) {
       ORX_LOG(Orx::Log::kError, "Failed to bind endpoint '%s:%d' as errno %d", addr.c_str(),
               listenPort_, errno);
       continue;

@@ -11,11 +11,14 @@
 #include <event2/http.h>
 
 #include "agent/client_table.h"
+#include "agent/forwarder.h"
+#include "agent/limits.h"
+#include "agent/listening_socket.h"
 
 struct bufferevent;
+struct evbuffer;
 struct event;
 struct event_base;
-struct evconnlistener;
 struct ssl_ctx_st;
 
 namespace Orx {
@@ -26,14 +29,6 @@ namespace tavlo {
 
 /// The name of each HTTP method that libevent knows.
 extern const std::map<evhttp_cmd_type, const char*> kMethodNames;
-
-/// The largest request body that is accepted, in bytes.
-constexpr size_t kMaxRequestBody = 32768;
-
-/// How many requests of one listener may be under way to the SDK REST host, one of them sent and
-/// the others waiting. When a connection fails, libevent starts each waiting request from within
-/// the failure of the one before; this bounds that recursion.
-constexpr size_t kMaxForwardings = 100;
 
 /// The reason of a 500 whose cause only the log tells.
 constexpr const char* kInternalError = "Internal error";
@@ -73,32 +68,24 @@ class AgentHost {
   void SetPairingKey(const std::string& key);
 
  private:
-  // A request that is not answered yet, as libevent's callbacks get it.
-  struct Waiting {
+  // A request that is taken up in the next turn of the loop.
+  struct DelayedRequest {
     AgentHost* host;
     evhttp_request* request;
   };
 
-  // What libevent calls; the last argument is the host, or a Waiting.
+  // What libevent calls; the last argument is the host, or a DelayedRequest.
   static void OnInvokerEvent(evutil_socket_t, short, void* host);
   static void OnHeartbeatEvent(evutil_socket_t, short, void* host);
   static bufferevent* OnConnection(event_base* base, void* argument);
   static void OnRequest(evhttp_request* req, void* host);
-  static void OnDelayedRequest(evutil_socket_t, short, void* waiting);
-  static void OnReply(evhttp_request* reply, void* waiting);
-  static void OnDisconnect(evhttp_connection* connection, void* host);
-  static void OnAcceptError(evconnlistener* listener, void*);
-  static void OnAcceptPauseEnd(evutil_socket_t, short, void* listener);
+  static void OnDelayedRequest(evutil_socket_t, short, void* delayed);
 
   void InitServer();
   void MakeHttpServer();
-  void MakeConnection();
   void InitSsl();
   void InitHeartbeating();
 
-  bool Listen(const std::string& address);
-  static void PauseAccepting(evconnlistener* listener);
-  static void ResumeAccepting(evconnlistener* listener);
   // Binds the pending addresses, on the loop thread; has nothing to do with `invoker_`.
   void Invoke();
 
@@ -115,13 +102,15 @@ class AgentHost {
 
   bool CallHook(const std::string& uri, evhttp_cmd_type method, const std::string& data,
                 bool* terminated);
-  void Forward(evhttp_request* req, const std::string& uri, evhttp_cmd_type method);
-  void SetUpConnection();
-  void EndStaleConnection();
-  void EndConnectionWithMore();
-  void FinishForwarding(evhttp_request* reply, evhttp_request* client);
-  static void RelayReply(evhttp_request* reply, evhttp_request* client);
+  void FinishForwarding(evhttp_request* req, Forwarder::Outcome outcome, evhttp_request* reply);
+  void RelayReply(evhttp_request* req, evhttp_request* reply);
+  void RefuseForwarded(evhttp_request* req, Forwarder::Outcome outcome);
   void ApiGetMac(evhttp_request* req);
+
+  // Each request ends in one of these two. They hand it over to libevent: it may be gone
+  // afterwards.
+  void Answer(evhttp_request* req, int status, const char* reason, evbuffer* body);
+  void Refuse(evhttp_request* req, int status, const char* reason);
 
   Orx::HookInvoker* invoker_;
   bool secure_;
@@ -134,16 +123,16 @@ class AgentHost {
   std::string keyFile_;
   std::string deviceDiscoveryPath_;
   std::function<void()> heartbeat_;
-  // Destroyed in reverse order: TLS context, connection, server, the table of its clients, events,
-  // and last the loop that they live on.
+  // Destroyed in reverse order: TLS context, what goes over the connection, the connection, sockets
+  // and server, the table of its clients, events, and last the loop that they live on.
   std::shared_ptr<event_base> base_;
   std::shared_ptr<event> invokerEvent_;
   std::shared_ptr<event> heartbeatEvent_;
   std::unique_ptr<ClientTable> clients_;
   std::shared_ptr<evhttp> http_;
-  std::map<evhttp_request*, Waiting> forwardings_;  // by the client's request
+  std::unique_ptr<ListeningSockets> sockets_;
   std::shared_ptr<evhttp_connection> evcon_;
-  int setUpFd_ = -1;  // the descriptor of that connection, once its options are set
+  std::unique_ptr<Forwarder> forwarder_;
   std::shared_ptr<ssl_ctx_st> sslCtx_;
   bool certificateLoaded_ = false;
   std::mutex mutex_;  // guards what follows

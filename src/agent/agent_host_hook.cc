@@ -2,17 +2,18 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <utility>
 
 #include <event2/buffer.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "agent/agent_host.h"
 #include "hooks/hook_invoker.h"
 #include "util/descriptor.h"
 #include "util/error_text.h"
+#include "util/fair_mutex.h"
 #include "util/log.h"
 #include "util/retry.h"
 
@@ -23,10 +24,7 @@ namespace {
 // Replaces the content of the file; on failure `errno` tells why. What the file held before is cut
 // off only when the rest is written.
 bool WriteFile(const std::string& path, const std::string& data) {
-  // Opening a FIFO that nobody reads must not block, should a script have put one there; to a
-  // regular file the last flag makes no difference.
-  const stdext::descriptor file(stdext::retry_on_interrupt(
-      [&] { return ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0664); }));
+  const stdext::descriptor file(stdext::open_only_here(path.c_str(), 0, 0664));
   if (!file.is_open()) {
     return false;
   }
@@ -40,6 +38,13 @@ bool WriteFile(const std::string& path, const std::string& data) {
     return false;
   }
   return ::ftruncate(file.get(), static_cast<off_t>(data.size())) == 0;
+}
+
+// All hosts have the one body file: whoever writes it holds this until it is removed, so that the
+// scripts judge the very body that is forwarded.
+stdext::fair_mutex& BodyFileMutex() {
+  static stdext::fair_mutex mutex;
+  return mutex;
 }
 
 // Removes the body file however the hook ends.
@@ -62,11 +67,11 @@ bool AgentHost::OfferToHook(evhttp_request* req, const std::string& uri, evhttp_
   evbuffer_copyout(body, data.data(), data.size());
   bool terminated = false;
   if (!CallHook(uri, method, data, &terminated)) {
-    evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
+    Refuse(req, HTTP_INTERNAL, kInternalError);
     return false;
   }
   if (terminated) {
-    evhttp_send_reply(req, HTTP_OK, "OK", nullptr);
+    Answer(req, HTTP_OK, "OK", nullptr);
     return false;
   }
   return true;
@@ -81,6 +86,7 @@ bool AgentHost::CallHook(const std::string& uri, evhttp_cmd_type method, const s
   if (data.empty()) {
     status = invoker_->Agent(methodName, uri, std::string(), &exitCode);
   } else {
+    const std::lock_guard<stdext::fair_mutex> lock(BodyFileMutex());
     if (!WriteFile(agentDataPath_, data)) {
       ORX_LOG(Orx::Log::kError, "Failed to write file %s: %s", agentDataPath_.c_str(),
               stdext::error_number_and_text(errno).c_str());

@@ -1,6 +1,7 @@
 // GET /api/mac: the MAC address of the asking client, looked up in the device list file.
 
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include <event2/buffer.h>
@@ -8,6 +9,7 @@
 
 #include "agent/agent_host.h"
 #include "agent/device_list.h"
+#include "util/fair_mutex.h"
 #include "util/file.h"
 #include "util/log.h"
 
@@ -15,14 +17,21 @@ namespace tavlo {
 
 namespace {
 
-constexpr unsigned long kMaxDeviceListSize = 1048576;
 constexpr const char* kGetJsonFromFile =
     "bool tavlo::{anonymous}::GetJsonFromFile(const std::string&, rapidjson::Document*)";
 
+// The file's own lock keeps the hosts apart too, but whoever finds it taken sleeps for 100 ms. They
+// take turns before it comes to that: it is for other processes.
+stdext::fair_mutex& DeviceListMutex() {
+  static stdext::fair_mutex mutex;
+  return mutex;
+}
+
 bool GetJsonFromFile(const std::string& path, DeviceList* doc) {
+  const std::lock_guard<stdext::fair_mutex> lock(DeviceListMutex());
   const stdext::file file(path);
   std::string text;
-  const Orx::Status status = file.read(kMaxDeviceListSize, &text);
+  const Orx::Status status = file.read(stdext::kMaxFileSize, &text);
   if (!status.IsOk()) {
     Orx::Log::Message2(Orx::Log::kError, kGetJsonFromFile, "File can not be read: %s. Error: %s",
                        path.c_str(), status.Message().c_str());
@@ -44,35 +53,30 @@ std::string PeerAddress(evhttp_request* req) {
   return address;
 }
 
-void SendText(evhttp_request* req, const std::string& text) {
-  const std::string length = std::to_string(text.size());
-  const std::unique_ptr<evbuffer, decltype(&evbuffer_free)> body(evbuffer_new(), evbuffer_free);
-  if (body == nullptr || evbuffer_add(body.get(), text.data(), text.size()) != 0) {
-    evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
-    return;
-  }
-  evkeyvalq* const headers = evhttp_request_get_output_headers(req);
-  evhttp_add_header(headers, "Content-Type", "text/plain; charset=UTF-8");
-  evhttp_add_header(headers, "Content-Length", length.c_str());
-  evhttp_send_reply(req, HTTP_OK, "OK", body.get());
-}
-
 }  // namespace
 
 void AgentHost::ApiGetMac(evhttp_request* req) {
   const std::string ip = PeerAddress(req);
   DeviceList doc;
   if (!GetJsonFromFile(deviceDiscoveryPath_, &doc)) {
-    evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
+    Refuse(req, HTTP_INTERNAL, kInternalError);
     return;
   }
   const std::string mac = FindMac(doc, ip);
   if (mac.empty()) {
     ORX_LOG(Orx::Log::kError, "No MAC found for IP: %s", ip.c_str());
-    evhttp_send_error(req, HTTP_INTERNAL, kInternalError);
+    Refuse(req, HTTP_INTERNAL, kInternalError);
     return;
   }
-  SendText(req, mac);
+  const std::unique_ptr<evbuffer, decltype(&evbuffer_free)> body(evbuffer_new(), evbuffer_free);
+  if (body == nullptr || evbuffer_add(body.get(), mac.data(), mac.size()) != 0) {
+    Refuse(req, HTTP_INTERNAL, kInternalError);
+    return;
+  }
+  evkeyvalq* const headers = evhttp_request_get_output_headers(req);
+  evhttp_add_header(headers, "Content-Type", "text/plain; charset=UTF-8");
+  evhttp_add_header(headers, "Content-Length", std::to_string(mac.size()).c_str());
+  Answer(req, HTTP_OK, "OK", body.get());
 }
 
 }  // namespace tavlo

@@ -115,7 +115,8 @@ bufferevent* AgentHost::SslConnect() {
                            base_.get(), -1, ssl, BUFFEREVENT_SSL_ACCEPTING, BEV_OPT_CLOSE_ON_FREE);
   if (connection == nullptr) {
     ERR_clear_error();
-    ORX_LOG(Orx::Log::kError, "Failed to create openssl socket");
+    Orx::Log::Message2(Orx::Log::kError, "bufferevent* tavlo::AgentHost::SslConnect",
+                       "Failed to create openssl socket");
   }
   return connection;
 }

@@ -1,97 +1,139 @@
 #include "agent/client_table.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
-#include <string>
 
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
+#include <event2/bufferevent_ssl.h>
 #include <event2/event.h>
 #include <event2/http.h>
+#include <openssl/ssl.h>
 
 #include "agent/callback_guard.h"
+#include "agent/limits.h"
+#include "agent/request_memory.h"
 #include "util/log.h"
 
 namespace tavlo {
 
 namespace {
 
-// What libevent allocates for a header, however short its line, in bytes.
-constexpr size_t kHeaderOverhead = 100;
+constexpr const char* kTooManyConnections = "too many connections";
+constexpr const char* kTooMuchUnfinished = "unfinished requests take too much memory";
+constexpr const char* kTooMuchUntaken = "unread answers take too much memory";
 
-static_assert(kMaxUnfinished > kMaxHeadSize + kMaxReceivedBody + kMaxLines * kHeaderOverhead,
-              "one request by itself must fit");
+// What libevent takes for a line that it does not know; in whatever state of a request it meets it,
+// it refuses the request and ends the connection.
+constexpr char kNoHttp[] = "refused\r\n";
 
-size_t CountLines(const char* text, size_t length) {
-  size_t lines = 0;
-  const char* const end = text + length;
-  // Faster than looking at each character by far: most of what comes is a body of long lines.
-  while (const void* const found = std::memchr(text, '\n', static_cast<size_t>(end - text))) {
-    text = static_cast<const char*>(found) + 1;
-    ++lines;
+std::shared_ptr<event> MakeEvent(event_base* base, event_callback_fn callback, ClientTable* table) {
+  event* const made = event_new(base, -1, 0, callback, table);
+  if (made == nullptr) {
+    throw std::runtime_error("Failed to init client event errno " + std::to_string(errno));
   }
-  return lines;
+  return {made, event_free};
 }
 
-// Counts the line feeds in the last `added` bytes. Any line may be a header: libevent does not tell
-// how far it has parsed.
-size_t CountLines(evbuffer* input, size_t length, size_t added) {
-  evbuffer_ptr start;
-  if (evbuffer_ptr_set(input, &start, length - added, EVBUFFER_PTR_SET) != 0) {
-    return 0;
-  }
-  size_t lines = 0;
+evbuffer* InputOf(evhttp_connection* connection) {
+  return bufferevent_get_input(evhttp_connection_get_bufferevent(connection));
+}
+
+evbuffer* OutputOf(evhttp_connection* connection) {
+  return bufferevent_get_output(evhttp_connection_get_bufferevent(connection));
+}
+
+void StopReading(evhttp_connection* connection) {
+  bufferevent_disable(evhttp_connection_get_bufferevent(connection), EV_READ);
+}
+
+// libevent would abort the process if it were told of input while a request is answered, as TLS
+// may do, which has to read for a write. It sets the callback again for the next request.
+void IgnoreInput(evhttp_connection* connection) {
+  bufferevent* const stream = evhttp_connection_get_bufferevent(connection);
+  bufferevent_data_cb onWritten = nullptr;
+  bufferevent_event_cb onEvent = nullptr;
+  void* argument = nullptr;
+  bufferevent_getcb(stream, nullptr, &onWritten, &onEvent, &argument);
+  bufferevent_setcb(stream, nullptr, onWritten, onEvent, argument);
+}
+
+// Shows the framing the last `added` bytes. Returns how many bytes of the buffer there are up to
+// the end of what it has looked at.
+size_t Show(RequestFraming* framing, evbuffer* input, size_t added) {
+  size_t shown = evbuffer_get_length(input) - added;
+  evbuffer_ptr place;
   evbuffer_iovec piece;
-  while (evbuffer_peek(input, -1, &start, &piece, 1) > 0) {
-    lines += CountLines(static_cast<const char*>(piece.iov_base), piece.iov_len);
-    if (evbuffer_ptr_set(input, &start, piece.iov_len, EVBUFFER_PTR_ADD) != 0) {
+  if (added == 0 || evbuffer_ptr_set(input, &place, shown, EVBUFFER_PTR_SET) != 0) {
+    return shown;
+  }
+  while (framing->Fault() == nullptr && evbuffer_peek(input, -1, &place, &piece, 1) > 0) {
+    framing->Take(static_cast<const char*>(piece.iov_base), piece.iov_len);
+    shown += piece.iov_len;
+    if (evbuffer_ptr_set(input, &place, piece.iov_len, EVBUFFER_PTR_ADD) != 0) {
       break;
     }
   }
-  return lines;
+  return shown;
+}
+
+// The status in the first line of an answer; 0 when the bytes are none.
+int StatusAt(evbuffer* output, size_t offset) {
+  std::array<char, sizeof "HTTP/1.1 413 "> line = {};
+  evbuffer_ptr place;
+  int status = 0;
+  if (evbuffer_ptr_set(output, &place, offset, EVBUFFER_PTR_SET) != 0 ||
+      evbuffer_copyout_from(output, &place, line.data(), line.size() - 1) < 0 ||
+      std::sscanf(line.data(), "HTTP/%*d.%*d %d", &status) != 1) {
+    return 0;
+  }
+  return status;
 }
 
 }  // namespace
 
 void ClientTable::OnLater(evutil_socket_t, short, void* table) {
   auto* const self = static_cast<ClientTable*>(table);
-  self->EndCut();
   for (bufferevent* const connection : self->newConnections_) {
     RunGuarded(__PRETTY_FUNCTION__, [&] { self->TakeIn(connection); });
     bufferevent_decref(connection);
   }
   self->newConnections_.clear();
+  self->EndMarked();
+}
+
+void ClientTable::OnReportTime(evutil_socket_t, short, void* table) {
+  static_cast<ClientTable*>(table)->Report();
 }
 
 void ClientTable::OnInput(evbuffer* input, const evbuffer_cb_info* change, void* client) {
   if (change->n_added > 0) {
     auto* const self = static_cast<Client*>(client);
-    self->table->Count(self, input, change->n_added);
+    RunGuarded(__PRETTY_FUNCTION__, [&] { self->table->TakeInput(self, input, change->n_added); });
+  }
+}
+
+void ClientTable::OnOutput(evbuffer* output, const evbuffer_cb_info* change, void* client) {
+  auto* const self = static_cast<Client*>(client);
+  if (change->n_added > 0 && self->state == State::kReceiving) {
+    RunGuarded(__PRETTY_FUNCTION__,
+               [&] { self->table->OnLibraryOutput(self, StatusAt(output, change->orig_size)); });
   }
 }
 
 void ClientTable::OnClose(evhttp_connection* connection, void* table) {
-  auto* const self = static_cast<ClientTable*>(table);
-  const auto found = self->clients_.find(connection);
-  if (found == self->clients_.end()) {
-    return;
-  }
-  Client& client = found->second;
-  evbuffer_remove_cb(bufferevent_get_input(evhttp_connection_get_bufferevent(connection)), OnInput,
-                     &client);
-  self->SetUnfinished(&client, 0);
-  self->clients_.erase(found);
+  static_cast<ClientTable*>(table)->Forget(connection);
 }
 
-ClientTable::ClientTable(event_base* base) {
-  event* const made = event_new(base, -1, 0, OnLater, this);
-  if (made == nullptr) {
-    throw std::runtime_error("Failed to init client event errno " + std::to_string(errno));
-  }
-  laterEvent_.reset(made, event_free);
-}
+ClientTable::ClientTable(event_base* base, size_t maxClients, size_t maxUnfinished)
+    : maxClients_(maxClients),
+      maxUnfinished_(maxUnfinished),
+      laterEvent_(MakeEvent(base, OnLater, this)),
+      reportEvent_(MakeEvent(base, OnReportTime, this)) {}
 
 // libevent sets the connection up only when this has returned, so the rest waits until then. The
 // reference keeps the connection in memory even if that fails.
@@ -108,137 +150,360 @@ void ClientTable::TakeIn(bufferevent* connection) {
   if (argument == nullptr) {
     return;  // it has ended
   }
-  if (clients_.size() >= kMaxClients) {
-    EndLongestWaiting();
-  }
   auto* const served = static_cast<evhttp_connection*>(argument);
-  Client& client = clients_[served];
+  char* peer = nullptr;
+  uint16_t port = 0;
+  evhttp_connection_get_peer(served, &peer, &port);
+
+  Clients entry(1);
+  Client& client = entry.front();
+  client.address = &*addresses_.try_emplace(peer).first;
+  byConnection_.emplace(served, entry.begin());
+  // From here on nothing throws.
   client.table = this;
   client.connection = served;
-  client.turn = ++turns_;
+  if (bufferevent_openssl_get_ssl(connection) != nullptr) {
+    client.isInHandshake = true;
+    client.stream = kHandshakeSize;
+  }
+  ++client.address->second.connections;
+  clients_.splice(clients_.end(), entry);
   evhttp_connection_set_closecb(served, OnClose, this);
   evbuffer_add_cb(bufferevent_get_input(connection), OnInput, &client);
+  evbuffer_add_cb(bufferevent_get_output(connection), OnOutput, &client);
+  MakeRoomForConnection(&client);
+  Recount(&client);
+  MakeRoomForInput(&client);
 }
 
-void ClientTable::Count(Client* client, evbuffer* input, size_t added) {
-  const size_t length = evbuffer_get_length(input);
-  if (client->isCut) {
-    evbuffer_drain(input, length);
+void ClientTable::Forget(evhttp_connection* connection) {
+  const auto found = byConnection_.find(connection);
+  if (found == byConnection_.end()) {
     return;
   }
-  if (client->isHeld) {
-    return;  // a little that TLS had to read for a write
+  const auto client = found->second;
+  evbuffer_remove_cb(InputOf(connection), OnInput, &*client);
+  evbuffer_remove_cb(OutputOf(connection), OnOutput, &*client);
+  if (client->isEnding) {
+    --ending_;
+  } else {
+    CountNoMore(&*client);
   }
-  const size_t lines = CountLines(input, length, added);
-  SetUnfinished(client, client->unfinished + added + lines * kHeaderOverhead);
-  if (unfinished_ > kMaxUnfinished) {
-    EndLargest(client);
+  byConnection_.erase(found);
+  clients_.erase(client);
+}
+
+ClientTable::Client* ClientTable::Find(evhttp_connection* connection) {
+  const auto found = byConnection_.find(connection);
+  return found == byConnection_.end() ? nullptr : &*found->second;
+}
+
+void ClientTable::TakeInput(Client* client, evbuffer* input, size_t added) {
+  if (client->isEnding) {
+    evbuffer_drain(input, evbuffer_get_length(input));
+    return;
   }
+  LookAtAnswer(client);
+  if (client->isOver && client->state == State::kReceiving) {
+    End(client);  // it was refused; libevent leaves the connection of a CONNECT open
+    return;
+  }
+  if (client->state != State::kReceiving || client->isRefused) {
+    StopReading(client->connection);  // what is here already is bounded by what one read takes
+  }
+  EndHandshake(client);
+  client->incoming += added;
+  if (!client->isRefused) {
+    const size_t shown = Show(&client->framing, input, added);
+    if (client->framing.Fault() != nullptr) {
+      Refuse(client, input, shown - client->framing.Unsound());
+    }
+  }
+  Recount(client);
+  MakeRoomForInput(client);
+}
+
+// What is sound of the input is left to libevent, which has not read what follows.
+void ClientTable::Refuse(Client* client, evbuffer* input, size_t sound) {
+  ORX_LOG(Orx::Log::kInfo, "A request of %s is refused: %s", client->address->first.c_str(),
+          client->framing.Fault());
+  client->isRefused = true;
+  StopReading(client->connection);
+  const std::unique_ptr<evbuffer, decltype(&evbuffer_free)> rest(evbuffer_new(), evbuffer_free);
+  evbuffer_remove_buffer(input, rest.get(), sound);
+  evbuffer_add(rest.get(), kNoHttp, sizeof kNoHttp - 1);
+  evbuffer_drain(input, evbuffer_get_length(input));
+  evbuffer_prepend_buffer(input, rest.get());
+}
+
+// libevent answers by itself what it cannot read, or has no method for. A "100 Continue" is no
+// answer.
+void ClientTable::OnLibraryOutput(Client* client, int status) {
+  if (client->isEnding || status <= 100) {
+    return;
+  }
+  ORX_LOG(Orx::Log::kInfo, "Answered %d to a request of %s that was not taken up", status,
+          client->address->first.c_str());
+  client->state = State::kWriting;
+  client->progressTime = {};
+  if (status == HTTP_NOTIMPLEMENTED) {
+    BeginNextRequest(client);  // after a CONNECT others may follow
+    return;
+  }
+  // Where the next request would begin nobody knows.
+  client->isRefused = true;
+  client->isOver = true;
+  evbuffer* const input = InputOf(client->connection);
+  evbuffer_drain(input, evbuffer_get_length(input));
+}
+
+void ClientTable::OnRequest(evhttp_request* request) {
+  evhttp_connection* const connection = evhttp_request_get_connection(request);
+  Client* const client = Find(connection);
+  if (client == nullptr) {
+    return;
+  }
+  const bool isLarge = client->unfinished > client->stream + kWorthDropping;
+  IgnoreInput(connection);
+  client->state = State::kAnswering;
+  client->request = SizeOf(request);
+  SetUntaken(client, 0);
+  MoveToEnd(client);
+  BeginNextRequest(client);
+  if (isLarge) {
+    DropHeaders(request);
+  }
+}
+
+void ClientTable::OnAnswer(evhttp_connection* connection) {
+  Client* const client = Find(connection);
+  if (client == nullptr) {
+    return;
+  }
+  // libevent goes on reading from a client that it writes to, to see it go. Requests that come
+  // meanwhile would be held without a limit, and a client that has sent its last would lose the
+  // answer.
+  StopReading(connection);
+  client->state = State::kWriting;
+  client->progressTime = {};
+  client->request = 0;
+  Recount(client);
+  SetUntaken(client, evbuffer_get_length(OutputOf(connection)));
+  MoveToEnd(client);
 }
 
 // What has come behind a request is of the next one.
-void ClientTable::CountRest(Client* client) {
-  evbuffer* const input =
-      bufferevent_get_input(evhttp_connection_get_bufferevent(client->connection));
-  SetUnfinished(client, 0);
-  Count(client, input, evbuffer_get_length(input));
-}
-
-void ClientTable::SetUnfinished(Client* client, size_t bytes) {
-  unfinished_ += bytes - client->unfinished;
-  client->unfinished = bytes;
-}
-
-void ClientTable::OnRequest(evhttp_connection* connection) {
-  const auto found = clients_.find(connection);
-  if (found != clients_.end()) {
-    found->second.turn = ++turns_;
-    CountRest(&found->second);
+void ClientTable::BeginNextRequest(Client* client) {
+  evbuffer* const input = InputOf(client->connection);
+  const size_t length = evbuffer_get_length(input);
+  client->framing = RequestFraming();
+  client->incoming = 0;
+  if (length > 0) {
+    TakeInput(client, input, length);
+  } else {
+    Recount(client);
   }
 }
 
-void ClientTable::Hold(evhttp_connection* connection) {
-  const auto found = clients_.find(connection);
-  if (found == clients_.end()) {
+void ClientTable::MoveToEnd(Client* client) {
+  clients_.splice(clients_.end(), clients_, byConnection_.at(client->connection));
+}
+
+void ClientTable::Recount(Client* client) {
+  if (client->isEnding) {
     return;
   }
-  found->second.isHeld = true;
-  SetUnfinished(&found->second, 0);
-  // libevent would abort the process if it were told of input now, as TLS may do.
-  bufferevent* const stream = evhttp_connection_get_bufferevent(connection);
-  bufferevent_data_cb onWritten = nullptr;
-  bufferevent_event_cb onEvent = nullptr;
-  void* argument = nullptr;
-  bufferevent_getcb(stream, nullptr, &onWritten, &onEvent, &argument);
-  bufferevent_setcb(stream, nullptr, onWritten, onEvent, argument);
+  const size_t bytes = client->isInHandshake ? kHandshakeSize
+                                             : client->request + client->incoming +
+                                                   client->framing.Lines() * kHeaderOverhead;
+  const size_t change = bytes - client->unfinished;  // wraps around where it is less
+  client->unfinished = bytes;
+  client->address->second.unfinished += change;
+  unfinished_ += change;
 }
 
-void ClientTable::Release(evhttp_connection* connection) {
-  const auto found = clients_.find(connection);
-  if (found != clients_.end()) {
-    Client& client = found->second;
-    client.isHeld = false;
-    client.turn = ++turns_;
-    CountRest(&client);
-    if (client.isCut) {
-      event_active(laterEvent_.get(), 0, 0);
+void ClientTable::SetUntaken(Client* client, size_t bytes) {
+  const size_t change = bytes - client->untaken;
+  client->untaken = bytes;
+  client->address->second.untaken += change;
+  untaken_ += change;
+}
+
+// It is gone, or will be in a moment.
+void ClientTable::CountNoMore(Client* client) {
+  Address& address = client->address->second;
+  address.unfinished -= client->unfinished;
+  address.untaken -= client->untaken;
+  unfinished_ -= client->unfinished;
+  untaken_ -= client->untaken;
+  client->unfinished = 0;
+  client->untaken = 0;
+  if (--address.connections == 0) {
+    addresses_.erase(client->address->first);
+  }
+  client->address = nullptr;
+}
+
+void ClientTable::EndHandshake(Client* client) {
+  if (client->isInHandshake) {
+    client->isInHandshake = false;
+    client->stream = kTlsConnectionSize;
+  }
+}
+
+// Where answers take much, requests may take less.
+size_t ClientTable::UnfinishedBound() const {
+  return untaken_ > kMaxUntaken / 2 ? maxUnfinished_ / 4 : maxUnfinished_;
+}
+
+void ClientTable::LookAtHandshakes() {
+  for (Client& client : clients_) {
+    if (client.isInHandshake && SSL_is_init_finished(bufferevent_openssl_get_ssl(
+                                    evhttp_connection_get_bufferevent(client.connection)))) {
+      EndHandshake(&client);
+      Recount(&client);
     }
   }
 }
 
-void ClientTable::StopReading(evhttp_connection* connection) {
-  if (clients_.count(connection) != 0) {
-    bufferevent_disable(evhttp_connection_get_bufferevent(connection), EV_READ);
+void ClientTable::LookAtAnswers() {
+  for (Client& client : clients_) {
+    LookAtAnswer(&client);
   }
 }
 
-void ClientTable::EndLongestWaiting() {
-  Client* longest = nullptr;
-  for (auto& entry : clients_) {
-    Client& client = entry.second;
-    if (!client.isHeld && (longest == nullptr || client.turn < longest->turn)) {
-      longest = &client;
+void ClientTable::LookAtAnswer(Client* client) {
+  if (client->state != State::kWriting || client->isEnding) {
+    return;
+  }
+  const size_t left = evbuffer_get_length(OutputOf(client->connection));
+  if (left == 0) {
+    client->state = State::kReceiving;
+  } else if (left != client->untaken || client->progressTime == Clock::time_point()) {
+    client->progressTime = Clock::now();
+  }
+  SetUntaken(client, left);
+}
+
+size_t ClientTable::RoomForAnswer(const std::string& address) {
+  if (untaken_ > kMaxUntaken) {
+    MakeRoomForAnswers();
+  }
+  if (untaken_ <= kMaxUntaken) {
+    return kMaxReplyBody;
+  }
+  const size_t largest =
+      std::max_element(clients_.begin(), clients_.end(), [](const Client& a, const Client& b) {
+        return a.untaken < b.untaken;
+      })->untaken;
+  const bool holdsMost = LargestAddress(&Address::untaken)->first == address;
+  const size_t bound = kMaxUntaken + largest + (holdsMost ? 0 : kReservedBytes);
+  return bound > untaken_ ? std::min(bound - untaken_, kMaxReplyBody) : 0;
+}
+
+void ClientTable::MakeRoomForConnection(Client* latest) {
+  while (clients_.size() - ending_ > maxClients_) {
+    const AddressEntry* const most = LargestAddress(&Address::connections);
+    Client* victim = LongestWaiting(most, nullptr);
+    if (victim == nullptr) {
+      if (most != latest->address && clients_.size() - ending_ <= maxClients_ + kReservedClients) {
+        return;
+      }
+      victim = latest;
     }
-  }
-  if (longest != nullptr) {
-    ORX_LOG(Orx::Log::kInfo, "Too many connections: the one that waited longest is ended");
-    evhttp_connection_free(longest->connection);
+    EndForRoom(victim, kTooManyConnections);
   }
 }
 
-// `reading` is the client whose input is being read. One that is held is never the largest: nothing
-// of it is counted.
-void ClientTable::EndLargest(Client* reading) {
-  Client& largest =
-      std::max_element(clients_.begin(), clients_.end(), [](const auto& a, const auto& b) {
-        return a.second.unfinished < b.second.unfinished;
-      })->second;
-  ORX_LOG(Orx::Log::kInfo, "Unfinished requests take too much memory: the largest is ended");
-  if (&largest == reading) {
-    Cut(reading);
-  } else {
-    evhttp_connection_free(largest.connection);
+void ClientTable::MakeRoomForInput(Client* reading) {
+  if (unfinished_ > UnfinishedBound()) {
+    LookAtHandshakes();
+    LookAtAnswers();
+  }
+  const size_t bound = UnfinishedBound();
+  while (unfinished_ > bound) {
+    const AddressEntry* const most = LargestAddress(&Address::unfinished);
+    Client* victim = LongestWaiting(most, &Client::unfinished);
+    if (victim == nullptr) {
+      const bool mayUseReserve = most != reading->address && unfinished_ <= bound + kReservedBytes;
+      if (mayUseReserve || !MayEnd(reading)) {
+        return;
+      }
+      victim = reading;
+    }
+    EndForRoom(victim, kTooMuchUnfinished);
   }
 }
 
-// libevent cannot cope with the freeing of a connection that it is reading from.
-void ClientTable::Cut(Client* client) {
-  client->isCut = true;
-  SetUnfinished(client, 0);
-  evbuffer* const input =
-      bufferevent_get_input(evhttp_connection_get_bufferevent(client->connection));
+void ClientTable::MakeRoomForAnswers() {
+  LookAtAnswers();
+  while (untaken_ > kMaxUntaken) {
+    Client* const victim = LongestWaiting(LargestAddress(&Address::untaken), &Client::untaken);
+    if (victim == nullptr) {
+      return;
+    }
+    EndForRoom(victim, kTooMuchUntaken);
+  }
+}
+
+ClientTable::AddressEntry* ClientTable::LargestAddress(size_t Address::*measure) {
+  return &*std::max_element(
+      addresses_.begin(), addresses_.end(),
+      [&](const auto& a, const auto& b) { return a.second.*measure < b.second.*measure; });
+}
+
+ClientTable::Client* ClientTable::LongestWaiting(const AddressEntry* address,
+                                                 size_t Client::*measure) {
+  const auto found = std::find_if(clients_.begin(), clients_.end(), [&](Client& client) {
+    return client.address == address && (measure == nullptr || client.*measure > 0) &&
+           MayEnd(&client);
+  });
+  return found == clients_.end() ? nullptr : &*found;
+}
+
+bool ClientTable::MayEnd(Client* client) {
+  LookAtAnswer(client);
+  const bool isStalled =
+      client->state == State::kWriting && Clock::now() - client->progressTime >= kStalled;
+  return !client->isEnding && (client->state == State::kReceiving || isStalled);
+}
+
+void ClientTable::EndForRoom(Client* client, const char* reason) {
+  lastEnded_ = client->address->first;
+  lastReason_ = reason;
+  ++unreported_;
+  End(client);
+  Report();
+}
+
+// At the end of this turn of the loop: libevent cannot cope with the freeing of a connection that
+// it is reading from. What it holds of its request is let go at once.
+void ClientTable::End(Client* client) {
+  client->isEnding = true;
+  ++ending_;
+  CountNoMore(client);
+  evbuffer* const input = InputOf(client->connection);
   evbuffer_drain(input, evbuffer_get_length(input));
   event_active(laterEvent_.get(), 0, 0);
 }
 
-// One whose request waits stays until that has its answer: libevent would free the request as well.
-void ClientTable::EndCut() {
-  for (auto next = clients_.begin(); next != clients_.end();) {
-    const auto entry = next++;  // the end of a connection takes it out of the table
-    if (entry->second.isCut && !entry->second.isHeld) {
-      evhttp_connection_free(entry->first);
+void ClientTable::EndMarked() {
+  for (auto next = clients_.begin(); ending_ > 0 && next != clients_.end();) {
+    const Client& client = *next++;  // the end of a connection takes it out of the table
+    if (client.isEnding) {
+      evhttp_connection_free(client.connection);
     }
   }
+}
+
+void ClientTable::Report() {
+  if (unreported_ == 0 || event_pending(reportEvent_.get(), EV_TIMEOUT, nullptr) != 0) {
+    return;
+  }
+  ORX_LOG(Orx::Log::kInfo, "Ended %zu clients to make room, the last of %s: %s", unreported_,
+          lastEnded_.c_str(), lastReason_);
+  unreported_ = 0;
+  event_add(reportEvent_.get(), &kReportPeriod);
 }
 
 }  // namespace tavlo

@@ -1,10 +1,15 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
-#include <cstdint>
+#include <list>
 #include <map>
 #include <memory>
+#include <string>
+#include <unordered_map>
 #include <vector>
+
+#include "agent/request_framing.h"
 
 struct bufferevent;
 struct evbuffer;
@@ -12,88 +17,130 @@ struct evbuffer_cb_info;
 struct event;
 struct event_base;
 struct evhttp_connection;
+struct evhttp_request;
 
 namespace tavlo {
 
-/// The largest head of a request, its first line included, in bytes. A larger one is answered 400
-/// by libevent itself.
-constexpr size_t kMaxHeadSize = size_t{64} * 1024;
-
-/// The largest body that is taken in, in bytes. A larger one is answered 413 by libevent itself.
-constexpr size_t kMaxReceivedBody = size_t{4} * 1024 * 1024;
-
-/// How many connections one listener keeps.
-constexpr size_t kMaxClients = 128;
-
-/// What the unfinished requests of all clients of one listener may take, in bytes. A single request
-/// of any size fits, unless it has more than `kMaxLines` lines, or its body comes in chunks of a
-/// few bytes, whose framing counts too.
-constexpr size_t kMaxUnfinished = size_t{6} * 1024 * 1024;
-
-/// How many lines, of head and body, a request of the largest size may have. Any line may be a
-/// header, which takes much more memory than its bytes.
-constexpr size_t kMaxLines = 20000;
-
-/// The connections of one listener's clients, anybody in the LAN: limits how many there are and how
-/// much memory their unfinished requests take. A new connection beyond the limit ends the one that
-/// has waited longest since its last request, or since it connected; too much memory ends the one
-/// that takes most.
+/// The connections of one listener's clients, anybody in the LAN: what each of them makes the
+/// daemon hold is counted here, and bounded (limits.h). A client goes round in this order, and the
+/// three verbs tell the table how far it is:
+///
+///     Add ──> its request comes in ──> OnRequest ──> its answer is made ──> OnAnswer ──> it is
+///     written ──> the next request comes in ──> OnRequest ──> ...
+///
+/// When there is no room, of connections or of memory, the address that holds the most pays, with
+/// that connection of its own that has waited longest. One whose answer is being made or written is
+/// never ended, unless nothing of that answer has gone out for `kStalled` while its room is needed.
+///
+/// What is wrong with the framing of a request is refused here as well, before libevent parses it.
 ///
 /// Belongs to the thread of the event loop; outlives the HTTP server whose connections it is told.
 class ClientTable {
  public:
-  /// Throws std::runtime_error when the event cannot be made.
-  explicit ClientTable(event_base* base);
+  /// `maxClients` is how many connections it keeps, `maxUnfinished` what their unfinished requests
+  /// may take, in bytes. Throws std::runtime_error when an event cannot be made.
+  ClientTable(event_base* base, size_t maxClients, size_t maxUnfinished);
   ClientTable(const ClientTable&) = delete;
   ClientTable& operator=(const ClientTable&) = delete;
 
   /// A connection that the HTTP server is about to serve.
   void Add(bufferevent* connection);
 
-  /// Tells of a request that has come whole; what it takes is the host's from now on.
-  void OnRequest(evhttp_connection* connection);
+  /// A request has come whole: until its answer has been written nothing more is read from its
+  /// client, and what came with it that nobody needs any more is let go.
+  void OnRequest(evhttp_request* request);
 
-  /// The connection's request waits: from now on it is not ended to make room, and what should come
-  /// meanwhile is left where it is.
-  void Hold(evhttp_connection* connection);
+  /// The answer to the client's request has been handed to libevent. `connection` is null when the
+  /// client has gone meanwhile.
+  void OnAnswer(evhttp_connection* connection);
 
-  /// Ends that. `connection` is null when the client has gone meanwhile.
-  void Release(evhttp_connection* connection);
+  /// The largest answer, in bytes, that there is room for, for a client of `address`.
+  size_t RoomForAnswer(const std::string& address);
 
-  /// To be called once an answer has been handed to libevent, which goes on reading from a client
-  /// that it writes to, to see it go. Requests that come meanwhile would be held without a limit,
-  /// and a client that has sent its last would lose the answer. Reading begins again with the next
-  /// request. `connection` may be null, or have ended.
-  void StopReading(evhttp_connection* connection);
+  /// What clients have not taken of their answers, in bytes.
+  size_t Untaken() const { return untaken_; }
 
  private:
+  using Clock = std::chrono::steady_clock;
+
+  enum class State { kReceiving, kAnswering, kWriting };
+
+  // What the connections of one address hold.
+  struct Address {
+    size_t connections = 0;
+    size_t unfinished = 0;
+    size_t untaken = 0;
+  };
+  using AddressEntry = std::pair<const std::string, Address>;
+
   struct Client {
     ClientTable* table = nullptr;
     evhttp_connection* connection = nullptr;
-    uint64_t turn = 0;      // the larger, the later its last request
-    size_t unfinished = 0;  // what the request that is coming in takes, in bytes
-    bool isHeld = false;
-    bool isCut = false;
+    AddressEntry* address = nullptr;
+    State state = State::kReceiving;
+    size_t stream = 0;  // what OpenSSL takes for it, in bytes
+    bool isInHandshake = false;
+    bool isOver = false;             // libevent has refused its request, and nothing may follow
+    bool isRefused = false;          // for the framing of its request
+    bool isEnding = false;           // marked; it counts no more, and has no address
+    RequestFraming framing;          // of the request that is coming in
+    size_t incoming = 0;             // what has come since the last whole request, in bytes
+    size_t request = 0;              // what is kept of the whole request that is being answered
+    size_t unfinished = 0;           // what these two take, or a handshake does
+    size_t untaken = 0;              // of its answer, when that was looked at last
+    Clock::time_point progressTime;  // when it was seen first that it was no more than that
   };
+  using Clients = std::list<Client>;
 
   static void OnLater(int, short, void* table);
+  static void OnReportTime(int, short, void* table);
   static void OnInput(evbuffer* input, const evbuffer_cb_info* change, void* client);
+  static void OnOutput(evbuffer* output, const evbuffer_cb_info* change, void* client);
   static void OnClose(evhttp_connection* connection, void* table);
 
   void TakeIn(bufferevent* connection);
-  void Count(Client* client, evbuffer* input, size_t added);
-  void CountRest(Client* client);
-  void SetUnfinished(Client* client, size_t bytes);
-  void EndLongestWaiting();
-  void EndLargest(Client* reading);
-  void Cut(Client* client);
-  void EndCut();
+  void Forget(evhttp_connection* connection);
+  Client* Find(evhttp_connection* connection);
+  void TakeInput(Client* client, evbuffer* input, size_t added);
+  void Refuse(Client* client, evbuffer* input, size_t sound);
+  void OnLibraryOutput(Client* client, int status);
+  void BeginNextRequest(Client* client);
+  void MoveToEnd(Client* client);
 
+  void Recount(Client* client);
+  void SetUntaken(Client* client, size_t bytes);
+  void CountNoMore(Client* client);
+  static void EndHandshake(Client* client);
+  size_t UnfinishedBound() const;
+  void LookAtHandshakes();
+  void LookAtAnswers();
+  void LookAtAnswer(Client* client);
+
+  void MakeRoomForConnection(Client* latest);
+  void MakeRoomForInput(Client* reading);
+  void MakeRoomForAnswers();
+  AddressEntry* LargestAddress(size_t Address::*measure);
+  Client* LongestWaiting(const AddressEntry* address, size_t Client::*measure);
+  bool MayEnd(Client* client);
+  void EndForRoom(Client* client, const char* reason);
+  void End(Client* client);
+  void EndMarked();
+  void Report();
+
+  size_t maxClients_;
+  size_t maxUnfinished_;
   std::shared_ptr<event> laterEvent_;         // for what cannot be done within libevent's callbacks
+  std::shared_ptr<event> reportEvent_;        // pending while no line about ended clients is due
   std::vector<bufferevent*> newConnections_;  // references of our own
-  std::map<evhttp_connection*, Client> clients_;
-  uint64_t turns_ = 0;
+  std::map<std::string, Address> addresses_;
+  Clients clients_;  // the one that has waited longest since its last request comes first
+  std::unordered_map<evhttp_connection*, Clients::iterator> byConnection_;
   size_t unfinished_ = 0;  // of all clients
+  size_t untaken_ = 0;
+  size_t ending_ = 0;  // how many are marked to be ended in this turn of the loop
+  size_t unreported_ = 0;
+  std::string lastEnded_;
+  const char* lastReason_ = "";
 };
 
 }  // namespace tavlo

@@ -1,10 +1,11 @@
 #include "agent/libevent_log.h"
 
 #include <cerrno>
-#include <cstdlib>
 
 #include <event2/event.h>
 
+#include "agent/libevent_failure.h"
+#include "util/error_text.h"
 #include "util/log.h"
 
 namespace tavlo {
@@ -21,8 +22,10 @@ void OnMessage(int /*severity*/, const char* text) {
 }
 
 void OnFatalError(int code) {
-  Orx::Log::Message2(Orx::Log::kError, kFunction, "Fatal error %d", code);
-  std::abort();
+  const int errnum = errno;  // libevent's, mostly
+  Orx::Log::Message2(Orx::Log::kError, kFunction, "Fatal error %d: %s", code,
+                     stdext::error_number_and_text(errnum).c_str());
+  EndBecauseOfLibevent();
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <event2/event.h>
 
+#include "agent/libevent_failure.h"
 #include "util/log.h"
 
 namespace tavlo {
@@ -15,7 +16,7 @@ constexpr const char* kFunction = "libevent";
 void* OrEnd(void* block, size_t size) {
   if (block == nullptr) {
     Orx::Log::Message2(Orx::Log::kError, kFunction, "Out of memory: %zu bytes were refused", size);
-    std::abort();
+    EndBecauseOfLibevent();
   }
   return block;
 }

@@ -1,4 +1,6 @@
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
 
 #include <unistd.h>
 
@@ -8,13 +10,17 @@
 #include "util/crash_handler.h"
 #include "util/descriptor.h"
 #include "util/log.h"
+#include "util/standard_error.h"
 
-int main(int argc, char** argv) {
+namespace {
+
+// Ends the process when there is nothing to run, or nothing to run it with.
+void Start(int argc, char** argv) {
   Mirel::RegisterCrashHandler(argc > 0 ? argv[0] : "");
   stdext::open_missing_standard_descriptors();
   const std::optional<tavlo::Options> options = tavlo::ParseCommandLine(argc, argv);
   if (!options) {
-    return EXIT_FAILURE;
+    std::exit(EXIT_FAILURE);
   }
   const std::string logPath = options->logPath.value_or("");
   if (options->printKey) {
@@ -22,13 +28,25 @@ int main(int argc, char** argv) {
     Orx::Log::Open("kxtunnel", logPath, Orx::Log::kError, true, false, false);
     PrintConfigValue(options->configPath, *options->printKey);
   }
+  stdext::own_standard_error();
   Orx::Log::Open("tavlo", logPath, options->debug ? Orx::Log::kDebug : Orx::Log::kInfo, true,
                  options->sysLog, options->logPath.has_value());
   if (!Init(options->configPath)) {
+    std::exit(EXIT_FAILURE);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    Start(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "ERROR: Failed to start: %s\n", error.what());
     return EXIT_FAILURE;
   }
   Run();
   Orx::Log::Close();
   // At once: the host threads still use what the static destructors would take away.
-  ::_exit(EXIT_SUCCESS);
+  ::_exit(tavlo::TheProcess().exitStatus);
 }

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -34,7 +35,6 @@ constexpr std::chrono::seconds kLongestSilence(60);
 constexpr std::chrono::seconds kLanAddressPeriod(60);
 constexpr std::chrono::seconds kPauseAfterFailedWait(5);
 constexpr timespec kLongestWait = {60, 0};
-constexpr unsigned long kMaxRouterInfoSize = 1048576;
 
 // What one pass of the loop leaves for the next.
 struct LoopState {
@@ -70,6 +70,7 @@ bool StartWorkers() {
     Workers().emplace_back(RunHost, "tavlo::httpsAgent", TheProcess().httpsHost.get(), &started);
   } catch (const std::system_error& error) {
     Orx::Log::Message2(Orx::Log::kError, kRun, "Failed to start a thread: %s", error.what());
+    TheProcess().exitStatus = EXIT_FAILURE;
     ok = false;
   }
   while (started < Workers().size()) {
@@ -168,7 +169,7 @@ void Run() {
 void UpdatePairingKey() {
   std::string text;
   const Orx::Status status =
-      stdext::file(TheProcess().settings->RouterInfoPath()).read(kMaxRouterInfoSize, &text);
+      stdext::file(TheProcess().settings->RouterInfoPath()).read(stdext::kMaxFileSize, &text);
   if (!status.IsOk()) {
     ORX_LOG(Orx::Log::kError, "%s", status.Message().c_str());
     return;

@@ -9,6 +9,7 @@
 
 #include "agent/libevent_log.h"
 #include "agent/libevent_memory.h"
+#include "agent/openssl_memory.h"
 #include "app/thread_monitor.h"
 #include "util/crash_handler.h"
 #include "util/log.h"
@@ -59,32 +60,27 @@ bool BecomeUser(const std::string& user) {
   return true;
 }
 
-}  // namespace
-
-ProcessObjects& tavlo::TheProcess() {
-  static ProcessObjects process;
-  return process;
-}
-
-bool Init(const std::string& configPath) {
-  ORX_LOG_SCOPE();
+// The steps of `Init`, whose name their log lines carry.
+bool PrepareProcess(const std::string& configPath) {
   ProcessObjects& process = TheProcess();
   if (!BlockSignals(&process.signals)) {
     return false;
   }
   if (::signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
-    ORX_LOG(Orx::Log::kError, "Failed to ignore SIGPIPE");
+    Orx::Log::Message2(Orx::Log::kError, kInit, "Failed to ignore SIGPIPE");
     return false;
   }
+  tavlo::LimitOpensslBlocks();
   tavlo::EndWhenLibeventGetsNoMemory();
   tavlo::RouteLibeventLog();
   if (evthread_use_pthreads() < 0) {
-    ORX_LOG(Orx::Log::kError, "Failed to configure evthreads");
+    Orx::Log::Message2(Orx::Log::kError, kInit, "Failed to configure evthreads");
     return false;
   }
   process.settings = std::make_unique<AppSettings>();
   if (!LoadAppSettings(configPath, process.settings.get())) {
-    ORX_LOG(Orx::Log::kError, "Failed to read config file from: %s", configPath.c_str());
+    Orx::Log::Message2(Orx::Log::kError, kInit, "Failed to read config file from: %s",
+                       configPath.c_str());
     return false;
   }
   Mirel::SetBacktraceDirectory(process.settings->RootPrefix() + "/tmp");
@@ -96,11 +92,28 @@ bool Init(const std::string& configPath) {
     process.httpHost = MakeHost(process, false);
     process.httpsHost = MakeHost(process, true);
   } catch (const std::exception& error) {
-    ORX_LOG(Orx::Log::kError, "Failed to create AgentHost: %s", error.what());
+    Orx::Log::Message2(Orx::Log::kError, kInit, "Failed to create AgentHost: %s", error.what());
     return false;
   }
   // Last: what stands before it may need root's rights.
   return BecomeUser(process.settings->AgentUser());
+}
+
+}  // namespace
+
+ProcessObjects& tavlo::TheProcess() {
+  static ProcessObjects process;
+  return process;
+}
+
+bool Init(const std::string& configPath) {
+  ORX_LOG_SCOPE();
+  try {
+    return PrepareProcess(configPath);
+  } catch (const std::exception& error) {
+    ORX_LOG(Orx::Log::kError, "Failed to start: %s", error.what());
+    return false;
+  }
 }
 
 bool LoadAppSettings(const std::string& path, AppSettings* settings) {

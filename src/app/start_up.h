@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -19,6 +20,7 @@ struct ProcessObjects {
   std::unique_ptr<Orx::HookInvoker> hookInvoker;
   std::unique_ptr<AgentHost> httpHost;
   std::unique_ptr<AgentHost> httpsHost;
+  int exitStatus = EXIT_SUCCESS;  ///< set by `Run`, for the process
 };
 
 ProcessObjects& TheProcess();

@@ -312,10 +312,14 @@ void SecureExecStderr(std::string& buffer, bool eof, pid_t pid) {
   if (eof && !hasLine && !buffer.empty()) {
     buffer += '\n';
   }
-  for (size_t end = buffer.find('\n'); end != std::string::npos; end = buffer.find('\n')) {
-    ORX_LOG(Log::kError, "stderr from pid %d: %s", pid, buffer.substr(0, end).c_str());
-    buffer.erase(0, end + 1);
+  // One pass, however many lines there are; what is left moves once.
+  size_t begin = 0;
+  for (size_t end = buffer.find('\n'); end != std::string::npos; end = buffer.find('\n', begin)) {
+    buffer[end] = '\0';
+    ORX_LOG(Log::kError, "stderr from pid %d: %s", pid, buffer.c_str() + begin);
+    begin = end + 1;
   }
+  buffer.erase(0, begin);
 }
 
 }  // namespace Orx

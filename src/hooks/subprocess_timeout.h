@@ -1,10 +1,11 @@
 #pragma once
 
-#include <condition_variable>
 #include <mutex>
 #include <thread>
 
 #include <sys/types.h>
+
+#include "util/steady_condition.h"
 
 namespace Orx {
 
@@ -12,7 +13,8 @@ namespace Orx {
 ///
 /// `Run` is the body of the watchdog's thread, which SubprocessWatchdog starts and ends.
 struct SubprocessTimeout {
-  /// A limit of 0 `seconds` makes it fire at once.
+  /// A limit of 0 `seconds` makes it fire at once. Throws std::system_error when the system refuses
+  /// the condition.
   SubprocessTimeout(pid_t watchedPid, unsigned int seconds);
 
   void Run();
@@ -20,7 +22,7 @@ struct SubprocessTimeout {
   const pid_t pid;
   const unsigned int timeoutSecs;
   std::mutex mutex;
-  std::condition_variable cond;
+  stdext::steady_condition cond;
   bool timedOut = false;  ///< guarded by `mutex`: the signal has been sent
   bool finished = false;  ///< guarded by `mutex`: the child has been seen to exit
 };
@@ -30,7 +32,7 @@ struct SubprocessTimeout {
 /// number.
 class SubprocessWatchdog {
  public:
-  /// Throws std::system_error when the system refuses the thread.
+  /// Throws std::system_error when the system refuses the thread or its condition.
   SubprocessWatchdog(pid_t pid, unsigned int timeoutSecs);
   ~SubprocessWatchdog() { Stop(); }
   SubprocessWatchdog(const SubprocessWatchdog&) = delete;

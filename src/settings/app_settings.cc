@@ -12,7 +12,6 @@ namespace tavlo {
 
 namespace {
 
-constexpr unsigned long kMaxConfigFileSize = 1048576;
 constexpr int32_t kSmallestPort = 1;
 constexpr int32_t kLargestPort = 65535;
 
@@ -104,7 +103,7 @@ bool AppSettings::GetConfigValue(const std::string& key, std::string* value) con
 bool AppSettings::LoadConfigFile(const std::string& path, bool* changed) {
   ORX_LOG_SCOPE();
   std::string content;
-  const Orx::Status status = stdext::file::without_lock(path).read(kMaxConfigFileSize, &content);
+  const Orx::Status status = stdext::file::without_lock(path).read(stdext::kMaxFileSize, &content);
   if (!status.IsOk()) {
     ORX_LOG(Orx::Log::kError, "%s", status.Message().c_str());
     return false;

@@ -15,16 +15,23 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <ucontext.h>
 #include <unistd.h>
 #include <unwind.h>
 
+#include "util/descriptor.h"
 #include "util/log.h"
+#include "util/retry.h"
+#include "util/standard_error.h"
 
 namespace {
 
 constexpr int kSignals[] = {SIGSEGV, SIGABRT, SIGILL, SIGFPE, SIGBUS, SIGSYS};
 constexpr unsigned int kReportLimitSecs = 10;
+constexpr unsigned int kDemanglingLimitSecs = 2;
 constexpr size_t kMaxFrames = 50;
 constexpr size_t kMaxNameSize = 300;
 constexpr size_t kMaxLineSize = 350;
@@ -39,6 +46,7 @@ struct State {
   char path[PATH_MAX];
   void* frames[kMaxFrames];
   size_t frameCount;
+  const char* symbols[kMaxFrames];  // null where there is none
   char names[kMaxFrames][kMaxNameSize];
   ptrdiff_t offsets[kMaxFrames];
   char* demangled;
@@ -109,34 +117,36 @@ _Unwind_Reason_Code StoreFrame(_Unwind_Context* context, void* /*argument*/) {
   return _URC_NO_REASON;
 }
 
-// The one thing here that always allocates is the demangler, which also may move the buffer that it
-// was given: what it returns is the buffer from then on. It is not safe in a signal handler, and
-// neither is dladdr, which locks; names are worth it, and the alarm bounds the harm.
-const char* Demangle(const char* symbol) {
-  size_t size = kMaxNameSize;
-  int status = 0;
-  char* const text = abi::__cxa_demangle(symbol, state.demangled, &size, &status);
-  if (text == nullptr) {
-    return symbol;
-  }
-  state.demangled = text;
-  return text;
-}
-
 void SetName(size_t index, const char* name) {
   std::snprintf(state.names[index], kMaxNameSize, "%s", name);
 }
 
-void NameFrame(size_t index) {
+// dladdr is not safe in a signal handler, since it locks; names are worth it, and the alarm bounds
+// the harm.
+void LookUp(size_t index) {
   Dl_info info = {};
-  const char* name = kUnknownName;
-  state.offsets[index] = 0;
-  if (::dladdr(state.frames[index], &info) != 0 && info.dli_sname != nullptr) {
-    name = Demangle(info.dli_sname);
-    state.offsets[index] =
-        static_cast<char*>(state.frames[index]) - static_cast<char*>(info.dli_saddr);
+  if (::dladdr(state.frames[index], &info) == 0 || info.dli_sname == nullptr) {
+    state.symbols[index] = nullptr;
+    state.offsets[index] = 0;
+    SetName(index, kUnknownName);
+    return;
   }
-  SetName(index, name);
+  state.symbols[index] = info.dli_sname;
+  state.offsets[index] =
+      static_cast<char*>(state.frames[index]) - static_cast<char*>(info.dli_saddr);
+  SetName(index, info.dli_sname);
+}
+
+// Allocates, and may move the buffer that it gives to the demangler: what that returns is the
+// buffer from then on.
+void Demangle(size_t index) {
+  size_t size = kMaxNameSize;
+  int status = 0;
+  char* const text = abi::__cxa_demangle(state.symbols[index], state.demangled, &size, &status);
+  if (text != nullptr) {
+    state.demangled = text;
+    SetName(index, text);
+  }
 }
 
 // Writes one line; one that does not fit is cut.
@@ -154,24 +164,109 @@ void WriteLine(int fd, const char* format, ...) {
   }
 }
 
-void WriteRecord(int fd, int number, const siginfo_t& info, const Registers& registers) {
-  char time[25] = {};
-  const std::time_t now = std::time(nullptr);
-  tm utc = {};
-  ::gmtime_r(&now, &utc);
-  std::strftime(time, sizeof time, "%Y-%m-%d %H:%M:%S", &utc);
+constexpr long kSecsADay = 24L * 60 * 60;
 
-  WriteLine(fd, "(%s) Process exit due to signal: %d\n", time, number);
+long DaysOfYear(long year) {
+  return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0) ? 366 : 365;
+}
+
+long DaysOfMonth(long month, long year) {
+  constexpr long kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  return month == 1 ? DaysOfYear(year) - 337 : kDays[month];
+}
+
+struct UtcTime {
+  long year, month, day, hour, minute, second;
+};
+
+// Not gmtime_r: it locks, and may be what the signal has interrupted.
+UtcTime ToUtc(std::time_t time) {
+  const long secs = time % kSecsADay;
+  long days = time / kSecsADay;
+  long year = 1970;
+  for (; days >= DaysOfYear(year); ++year) {
+    days -= DaysOfYear(year);
+  }
+  long month = 0;
+  for (; days >= DaysOfMonth(month, year); ++month) {
+    days -= DaysOfMonth(month, year);
+  }
+  return {year, month + 1, days + 1, secs / 3600, secs / 60 % 60, secs % 60};
+}
+
+// What is known of a crash before its stack is looked at.
+struct Cause {
+  std::time_t time;
+  int number;
+  void* faultAddress;
+  Registers registers;
+};
+
+void WriteHeading(int fd, const Cause& cause) {
+  const UtcTime time = ToUtc(cause.time);
+  const Registers& registers = cause.registers;
+  WriteLine(fd, "(%04ld-%02ld-%02ld %02ld:%02ld:%02ld) Process exit due to signal: %d\n", time.year,
+            time.month, time.day, time.hour, time.minute, time.second, cause.number);
   // The address comes twice, from the signal and from the processor, deliberately.
-  WriteLine(fd, "Fault Address: %p\n", info.si_addr);
+  WriteLine(fd, "Fault Address: %p\n", cause.faultAddress);
   WriteLine(fd, "Fault address: %p PC: %p SP: %p LR: %p\n", registers.faultAddress, registers.pc,
             registers.sp, registers.lr);
   WriteLine(fd, "Backtrace:\n");
-  for (size_t i = 0; i < state.frameCount; ++i) {
-    const char* const sign = state.offsets[i] >= 1 ? "+" : "";
-    WriteLine(fd, "%p %s %s %#tx\n", state.frames[i], state.names[i], sign, state.offsets[i]);
-  }
+}
+
+void WriteFrame(int fd, size_t index) {
+  const ptrdiff_t offset = state.offsets[index];
+  WriteLine(fd, "%p %s %s %#tx\n", state.frames[index], state.names[index], offset >= 1 ? "+" : "",
+            offset);
+}
+
+void WriteEnd(int fd) {
   WriteLine(fd, "--------------------------------------------------\n\n");
+}
+
+// In a copy of the process, to which whatever happens does no harm: puts the record, which begins
+// at `start`, anew with names that people read.
+[[noreturn]] void RewriteRecord(int fd, off_t start, const Cause& cause) {
+  ::prctl(PR_SET_DUMPABLE, 0);  // no core file of its own
+  ::close(STDERR_FILENO);       // where the C library would say again what is wrong with the heap
+  ::signal(SIGALRM, SIG_DFL);
+  ::alarm(kDemanglingLimitSecs);
+  for (size_t i = 0; i < state.frameCount; ++i) {
+    if (state.symbols[i] != nullptr) {
+      Demangle(i);
+    }
+  }
+  if (::ftruncate(fd, start) == 0) {
+    WriteHeading(fd, cause);
+    for (size_t i = 0; i < state.frameCount; ++i) {
+      WriteFrame(fd, i);
+    }
+    WriteEnd(fd);
+  }
+  ::_exit(EXIT_SUCCESS);
+}
+
+// Each step may be the last one: what is known is in the file before the next one is taken. The
+// demangler allocates. Where the heap is damaged or locked, that never ends, or ends the process;
+// so a copy of the process does it, which the C library's fork is no way to, since it takes the
+// heap's lock as well.
+void LeaveRecord(int fd, const Cause& cause) {
+  const off_t start = ::lseek(fd, 0, SEEK_END);
+  WriteHeading(fd, cause);
+  _Unwind_Backtrace(StoreFrame, nullptr);
+  for (size_t i = 0; i < state.frameCount; ++i) {
+    LookUp(i);
+    WriteFrame(fd, i);
+  }
+  WriteEnd(fd);
+
+  const auto copy = static_cast<pid_t>(::syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0));
+  if (copy == 0) {
+    RewriteRecord(fd, start, cause);
+  }
+  if (copy > 0) {
+    stdext::retry_on_interrupt([copy] { return ::waitpid(copy, nullptr, 0); });
+  }
 }
 
 // Runs once: the default actions are back before it does anything else.
@@ -179,20 +274,18 @@ void CrashHandler(int number, siginfo_t* info, void* context) {
   RestoreDefaultActions();
   SetAlarm();
 
-  _Unwind_Backtrace(StoreFrame, nullptr);
-  for (size_t i = 0; i < state.frameCount; ++i) {
-    NameFrame(i);
-  }
-  const int fd = ::open(state.path, O_WRONLY | O_CREAT | O_APPEND, 0644);
+  const int fd = stdext::open_only_here(state.path, O_APPEND, 0644);
   if (fd >= 0) {
-    WriteRecord(fd, number, *info, ReadRegisters(context));
+    LeaveRecord(fd, {std::time(nullptr), number, info->si_addr, ReadRegisters(context)});
     ::close(fd);
   }
   // The logger takes its lock, and the streams and strsignal may allocate: the alarm again.
   const char* const text = ::strsignal(number);
   Orx::Log::Message2(Orx::Log::kError, "void {anonymous}::CrashHandler(int, siginfo_t*, void*)",
                      "Process exit due to signal: %d (%s)", number, text);
-  std::cerr << "Process exit due to signal: " << number << "(" << text << ")" << std::endl;
+  if (stdext::standard_error_takes_a_line()) {
+    std::cerr << "Process exit due to signal: " << number << "(" << text << ")" << std::endl;
+  }
   ::raise(number);
 }
 
@@ -219,7 +312,7 @@ void RegisterCrashHandler(const std::string& processName) {
   std::memset(state.frames, 0, sizeof state.frames);
   state.frameCount = 0;
   state.demangled = static_cast<char*>(std::calloc(1, kMaxNameSize));
-  ::tzset();  // or the first use of gmtime_r would read the time zone's file
+  ::tzset();  // or the first use of gmtime_r, for the log line, would read the time zone's file
   const std::string name = processName.substr(processName.rfind('/') + 1);
   std::snprintf(state.processName, sizeof state.processName, "%s", name.c_str());
   SetBacktraceDirectory(kDefaultDirectory);

@@ -1,9 +1,13 @@
 #include "util/descriptor.h"
 
+#include <cerrno>
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include "util/retry.h"
 
 namespace stdext {
 
@@ -18,6 +22,22 @@ bool descriptor::close() {
   const int result = ::close(fd_);
   fd_ = -1;
   return result == 0;
+}
+
+int open_only_here(const char* path, int flags, mode_t mode) {
+  // A FIFO that nobody reads is not waited for, and a terminal does not become the daemon's own.
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+  const int fd = retry_on_interrupt([=] { return ::open(path, kFlags | flags, mode); });
+  if (fd < 0) {
+    return -1;
+  }
+  struct stat info = {};
+  if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink <= 1) {
+    return fd;
+  }
+  ::close(fd);
+  errno = S_ISREG(info.st_mode) ? EMLINK : ENXIO;
+  return -1;
 }
 
 void open_missing_standard_descriptors() {

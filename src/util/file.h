@@ -7,6 +7,10 @@
 
 namespace stdext {
 
+/// The largest file that the daemon reads whole, in bytes: configuration, router information and
+/// device list have some hundred.
+constexpr unsigned long kMaxFileSize = 1048576;
+
 /// Opens each path read-write and takes an exclusive advisory lock (`flock`) on it. Attempts are
 /// made without blocking, `retries` + 1 times, `delayMs` milliseconds apart; the pause follows the
 /// last failed attempt too. Returns one descriptor per path, in order: locked and close-on-exec, or

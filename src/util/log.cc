@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -16,10 +17,17 @@
 #include <unistd.h>
 
 #include "util/retry.h"
+#include "util/standard_error.h"
 
 namespace Orx::Log {
 
 namespace {
+
+constexpr const char* kMessage2 = "void Orx::Log::Message2(int, const char*, const char*, ...)";
+
+// LOG_PERROR shows each message on standard error too; with the console on as well it appears twice
+// there, deliberately.
+constexpr int kSystemLogOptions = LOG_PID | LOG_NDELAY | LOG_PERROR;
 
 // Nothing here allocates: an error is logged when memory has run out too.
 
@@ -63,23 +71,70 @@ size_t FormatPrefix(Line& line, int level, const char* function) {
   return std::min(static_cast<size_t>(length), kMaxLineLength);
 }
 
+// Tells of lines that did not reach the console, in their place; returns whether that did.
+bool TellOfLinesLeftOut(unsigned long count) {
+  Line note = {};
+  const size_t length = FormatPrefix(note, kInfo, kMessage2);
+  std::snprintf(note + length, sizeof note - length, "Lines that the console did not take: %lu\n",
+                count);
+  std::clog << note << std::flush;
+  return std::clog.good();
+}
+
+// With its line feed.
+void WriteToConsole(const char* line, size_t size) {
+  static unsigned long leftOut = 0;
+  if (!stdext::standard_error_takes_a_line()) {
+    ++leftOut;
+    return;
+  }
+  std::clog.clear();  // what could not be written earlier is no reason to write no more
+  if (leftOut > 0 && TellOfLinesLeftOut(leftOut)) {
+    leftOut = 0;
+  }
+  if (!std::clog.write(line, static_cast<std::streamsize>(size)).flush()) {
+    ++leftOut;
+  }
+}
+
+// As `Open` got it, which comes before all lines.
+const char* systemLogName = nullptr;
+bool systemLogShowsItsLines = true;
+
+// On standard error, where it would wait for ever.
+void LetSystemLogShowItsLines(bool show) {
+  if (show != systemLogShowsItsLines) {
+    ::openlog(systemLogName, show ? kSystemLogOptions : kSystemLogOptions & ~LOG_PERROR, LOG_USER);
+    systemLogShowsItsLines = show;
+  }
+}
+
 // Console and file get the line and its line feed in one piece, so that lines of several processes
 // do not mix either.
 void Emit(int level, Line& line) {
   const size_t length = std::strlen(line);
   if (Detail::ConsoleLogEnabled()) {
     line[length] = '\n';
-    std::clog.clear();  // what could not be written earlier is no reason to write no more
-    std::clog.write(line, static_cast<std::streamsize>(length + 1)).flush();
+    WriteToConsole(line, length + 1);
   }
   if (Detail::SysLogEnabled()) {
     line[length] = '\0';
+    LetSystemLogShowItsLines(stdext::standard_error_takes_a_line());
     ::syslog(level, "%s", line);
   }
   if (Detail::FileLogEnabled() && Detail::LogFile().IsGood()) {
     line[length] = '\n';
     Detail::LogFile().Write(line, length + 1);
   }
+}
+
+// A symbolic link that is neither root's nor this user's own is somebody's who may want root to
+// write elsewhere. (Where others may make links, but not remove those of others, as in /tmp, they
+// cannot put theirs in the place of one that was looked at here.)
+bool IsAnothersLink(const char* path) {
+  struct stat info = {};
+  return ::lstat(path, &info) == 0 && S_ISLNK(info.st_mode) && info.st_uid != 0 &&
+         info.st_uid != ::geteuid();
 }
 
 // The caller holds the mutex.
@@ -104,10 +159,14 @@ void LogFileStream::Open(const std::string& path) {
   // Without O_NONBLOCK a FIFO that nobody reads would hold up whoever logs, and so everybody. All
   // else is waited for: with it a slow terminal would end the log. O_NOCTTY: it is not to become
   // the terminal whose Ctrl-C ends the daemon.
-  fd_ = stdext::retry_on_interrupt([&] {
-    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
-                  0666);
-  });
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  const auto open = [&](int flags) {
+    return stdext::retry_on_interrupt([&] { return ::open(path.c_str(), kFlags | flags, 0666); });
+  };
+  fd_ = open(O_NOFOLLOW);
+  if (fd_ < 0 && errno == ELOOP && !IsAnothersLink(path.c_str())) {
+    fd_ = open(0);
+  }
   struct stat info = {};
   if (::fstat(fd_, &info) == 0 && !S_ISFIFO(info.st_mode)) {
     ::fcntl(fd_, F_SETFL, O_APPEND);
@@ -189,9 +248,9 @@ void Open(const char* name, const std::string& path, int level, bool console, bo
   Detail::FileLogEnabled(file);
   if (toSysLog) {
     ::setlogmask(LOG_UPTO(ceiling));
-    // LOG_PERROR shows each message on standard error too; with the console on as well it appears
-    // twice there, deliberately.
-    ::openlog(s_name, LOG_PID | LOG_NDELAY | LOG_PERROR, LOG_USER);
+    systemLogName = s_name;
+    ::openlog(s_name, kSystemLogOptions, LOG_USER);
+    systemLogShowsItsLines = true;
   }
   OpenFile();
 }

@@ -17,7 +17,6 @@ LARGEST_SIZE = 300 * 1000  # bytes
 TOOLCHAINS_OWN = {
     "__libc_single_threaded",  # of std::shared_ptr
     "__libc_start_main", "__uClibc_main",  # of the start-up code
-    "pthread_cond_clockwait",  # of std::condition_variable; see docs/porting.md
 }
 
 

@@ -9,16 +9,16 @@ from pathlib import Path
 
 import pytest
 
-from conftest import DEMONSTRATION
+from markdown import PROJECT
 from support.daemon import BINARY
 from support.waiting import DEFAULT_LIMIT, wait_until
 
 
 @pytest.fixture
 def tree(tmp_path):
-    (tmp_path / "tools").mkdir()
-    for name in ("demonstration", "sdk_rest_host.py", "decode-backtrace"):
-        shutil.copy(DEMONSTRATION.parent / name, tmp_path / "tools")
+    for name in ("tools/demonstration", "tools/decode-backtrace", "tests/system/sdk_rest_host.py"):
+        (tmp_path / name).parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy(PROJECT / name, tmp_path / name)
     (tmp_path / "Makefile").write_text("run:\n\ttools/demonstration\n", encoding="ascii")
     release = tmp_path / "build" / "release"
     release.mkdir(parents=True)

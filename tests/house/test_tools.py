@@ -108,35 +108,38 @@ SKIPPED [2] test_c.py:5: not under an emulator
 
 def test_a_check_counts_the_tests_and_tells_why_some_were_skipped(tmp_path):
     programs = {"tools/aarch64-sysroot": "true", "tools/build": "true",
-                "programs/ctest": 'cp report "${10}"; exit 8'}
+                "programs/ctest": 'cp report build/aarch64/tests.xml; exit 8'}
     for name, script in programs.items():
         path = tmp_path / name
         path.parent.mkdir(exist_ok=True)
         path.write_text(f"#!/bin/sh\n{script}\n")
         path.chmod(0o755)
-    shutil.copy(PROJECT / "tools" / "check", tmp_path / "tools")
+    for name in ("check", "running.py"):
+        shutil.copy(PROJECT / "tools" / name, tmp_path / "tools")
     (tmp_path / "build" / "aarch64").mkdir(parents=True)
     (tmp_path / "report").write_text(REPORT)
     result = subprocess.run(
         [tmp_path / "tools" / "check", "aarch64"], capture_output=True, text=True, check=False,
         timeout=LIMIT_SECS, env={**os.environ, "PATH": f"{tmp_path}/programs:{os.environ['PATH']}"})
     assert result.returncode == 1
-    assert result.stdout.splitlines()[-5:] == [
-        "what went wrong",
+    assert "what went wrong" in result.stdout.splitlines()
+    assert result.stdout.splitlines()[-4:] == [
         "skipped: system/c: not under an emulator",
         "skipped: unit/b: only root can do that",
         "failed: aarch64 tests: system/d",
-        "3 passed, 1 failed, 3 skipped"]
+        "4 passed, 1 failed, 3 skipped"]
 
 
 @pytest.mark.parametrize("argument, status", [("--help", 0), ("--unknown", 2)])
-@pytest.mark.parametrize("name", ["bench", "check", "demonstration", "fuzz", "mutate", "soak"])
+@pytest.mark.parametrize("name", [
+    "tests/system/soak.py", "tools/bench", "tools/by-hand", "tools/check", "tools/demonstration",
+    "tools/fuzz", "tools/mutate", "tools/test"])
 def test_a_tool_tells_how_it_is_used_and_starts_nothing(name, argument, status):
-    result = subprocess.run([PROJECT / "tools" / name, argument], capture_output=True, text=True,
+    result = subprocess.run([PROJECT / name, argument], capture_output=True, text=True,
                             check=False, timeout=LIMIT_SECS,
                             env={**os.environ, "PYTHONDONTWRITEBYTECODE": "1"})
     assert result.returncode == status
-    assert (result.stdout + result.stderr).startswith(f"usage: tools/{name}")
+    assert (result.stdout + result.stderr).startswith(f"usage: {name}")
 
 
 @pytest.mark.parametrize("name, maker", [

@@ -1,18 +1,16 @@
 """Fixtures: each test gets a scratch root of its own, free ports, and a daemon that must leave in
 good order."""
 
-import sys
 import tempfile
 from contextlib import contextmanager
 from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
-
-from sdk_rest_host import SdkRestHost  # noqa: E402
-from support.daemon import Daemon  # noqa: E402
-from support.scratch_root import ScratchRoot  # noqa: E402
+from sdk_rest_host import SdkRestHost
+from support.daemon import Daemon
+from support.room import many_descriptors
+from support.scratch_root import ScratchRoot
 
 SHOWN_LINES = 40
 
@@ -53,6 +51,13 @@ def root():
 def make_daemon(root):
     with daemons(root) as make:
         yield make
+
+
+@pytest.fixture
+def enough_descriptors():
+    """For tests that are more clients than a process usually may be."""
+    with many_descriptors():
+        yield
 
 
 @pytest.fixture

@@ -2,11 +2,12 @@
 
 import os
 import subprocess
+import threading
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
-from support.clients import ask
+from support.clients import Client, ask
 from support.scratch_root import PAIRING_KEY
 from support.waiting import open_fifo_for_its_reader, wait_until
 
@@ -88,6 +89,16 @@ def test_a_hook_that_fails_is_an_internal_error_and_later_ones_do_not_run(root, 
                for level, text in messages)
     assert ("ERROR", "Failed to invoke agent hook: failed to call script "
             f"'{root.internal_hooks}/agent/10-fail' as 3") in messages
+
+
+def test_all_that_a_script_writes_on_standard_error_is_logged(root, hooked, sdk_host):
+    hook(root, "10-talk", "seq 30000 >&2; exit 0")
+    before = hooked.peak_resident_kib()
+    assert change(root).status == 200
+    lines = [text.rpartition(": ")[2] for level, text in hooked.messages()
+             if level == "ERROR" and text.startswith("stderr from pid ")]
+    assert lines == [str(number) for number in range(1, 30001)]
+    assert hooked.peak_resident_kib() - before < 1024
 
 
 def test_the_last_directory_that_was_run_has_the_say(root, hooked, sdk_host):
@@ -191,21 +202,57 @@ def test_one_script_blocks_its_own_listener_only(root, hooked, sdk_host):
         assert other.result().status == 200
 
 
-def test_scripts_of_both_listeners_run_at_once_and_share_the_body_file(root, hooked, sdk_host):
+def test_a_body_waits_until_the_scripts_are_done_with_that_of_the_other_listener(root, hooked,
+                                                                                 sdk_host):
     go_on, seen = root.directory / "go-on", root.directory / "seen"
     os.mkfifo(go_on)
     hook(root, "10-wait", '[ "$4" != /api/1/router-ref ] || '
          f'{{ cat "$6"; read line <{go_on}; cat "$6"; }} >{seen} 2>&1; exit 0')
-    with ThreadPoolExecutor(1) as pool:
+    with ThreadPoolExecutor(2) as pool:
         plain = pool.submit(change, root, b"from the LAN ")
         with open_fifo_for_its_reader(go_on) as gate:
-            assert change_over_tls(root, b"with a key", "/api/any").status == 200
-            assert not plain.done()
+            mark = hooked.mark()
+            # One without a body needs no file, and so does not wait.
+            assert ask(root.https_port, "GET", "/api/any", headers=KEY, tls=True).status == 200
+            with_key = pool.submit(change_over_tls, root, b"with a key", "/api/any")
+            hooked.wait_for_log("DEBUG: bool tavlo::AgentHost::CallHook: Calling agent hook",
+                                since=mark, count=2)
+            assert root.agent_data.read_bytes() == b"from the LAN "
+            assert not plain.done() and not with_key.done()
             gate.write("now\n")
         assert plain.result().status == 200
-    # The other request has overwritten the file and removed it; the destination gets the right ones.
-    assert seen.read_text().startswith("from the LAN cat: ")
-    assert [request.body for request in sdk_host.requests] == [b"with a key", b"from the LAN "]
+        assert with_key.result().status == 200
+    assert seen.read_bytes() == b"from the LAN from the LAN "
+    assert not root.agent_data.exists()
+    assert sorted(request.body for request in sdk_host.requests) == [
+        b"", b"from the LAN ", b"with a key"]
+
+
+def test_a_script_sees_the_body_that_is_forwarded_whatever_the_other_listener_gets(root, hooked,
+                                                                                   sdk_host):
+    seen = root.directory / "seen"
+    hook(root, "10-note", f'[ "$4" = /api/1/router-ref ] || {{ cat "$6"; echo; }} >>{seen}; exit 0')
+    bodies = [f"with the key, {number}".encode() for number in range(300)]
+    done = threading.Event()
+
+    def disturb():
+        with Client(root.http_port) as client:
+            while not done.is_set():
+                assert client.ask("PATCH", "/api/1/router-ref", body=b"EVIL").status == 200
+
+    with ThreadPoolExecutor(2) as pool, Client(root.https_port, tls=True) as client:
+        disturbers = [pool.submit(disturb) for _ in range(2)]
+        try:
+            for body in bodies:
+                assert client.ask("PUT", "/api/any", headers=KEY, body=body).status == 200
+        finally:
+            done.set()
+        for disturber in disturbers:
+            disturber.result()
+    assert seen.read_bytes().splitlines() == bodies
+    forwarded = [request.body for request in sdk_host.requests]
+    assert [body for body in forwarded if body != b"EVIL"] == bodies
+    assert forwarded.count(b"EVIL") > 10
 
 
 def test_the_daemons_end_is_not_delayed_by_a_script(root, make_daemon):

@@ -3,6 +3,7 @@
 import json
 import signal
 import subprocess
+from pathlib import Path
 
 import pytest
 
@@ -17,37 +18,18 @@ Usage: tavlo [-d] [-s] [-f path] [-c path]
 -p <key> | --print-config-value <key> Print value of configuration key <key>
 """
 
-DEFAULTS = {
-    "agentDstPort": "60277",
-    "agentHttpPort": "60278",
-    "agentHttpsPort": "60279",
-    "lanInterface": "br0",
-    "agentDstAddr": "127.0.0.1",
-    "agentPrefix": "",
-    "agentUser": "",
-    "routerInfoPath": "/tmp/qvd/data/router_info",
-    "agentDataPath": "",
-    "agentDirectory": "/tmp/qvd/data/agent",
-    "internalHooksDirectory": "/tmp/qvd/hooks",
-    "externalHooksDirectory": "",
-    "deviceDiscoveryPath": "/tmp/qvd/tmp/devicelist.json",
-    "rootPrefix": "/tmp/qvd",
-}
+SCHEMA = Path(__file__).resolve().parents[2] / "tavlo.schema.json"
+# What each default is, a unit test of the settings says for itself.
+DEFAULTS = {key: str(value["default"])
+            for key, value in json.loads(SCHEMA.read_text(encoding="utf-8"))["properties"].items()
+            if "default" in value}
 
-OTHER_VALUES = {
+OTHER_VALUES = {key: f"of {key}" for key in DEFAULTS} | {
     "agentDstPort": 1,
     "agentHttpPort": 65535,
     "agentHttpsPort": 4443,
-    "lanInterface": "eth7",
-    "agentDstAddr": "192.0.2.7",
     "agentPrefix": "/rest v1",
-    "agentUser": "nobody",
     "routerInfoPath": "relative/router_info",
-    "agentDataPath": "/run/agent data",
-    "agentDirectory": "/etc/agent",
-    "internalHooksDirectory": "/usr/lib/hooks",
-    "externalHooksDirectory": "/opt/hooks",
-    "deviceDiscoveryPath": "/run/devices",
     "rootPrefix": "/x",
 }
 

@@ -6,6 +6,10 @@ import re
 import signal
 import subprocess
 import tempfile
+import threading
+from concurrent.futures import ThreadPoolExecutor
+from contextlib import suppress
+from http.client import HTTPException
 from pathlib import Path
 
 import pytest
@@ -196,6 +200,33 @@ def test_a_crash_of_a_watchdog_thread_names_its_function(root, make_daemon):
     assert not has_frame(record_of(root), "tavlo::AgentHost::Run()")
     assert identity_in_log(daemon, "CrashHandler: ") == identity_in_log(
         daemon, "Running subprocess timeout thread for PID")
+
+
+def test_a_listener_that_is_hit_under_load_leaves_its_record(root, make_daemon, sdk_host):
+    """It may be within the heap or the log then, with their locks."""
+    for round_ in range(6):
+        daemon = make_daemon().start()
+        thread = thread_that_serves(daemon, root.http_port, False)
+        done = threading.Event()
+
+        def load():
+            with suppress(OSError, HTTPException), Client(root.http_port) as client:
+                while not done.is_set():
+                    client.ask("GET", "/api/version")
+
+        with ThreadPoolExecutor(2) as pool:
+            for _ in range(2):
+                pool.submit(load)
+            mark = daemon.mark()
+            daemon.wait_for_log("GET /api/version$", since=mark, count=50)
+            ctypes.CDLL(None).tgkill(daemon.pid, thread, signal.SIGABRT)
+            # Whoever is hit within the log cannot log that; the alarm ends it.
+            assert daemon.process.wait(30) in (-signal.SIGABRT, 1)
+            done.set()
+        record = record_of(root)
+        assert record.count(") Process exit due to signal: 6\n") == round_ + 1
+        assert record.endswith(RECORD_END)
+        daemon.log.unlink()
 
 
 def test_a_shell_that_supervises_it_sees_128_and_the_signal(root, make_daemon):

@@ -132,7 +132,7 @@ class Program:
         self.source = directory / "program.cc"
         self.source.write_text(PROGRAM)
         self.library = []
-        for name in ("crash_handler", "log"):
+        for name in ("crash_handler", "descriptor", "log", "standard_error"):
             self.library.append(directory / f"{name}.o")
             run("g++", "-std=c++17", "-O1", "-fPIE", "-I", PROJECT / "src",
                 "-c", PROJECT / "src" / "util" / f"{name}.cc", "-o", self.library[-1])
@@ -146,13 +146,14 @@ class Program:
             "-pthread", "-o", path)
         return path
 
-    def crash(self, path):
+    def crash(self, path, environment=None):
         """Returns the record. The fault is at address 0x1230."""
         directory = self.directory / f"{path.name}-record"
         shutil.rmtree(directory, ignore_errors=True)
         directory.mkdir()
         result = subprocess.run([*DIE_WITH_PARENT, path, directory, "1230"], check=False,
-                                cwd=directory, capture_output=True, timeout=DEFAULT_LIMIT)
+                                cwd=directory, capture_output=True, timeout=DEFAULT_LIMIT,
+                                env=environment)
         assert result.returncode == -signal.SIGSEGV
         return (directory / "program-backtrace.log").read_text()
 
@@ -377,6 +378,19 @@ def test_a_name_that_was_not_demangled_is_one_too(program):
     assert mangled != finish
     record = keep_one_name(program.record, finish).replace(finish, mangled)
     assert_whole_stack(decode_well(program.movable, record), program)
+
+
+def test_a_record_of_a_damaged_heap_has_the_linkers_names_and_is_decoded(program):
+    source = program.directory / "damage.c"
+    # What the demangler would come to there.
+    source.write_text("#include <stdlib.h>\nchar* __cxa_demangle(void) { abort(); }\n")
+    library = program.directory / "damage.so"
+    run("gcc", "-shared", "-fPIC", "-o", library, source)
+    record = program.crash(program.movable, {**os.environ, "LD_PRELOAD": str(library)})
+    assert named_lines(record, "_Z6FinishPVi ") and "Finish(" not in record
+    output = decode_well(program.movable, record)
+    assert_whole_stack(output, program)
+    assert without_added(output) == record
 
 
 def test_frames_of_libraries_stay_as_they_are(program):

@@ -12,7 +12,7 @@ from support.clients import Client, ask
 from support.destinations import Destination, answer_bytes, read_request
 from support.waiting import wait_until
 
-REFUSED = r"ERROR: static void tavlo::AgentHost::PauseAccepting: Failed to accept a connection: 24 "
+REFUSED = r"ERROR: static void tavlo::ListeningSockets::PauseAccepting: Failed to accept a connection: 24 "
 
 # libevent tells no difference between this and a destination that hangs up.
 NOT_FORWARDED = (500, "Timeout in forwarding request")

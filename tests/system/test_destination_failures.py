@@ -15,7 +15,7 @@ from support.waiting import wait_until
 KEY = {"PairingKey": PAIRING_KEY}
 FAILED = "Destination request failed"
 NO_REPLY = "Timeout in forwarding request"
-LARGEST_BODY = 4 << 20
+LARGEST_BODY = 16 << 20
 
 WITHOUT_REPLY = {
     "closes at once": close_at_once,

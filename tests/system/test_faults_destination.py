@@ -182,13 +182,21 @@ def test_what_was_sent_after_the_next_request_is_taken_for_its_answer(root, daem
 
 
 def test_an_answer_before_the_request_is_taken_for_the_first_one_of_its_connection(root, daemon):
+    answered = set()
+
     def early(connection):
         connection.sendall(answer_bytes(b"early"))
         while request := read_request(connection):
             connection.sendall(answer_bytes(request.split()[1]))
+            answered.add(request.split()[1])
 
+    answers = []
     with Destination(root.destination_port, early) as destination:
-        answers = [ask_by(root, True, number) for number in range(20)]
+        for number in range(20):
+            answers.append(ask_by(root, True, number))
+            if answers[-1].body == b"early":
+                # What comes after the next request was sent would be that one's answer to anybody.
+                wait_until(lambda uri=b"/api/x?%d" % number: uri in answered, "the second answer")
         taken = sum(answer.body == b"early" for answer in answers)
         assert taken <= destination.accepted
     # Nobody gets the answer to another's request.

@@ -12,7 +12,7 @@ from support.network_namespace import NetworkNamespace
 from support.scratch_root import PAIRING_KEY
 from support.waiting import wait_until
 
-SDK_REST_HOST = Path(__file__).resolve().parents[2] / "tools" / "sdk_rest_host.py"
+SDK_REST_HOST = Path(__file__).with_name("sdk_rest_host.py")
 
 NO_ADDRESS = "Could not find active IPv4 address from interface 'br0'"
 

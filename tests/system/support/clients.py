@@ -30,14 +30,16 @@ def tls_context():
 
 
 class Client:
-    """One keep-alive connection; it connects anew when the other side has closed it."""
+    """One keep-alive connection; it connects anew when the other side has closed it. `source` is
+    the address that it comes from, one of loopback's."""
 
-    def __init__(self, port, tls=False, limit=DEFAULT_LIMIT, host="127.0.0.1"):
+    def __init__(self, port, tls=False, limit=DEFAULT_LIMIT, host="127.0.0.1", source=None):
+        options = {"timeout": limit, "source_address": source and (source, 0)}
         if tls:
-            self.connection = http.client.HTTPSConnection(host, port, timeout=limit,
-                                                          context=tls_context())
+            self.connection = http.client.HTTPSConnection(host, port, context=tls_context(),
+                                                          **options)
         else:
-            self.connection = http.client.HTTPConnection(host, port, timeout=limit)
+            self.connection = http.client.HTTPConnection(host, port, **options)
 
     def __enter__(self):
         return self
@@ -54,17 +56,28 @@ class Client:
         return Answer(answer.status, answer.reason, answer.getheaders(), answer.read())
 
 
-def ask(port, method, uri, body=None, headers=(), tls=False, limit=DEFAULT_LIMIT):
+def ask(port, method, uri, body=None, headers=(), tls=False, limit=DEFAULT_LIMIT, source=None):
     """One request over a connection of its own."""
-    with Client(port, tls, limit) as client:
+    with Client(port, tls, limit, source=source) as client:
         return client.ask(method, uri, body, headers)
 
 
-def connect(port, tls=False, limit=DEFAULT_LIMIT):
-    """A raw connection."""
-    connection = socket.create_connection(("127.0.0.1", port), limit)
+def connect(port, tls=False, limit=DEFAULT_LIMIT, source=None, receive_buffer=None):
+    """A raw connection. With a small receive buffer, in bytes, most of what it does not read stays
+    on the other side."""
+    connection = socket.socket()
+    connection.settimeout(limit)
+    if receive_buffer:
+        connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
     connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-    return tls_context().wrap_socket(connection) if tls else connection
+    try:
+        if source:
+            connection.bind((source, 0))
+        connection.connect(("127.0.0.1", port))
+        return tls_context().wrap_socket(connection) if tls else connection
+    except BaseException:
+        connection.close()
+        raise
 
 
 def read_to_end(connection):

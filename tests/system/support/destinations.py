@@ -1,5 +1,6 @@
 """Destinations that behave badly, and a fast one that behaves well."""
 
+import itertools
 import socket
 import threading
 
@@ -93,6 +94,16 @@ def answering(answer, repeat=True):
     return behave
 
 
+def answering_by_uri(sizes):
+    """Each request gets a body of zeros, as many as `sizes` has for its URI."""
+
+    def behave(connection):
+        while request := read_request(connection):
+            connection.sendall(answer_bytes(bytes(sizes[request.split()[1].decode()])))
+
+    return behave
+
+
 def answering_after(event, answer):
     """Each request gets these bytes, the first one not before the event."""
 
@@ -102,6 +113,42 @@ def answering_after(event, answer):
             connection.sendall(answer)
 
     return behave
+
+
+class Noting:
+    """Notes each request that comes, with the number of its connection, and has
+    `answer(connection, number, index)` deal with it: `index` is 0 for the first one of its
+    connection, which ends when that returns something false."""
+
+    def __init__(self, answer):
+        self._answer = answer
+        self._lock = threading.Lock()
+        self._connections = 0
+        self._arrived = []
+
+    def __call__(self, connection):
+        with self._lock:
+            number = self._connections
+            self._connections += 1
+        for index in itertools.count():
+            request = read_request(connection)
+            if not request:
+                return
+            with self._lock:
+                self._arrived.append((number, request))
+            if not self._answer(connection, number, index):
+                return
+
+    @property
+    def connections(self):
+        """The numbers of the connections over which the requests came, in their order."""
+        with self._lock:
+            return [number for number, _ in self._arrived]
+
+    @property
+    def bodies(self):
+        with self._lock:
+            return [request.partition(b"\r\n\r\n")[2] for _, request in self._arrived]
 
 
 def close_at_once(connection):

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <system_error>
 
 #include <sys/resource.h>
@@ -168,13 +169,37 @@ TEST_F(AgentHook, ABodyFileThatCannotBeOpenedIsAnInternalError) {
 }
 
 TEST_F(AgentHook, ABodyFileOnAFullDeviceIsAnInternalError) {
-  // By way of a link, which is all that a host that removes the file here can take away.
-  ASSERT_EQ(::symlink("/dev/full", agentDataPath_.c_str()), 0);
+  std::optional<Fault> full;
+  const test::Before opening("open", [&] { full.emplace("write", ENOSPC, 0, 1); });
   RunHost(false);
   ExpectInternalError(Patch("x"));
   EXPECT_THAT(log_.Lines(),
               Contains("ERROR: bool tavlo::AgentHost::CallHook: Failed to write file " +
                        agentDataPath_ + ": 28 No space left on device"));
+}
+
+// Where others may write to its directory, and the daemon is root.
+TEST_F(AgentHook, ABodyFileThatIsALinkIsAnInternalErrorAndTheOtherFileStays) {
+  const std::string other = directory_.Write("other", "root's");
+  ASSERT_EQ(::symlink(other.c_str(), agentDataPath_.c_str()), 0);
+  RunHost(false);
+  ExpectInternalError(Patch("x"));
+  EXPECT_THAT(log_.Lines(),
+              Contains("ERROR: bool tavlo::AgentHost::CallHook: Failed to write file " +
+                       agentDataPath_ + ": 40 Too many levels of symbolic links"));
+  EXPECT_EQ(test::ReadFile(other), "root's");
+  EXPECT_EQ(scripts_.calls, "");
+}
+
+TEST_F(AgentHook, ABodyFileThatIsAnotherFileTooIsAnInternalErrorAndThatStays) {
+  const std::string other = directory_.Write("other", "root's");
+  ASSERT_EQ(::link(other.c_str(), agentDataPath_.c_str()), 0);
+  RunHost(false);
+  ExpectInternalError(Patch("x"));
+  EXPECT_THAT(log_.Lines(),
+              Contains("ERROR: bool tavlo::AgentHost::CallHook: Failed to write file " +
+                       agentDataPath_ + ": 31 Too many links"));
+  EXPECT_EQ(test::ReadFile(other), "root's");
 }
 
 TEST_F(AgentHook, ABodyThatIsWrittenInPartIsAnInternalErrorAndTheFileStays) {

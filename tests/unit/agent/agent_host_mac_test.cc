@@ -81,6 +81,32 @@ TEST_F(MacLookup, ReadsTheFileForEveryRequest) {
               EndsWith("second"));
 }
 
+TEST_F(MacLookup, TheOtherListenerIsNotMetAtTheFilesLock) {
+  std::string devices = R"({"devices":[)";
+  for (int i = 0; i < 5000; ++i) {  // so many that they would meet
+    devices += R"({"ip":["10.0.0.1","10.0.0.2"],"mac":"00:11:22:33:44:55"},)";
+  }
+  directory_.Write("devices.json", devices + R"({"ip":["127.0.0.1"],"mac":"m"}]})");
+  RunHost(false);
+  const uint16_t otherPort = test::FreePort();
+  auto* const other =
+      new tavlo::AgentHost(nullptr, true, "", directory_.Path(), directory_ / "devices.json",
+                           otherPort, dstAddr_, dstPort_, "", heartbeat_);  // cannot be stopped
+  std::thread([other] { other->Run(); }).detach();
+
+  const Fault pauses("nanosleep", 0, 0, 0);  // counts
+  const auto askOften = [](uint16_t port) {
+    for (int i = 0; i < 100; ++i) {
+      EXPECT_THAT(test::Exchange("127.0.0.1", port, "GET /api/mac HTTP/1.1\r\nHost: x\r\n\r\n"),
+                  EndsWith("\r\n\r\nm"));
+    }
+  };
+  std::thread otherClient(askOften, otherPort);
+  askOften(port_);
+  otherClient.join();
+  EXPECT_EQ(pauses.Calls(), 0);
+}
+
 TEST_F(MacLookup, OtherMethodsAreRefused) {
   RunHost(false);
   for (const char* method : {"POST", "PUT", "DELETE", "PATCH"}) {

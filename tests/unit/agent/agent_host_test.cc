@@ -18,6 +18,7 @@
 
 #include "agent/client_table.h"
 #include "agent/host_fixture.h"
+#include "agent/limits.h"
 #include "agent/listening_socket.h"
 #include "support/faults.h"
 #include "support/wait.h"
@@ -359,7 +360,7 @@ TEST_F(AgentHostTimes, AClientThatIsSilentFor61SecondsIsEnded) {
 TEST_F(AgentHostTimes, ADestinationThatIsSilentFor61SecondsIsGivenUp) {
   constexpr std::chrono::seconds kLimit(61);
   constexpr const char* kLine =
-      "ERROR: static void tavlo::AgentHost::RelayReply: Timeout in forwarding request";
+      "ERROR: void tavlo::AgentHost::RefuseForwarded: Timeout in forwarding request";
   // The kernel makes its connections; nobody reads from them.
   const stdext::descriptor destination(tavlo::OpenListeningSocket("127.0.0.1", dstPort_));
   tavlo::AgentHost& host = RunHost(false);
@@ -385,9 +386,10 @@ TEST_F(AgentHostTest, AConnectionThatIsRefusedOnceIsAcceptedASecondLater) {
   RunHost(false);
   const Fault fault("accept4", EMFILE, 0, 1);
   EXPECT_THAT(Get("/elsewhere"), StartsWith("HTTP/1.1 404 "));
-  EXPECT_THAT(log_.Lines(),
-              Contains("ERROR: static void tavlo::AgentHost::PauseAccepting: Failed to accept a "
-                       "connection: 24 Too many open files"));
+  EXPECT_THAT(
+      log_.Lines(),
+      Contains("ERROR: static void tavlo::ListeningSockets::PauseAccepting: Failed to accept a "
+               "connection: 24 Too many open files"));
 }
 
 TEST_F(AgentHostTest, AListenerThatCannotBeTakenUpAgainIsAnError) {
@@ -397,7 +399,7 @@ TEST_F(AgentHostTest, AListenerThatCannotBeTakenUpAgainIsAnError) {
   const test::Connection client("127.0.0.1", port_);
   EXPECT_TRUE(test::WaitUntil([&] {
     return LogHas(
-        "ERROR: static void tavlo::AgentHost::ResumeAccepting: "
+        "ERROR: static void tavlo::ListeningSockets::OnPauseEnd: "
         "Failed to accept connections again");
   }));
 }
@@ -520,7 +522,7 @@ TEST_F(AgentHostTest, TheLargestRequestFitsWithManyLinesToo) {
 TEST_F(AgentHostTest, ForwardingsThatFailedAtOnceTakeNoPlaceInTheQueue) {
   RunHost(false);
   std::vector<std::unique_ptr<test::Connection>> clients;
-  for (size_t i = 0; i <= tavlo::kMaxForwardings; ++i) {
+  for (size_t i = 0; i <= tavlo::kMaxWaiting; ++i) {
     clients.push_back(std::make_unique<test::Connection>("127.0.0.1", port_));
   }
   WaitForAccept();

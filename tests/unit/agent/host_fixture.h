@@ -41,10 +41,14 @@ class HostFixture : public testing::Test {
     return {};
   }
 
-  // A host on a thread of its own. Neither can be stopped, so both stay until the process ends.
+  // One host on a thread of its own, however often this is called. Neither can be stopped, so both
+  // stay until the process ends.
   tavlo::AgentHost& RunHost(bool secure) {
-    static tavlo::AgentHost* const host = MakeHost(secure).release();
-    std::thread([] { host->Run(); }).detach();
+    static tavlo::AgentHost* const host = [&] {
+      tavlo::AgentHost* const made = MakeHost(secure).release();
+      std::thread([made] { made->Run(); }).detach();
+      return made;
+    }();
     return *host;
   }
 

@@ -26,6 +26,7 @@
 #include "support/temporary_directory.h"
 #include "support/wait.h"
 #include "util/close_on_exec.h"
+#include "util/log.h"
 
 namespace {
 
@@ -781,6 +782,21 @@ TEST_F(StandardError, APartialLineWaitsForItsEnd) {
   EXPECT_THAT(log_.Lines(),
               ElementsAre("ERROR: void Orx::SecureExecStderr: stderr from pid 42: one",
                           "ERROR: void Orx::SecureExecStderr: stderr from pid 42: two"));
+}
+
+TEST_F(StandardError, LinesKeepTheirOrderAndEndAtTheirFirstNul) {
+  EXPECT_EQ(Log(std::string("\none\n\ntwo\0rest\n\nthree\npart", 26), false), "part");
+  const std::string start = "ERROR: void Orx::SecureExecStderr: stderr from pid 42: ";
+  EXPECT_THAT(log_.Lines(),
+              ElementsAre(start, start + "one", start, start + "two", start, start + "three"));
+}
+
+// By moving the rest for each of them it would take longer than a test may.
+TEST(StandardErrorInOnePiece, MillionsOfLinesAreDealtWithInOnePass) {
+  Orx::Log::Open("test", "", 0, false, false, false);  // what logging takes is not the question
+  std::string buffer(4U << 20U, '\n');
+  Orx::SecureExecStderr(buffer, false, 42);
+  EXPECT_EQ(buffer, "");
 }
 
 TEST_F(StandardError, APartialLineIsLoggedAtTheEnd) {

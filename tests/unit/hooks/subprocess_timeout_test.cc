@@ -71,6 +71,22 @@ TEST_F(SubprocessTimeoutTest, SendsSigtermWhenTheTimeIsUp) {
   EXPECT_THAT(log_.Lines(), ElementsAre(RunningLine("1"), KillingLine()));
 }
 
+TEST_F(SubprocessTimeoutTest, AWallClockThatIsSetBackMakesItNoLonger) {
+  test::ShowWallClock(std::chrono::hours(24));
+  auto& timeout = *new Orx::SubprocessTimeout(child_, 1);  // stays if it takes a day
+  std::thread(&Orx::SubprocessTimeout::Run, &timeout).detach();
+  EXPECT_TRUE(test::WaitUntil([this] { return log_.Lines().size() == 2; }));
+  EXPECT_THAT(log_.Lines(), ElementsAre(RunningLine("1"), KillingLine()));
+}
+
+TEST_F(SubprocessTimeoutTest, AWallClockThatIsSetForwardMakesItNoShorter) {
+  test::ShowWallClock(-std::chrono::hours(24));
+  Orx::SubprocessTimeout timeout(child_, 1);
+  const auto start = std::chrono::steady_clock::now();
+  timeout.Run();
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
 TEST_F(SubprocessTimeoutTest, ATimeoutOfNothingFiresAtOnce) {
   Orx::SubprocessTimeout timeout(child_, 0);
   timeout.Run();

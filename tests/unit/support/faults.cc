@@ -67,8 +67,14 @@ void* FreeWith(const char* function, void* object) {
 std::atomic<const timeval*> frozenTime{nullptr};
 std::atomic<int> socketStandIn{-1};
 
+// What FrozenSeconds puts there.
+std::atomic<time_t> frozenSeconds{0};
+
 // How far the monotonic clock is ahead, in nanoseconds.
 std::atomic<long long> passedTime{0};
+
+// How far the wall clock is, in nanoseconds.
+std::atomic<long long> wallClockOffset{0};
 
 // What nanosleep was last asked for, in nanoseconds.
 std::atomic<long long> refusedPause{0};
@@ -80,9 +86,23 @@ int RefusePause(const timespec* wanted) {
   return -1;
 }
 
+long long OffsetOf(int clock) {
+  switch (clock) {
+    case CLOCK_MONOTONIC:
+    case CLOCK_MONOTONIC_COARSE:
+      return passedTime;
+    case CLOCK_REALTIME:
+    case CLOCK_REALTIME_COARSE:
+      return wallClockOffset;
+    default:
+      return 0;
+  }
+}
+
 void Advance(int clock, timespec* now) {
-  if (clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE) {
-    const long long time = now->tv_sec * kSecond + now->tv_nsec + passedTime;
+  const long long offset = OffsetOf(clock);
+  if (offset != 0) {
+    const long long time = now->tv_sec * kSecond + now->tv_nsec + offset;
     now->tv_sec = static_cast<time_t>(time / kSecond);
     now->tv_nsec = static_cast<long>(time % kSecond);
   }
@@ -161,6 +181,13 @@ FAULTY(int, setgid, -1, (unsigned gid), (gid))
 FAULTY(int, setuid, -1, (unsigned uid), (uid))
 FAULTY(int, ftruncate, -1, (int fd, off_t length), (fd, length))
 FAULTY(char*, strsignal, nullptr, (int number), (number))
+FAULTY(time_t, time, frozenSeconds, (time_t * now), (now))
+FAULTY(tm*, gmtime_r, nullptr, (const time_t* time, tm* parts), (time, parts))
+
+// The C++ library's, and the compiler's.
+FAULTY(char*, __cxa_demangle, nullptr, (const char* name, char* text, size_t* size, int* status),
+       (name, text, size, status))
+FAULTY(int, _Unwind_Backtrace, 5, (int (*look)(void*, void*), void* argument), (look, argument))
 
 // A value that stands for no option.
 FAULTY(int, getopt_long, 0,
@@ -264,6 +291,10 @@ void PassTime(std::chrono::nanoseconds time) {
   passedTime += time.count();
 }
 
+void ShowWallClock(std::chrono::nanoseconds ahead) {
+  wallClockOffset = ahead.count();
+}
+
 FrozenClock::FrozenClock(long seconds, long microseconds)
     : time_{seconds, microseconds}, fault_("gettimeofday", 0) {
   frozenTime = &time_;
@@ -271,6 +302,10 @@ FrozenClock::FrozenClock(long seconds, long microseconds)
 
 FrozenClock::~FrozenClock() {
   frozenTime = nullptr;
+}
+
+FrozenSeconds::FrozenSeconds(time_t seconds) : fault_("time", 0) {
+  frozenSeconds = seconds;
 }
 
 SocketStandIn::SocketStandIn(int fd) : fault_("socket", 0, 0, 1) {

@@ -4,6 +4,7 @@
 #include <functional>
 
 #include <sys/time.h>
+#include <time.h>
 
 namespace test {
 
@@ -47,6 +48,10 @@ std::chrono::nanoseconds RefusedPause();
 /// loop, for one, notices when something else happens.
 void PassTime(std::chrono::nanoseconds time);
 
+/// Lets this process see the wall clock so far ahead of the kernel's, which is the one that ends
+/// waits: as if it were set back as soon as somebody has looked at it.
+void ShowWallClock(std::chrono::nanoseconds ahead);
+
 /// Makes the next `count` calls of `read` give one byte each.
 class ShortReads : public Fault {
  public:
@@ -63,6 +68,15 @@ class FrozenClock {
 
  private:
   timeval time_;
+  Fault fault_;
+};
+
+/// Makes `time` tell this time for as long as the object lives.
+class FrozenSeconds {
+ public:
+  explicit FrozenSeconds(time_t seconds);
+
+ private:
   Fault fault_;
 };
 

@@ -1,16 +1,26 @@
 #include "support/socket.h"
 
 #include <cstdlib>
+#include <random>
 #include <stdexcept>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace test {
 
 namespace {
+
+// As in tests/system/support/ports.py: below the range from which the kernel picks the ports of
+// outgoing connections, and with the same locks, so that no test gets another one's port.
+constexpr int kFirstPort = 12000;
+constexpr int kLastPort = 31999;
+constexpr const char* kPortLocks = "/tmp/tavlo-test-ports";
 
 sockaddr_in SocketAddress(const std::string& address, uint16_t port) {
   sockaddr_in result = {};
@@ -31,18 +41,35 @@ bool IsComplete(const std::string& answer) {
   return answer.size() >= headerEnd + 4 + bodyLength;
 }
 
+// The port stays ours as long as the lock file is open: to the end of this process.
+bool Reserve(uint16_t port) {
+  const std::string path = kPortLocks + ("/" + std::to_string(port));
+  const int lock = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_in address = SocketAddress("127.0.0.1", port);
+  const bool isFree =
+      ::flock(lock, LOCK_EX | LOCK_NB) == 0 &&
+      ::bind(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  ::close(probe);
+  if (!isFree) {
+    ::close(lock);
+  }
+  return isFree;
+}
+
 }  // namespace
 
 uint16_t FreePort() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address = SocketAddress("127.0.0.1", 0);
-  socklen_t size = sizeof address;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-    throw std::runtime_error("no free port");
+  ::mkdir(kPortLocks, 0777);
+  std::random_device random;
+  std::uniform_int_distribution<int> anyPort(kFirstPort, kLastPort);
+  for (int attempt = 0; attempt < 1000; ++attempt) {
+    const auto port = static_cast<uint16_t>(anyPort(random));
+    if (Reserve(port)) {
+      return port;
+    }
   }
-  ::close(fd);
-  return ntohs(address.sin_port);
+  throw std::runtime_error("no free port");
 }
 
 std::string Exchange(const std::string& address, uint16_t port, const std::string& request) {

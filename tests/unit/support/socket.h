@@ -5,7 +5,7 @@
 
 namespace test {
 
-/// A TCP port of 127.0.0.1 that was free a moment ago.
+/// A TCP port of 127.0.0.1 that no other test has or gets until this process ends.
 uint16_t FreePort();
 
 /// Connects, sends `request` and returns all that comes back until the peer closes or, when it

@@ -83,6 +83,7 @@ using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
+using testing::StartsWith;
 
 using CrashHandlerTest = test::CrashTest;
 
@@ -250,6 +251,36 @@ TEST_F(CrashHandlerTest, TheTimeOfTheRecordIsUtcAndExactToTheSecond) {
   EXPECT_GE(::timegm(&utc), before);
   EXPECT_LE(::timegm(&utc), std::time(nullptr));
 }
+
+struct Moment {
+  std::time_t seconds;
+  const char* text;
+
+  friend std::ostream& operator<<(std::ostream& out, const Moment& moment) {
+    return out << moment.text;
+  }
+};
+
+class TimeOfTheRecord : public CrashHandlerTest, public testing::WithParamInterface<Moment> {};
+
+TEST_P(TimeOfTheRecord, IsThatOfTheCrash) {
+  ExpectEndedBy(Crash([] {
+                  const test::FrozenSeconds clock(GetParam().seconds);
+                  CrashHere(SIGSEGV);
+                }),
+                SIGSEGV);
+  EXPECT_THAT(Record(), StartsWith("(" + std::string(GetParam().text) + ") Process exit"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Dates, TimeOfTheRecord,
+                         testing::Values(Moment{0, "1970-01-01 00:00:00"},
+                                         Moment{68255999, "1972-02-29 23:59:59"},
+                                         Moment{68256000, "1972-03-01 00:00:00"},
+                                         Moment{951782400, "2000-02-29 00:00:00"},
+                                         Moment{1735689599, "2024-12-31 23:59:59"},
+                                         Moment{1735689600, "2025-01-01 00:00:00"},
+                                         Moment{1795340071, "2026-11-22 09:34:31"},
+                                         Moment{4107542400, "2100-03-01 00:00:00"}));
 
 TEST_F(CrashHandlerTest, OtherSignalsAreNotHandled) {
   const auto handled = [] {

@@ -22,10 +22,12 @@
 
 #include "support/faults.h"
 #include "support/log_turn.h"
+#include "support/stuck_console.h"
 #include "support/syslog_recorder.h"
 #include "support/temporary_directory.h"
 #include "util/descriptor.h"
 #include "util/log.h"
+#include "util/privilege.h"
 
 namespace {
 
@@ -255,6 +257,63 @@ TEST(LogStandardError, IsTheConsole) {
   EXPECT_THAT(Lines(test::ReadFile(path)), ElementsAre("ERROR: text"));
 }
 
+// Without the fixture's console: the lines go where they go.
+class LogStuckConsole : public testing::Test {
+ protected:
+  std::vector<std::string> FileLines() const { return Lines(test::ReadFile(path_)); }
+
+  const test::TemporaryDirectory directory_;
+  const std::string path_ = directory_ / "log";
+};
+
+TEST_F(LogStuckConsole, LosesLinesThatAreCountedAndHoldsUpNobody) {
+  test::StuckConsole console;
+  Open("test", path_, kInfo, kOn, kOff, kOn);
+  for (const char* text : {"first", "second", "third"}) {
+    Message2(kInfo, "", "%s", text);
+  }
+  EXPECT_EQ(console.Read(), "");
+  EXPECT_THAT(FileLines(), ElementsAre("INFO: first", "INFO: second", "INFO: third"));
+
+  Message2(kError, "", "fourth");
+  Message2(kError, "", "fifth");
+  EXPECT_THAT(Lines(console.Read()),
+              ElementsAre("INFO: void Orx::Log::Message2: Lines that the console did not take: 3",
+                          "ERROR: fourth", "ERROR: fifth"));
+  EXPECT_THAT(FileLines(), testing::SizeIs(5));
+}
+
+// As for a terminal that has room for less than a line.
+TEST_F(LogSinks, ALineThatTheConsoleTakesInPartIsCountedToo) {
+  Open("test", "", kInfo, kOn, kOff, kOff);
+  std::streambuf* const working = std::clog.rdbuf(nullptr);
+  Message2(kInfo, "", "first");
+  std::clog.rdbuf(working);
+  Message2(kInfo, "", "second");
+  EXPECT_THAT(ConsoleLines(),
+              ElementsAre("INFO: void Orx::Log::Message2: Lines that the console did not take: 1",
+                          "INFO: second"));
+}
+
+TEST_F(LogStuckConsole, TheSystemLogDoesNotWaitForIt) {
+  static const char* const name = "test";
+  test::StuckConsole console;
+  Open(name, "", kInfo, kOff, kOn, kOff);
+  Message2(kInfo, "", "first");
+  Message2(kInfo, "", "second");
+  EXPECT_THAT(Syslog().calls, ElementsAre("setlogmask", "openlog", "openlog", "syslog", "syslog"));
+  EXPECT_EQ(Syslog().ident, name);
+  EXPECT_EQ(Syslog().options, LOG_PID | LOG_NDELAY);
+  EXPECT_EQ(Syslog().facility, LOG_USER);
+
+  console.Read();
+  Message2(kInfo, "", "third");
+  Message2(kInfo, "", "fourth");
+  EXPECT_THAT(Syslog().calls, ElementsAre("setlogmask", "openlog", "openlog", "syslog", "syslog",
+                                          "openlog", "syslog", "syslog"));
+  EXPECT_EQ(Syslog().options, LOG_PID | LOG_NDELAY | LOG_PERROR);
+}
+
 TEST_F(LogSyslog, IsMaskedAndThenOpened) {
   static const char* const name = "tavlo";
   Open(name, "", kInfo, kOff, kOn, kOff);
@@ -373,6 +432,45 @@ TEST_F(LogFileSink, MayBeASlowTerminal) {
   }
   writer.join();
   EXPECT_TRUE(Orx::Log::Detail::LogFile().IsGood());
+}
+
+TEST_F(LogFileSink, MayBeALinkOfOnesOwn) {
+  const std::string target = directory_ / "target";
+  ASSERT_EQ(::symlink(target.c_str(), path_.c_str()), 0);
+  Open("test", path_, kInfo, kOff, kOff, kOn);
+  Message2(kInfo, "", "text");
+  EXPECT_THAT(Lines(test::ReadFile(target)), ElementsAre("INFO: text"));
+}
+
+TEST_F(LogFileSink, IsNotLookedForBehindALinkOfSomebodyElse) {
+  constexpr uid_t kSomebody = 65534;
+  const std::string other = directory_.Write("other", "root's");
+  ASSERT_EQ(::symlink(other.c_str(), path_.c_str()), 0);
+  if (::lchown(path_.c_str(), kSomebody, kSomebody) != 0) {
+    GTEST_SKIP() << "only root can give a link away";
+  }
+  Open("test", path_, kInfo, kOff, kOff, kOn);
+  Message2(kInfo, "", "text");
+  EXPECT_FALSE(Orx::Log::Detail::LogFile().IsOpen());
+  EXPECT_EQ(test::ReadFile(other), "root's");
+
+  fs::remove(path_);
+  Reopen();
+  Message2(kInfo, "", "more text");
+  EXPECT_THAT(FileLines(), ElementsAre("INFO: more text"));
+}
+
+TEST_F(LogFileSink, MayBeALinkOfRootsForAnotherUser) {
+  const std::string target = directory_.Write("target", "");
+  ASSERT_EQ(::symlink(target.c_str(), path_.c_str()), 0);
+  fs::permissions(target, fs::perms(0666));
+  fs::permissions(directory_.Path(), fs::perms(0755));
+  if (::geteuid() != 0 || !stdext::drop_privilege("nobody").IsOk()) {
+    GTEST_SKIP() << "only root can become somebody else";
+  }
+  Open("test", path_, kInfo, kOff, kOff, kOn);
+  Message2(kInfo, "", "text");
+  EXPECT_THAT(Lines(test::ReadFile(target)), ElementsAre("INFO: text"));
 }
 
 TEST_F(LogFileSink, IsAppendedToAndNeverTruncated) {
