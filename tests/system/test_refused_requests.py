@@ -2,13 +2,16 @@
 reads them, whatever it would make of them, over both listeners and however they are cut."""
 
 import re
+import threading
 import time
 
 import pytest
 
 from support.clients import ask, connect, read_to_end
+from support.destinations import Destination, answer_bytes
+from support.raw_requests import RequestRecorder
 from support.scratch_root import PAIRING_KEY
-from support.waiting import wait_until
+from support.waiting import DEFAULT_LIMIT, wait_until
 
 KEY = b"PairingKey: " + PAIRING_KEY.encode() + b"\r\n"
 START = b"PATCH /api/1/router-ref HTTP/1.1\r\nHost: x\r\n"
@@ -164,6 +167,44 @@ def test_what_follows_an_answer_of_the_librarys_own_is_read_along_with(shared, t
         mark = shared.mark()
         wait_until(lambda: shared.count_in_log("is refused: " + BLANK, since=0), "the refusal")
         assert [text for _, text in shared.messages(mark) if "/api/" in text] == []
+
+
+EXPECTING = ALLOWED.replace(KEY, KEY + b"Expect: 100-continue\r\nContent-Length: 4\r\n")
+IN_TURN = {name: REFUSED[name] for name in (
+    "a blank before the key's colon", "a NUL before the key", "a length and chunks", "two keys",
+    "the key in the trailer", "a chunk that goes on", "CONNECT with a blank before a colon")}
+
+
+@pytest.mark.parametrize("request_bytes, _, answer", IN_TURN.values(), ids=IN_TURN)
+@pytest.mark.parametrize("first", [ALLOWED, EXPECTING + b"body"], ids=["plain", "expecting"])
+@pytest.mark.parametrize("tls", [False, True])
+def test_it_is_refused_in_its_turn(root, daemon, tls, first, request_bytes, _, answer):
+    """Behind a request that waits for its answer, in one piece with it or in a later one."""
+    for pieces in ([first + request_bytes], [first, request_bytes], [first[:-2], first[-2:] +
+                   request_bytes[:9], request_bytes[9:]]):
+        go_on = threading.Event()
+        recorder = RequestRecorder(answer_bytes(b"ok"))
+
+        def answer_later(connection):
+            go_on.wait(DEFAULT_LIMIT)
+            recorder(connection)
+
+        with Destination(root.destination_port, answer_later) as destination:
+            with connect(port_of(root, tls), tls) as client:
+                send_in_pieces(client, pieces)
+                destination.wait_for_connections(1)
+                go_on.set()
+                client.settimeout(DEFAULT_LIMIT)
+                data = b""
+                while data.count(b"HTTP/1.1 ") - data.count(b"HTTP/1.1 100 ") < 2:
+                    part = client.recv(65536)
+                    assert part, data
+                    data += part
+        data = data.replace(b"HTTP/1.1 100 Continue\r\n\r\n", b"")
+        assert data.startswith(b"HTTP/1.1 200 OK\r\n")
+        assert b"\r\n\r\nokHTTP/1.1 " + answer in data
+        assert len(recorder.take()) == 1
+        wait_until(lambda: not daemon.has_connection_to(root.destination_port), "a new start")
 
 
 GOOD = {
