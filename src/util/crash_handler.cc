@@ -224,6 +224,14 @@ void WriteEnd(int fd) {
   WriteLine(fd, "--------------------------------------------------\n\n");
 }
 
+void WriteRecord(int fd, const Cause& cause) {
+  WriteHeading(fd, cause);
+  for (size_t i = 0; i < state.frameCount; ++i) {
+    WriteFrame(fd, i);
+  }
+  WriteEnd(fd);
+}
+
 // In a copy of the process, to which whatever happens does no harm: puts the record, which begins
 // at `start`, anew with names that people read.
 [[noreturn]] void RewriteRecord(int fd, off_t start, const Cause& cause) {
@@ -237,11 +245,7 @@ void WriteEnd(int fd) {
     }
   }
   if (::ftruncate(fd, start) == 0) {
-    WriteHeading(fd, cause);
-    for (size_t i = 0; i < state.frameCount; ++i) {
-      WriteFrame(fd, i);
-    }
-    WriteEnd(fd);
+    WriteRecord(fd, cause);
   }
   ::_exit(EXIT_SUCCESS);
 }

@@ -24,7 +24,7 @@ std::string Record() {
   static const int fd = ::memfd_create("record", 0);
   char record[4096];
   fuzz::Require(::ftruncate(fd, 0) == 0 && ::lseek(fd, 0, SEEK_SET) == 0, "the file is empty");
-  WriteRecord(fd, SIGSEGV, siginfo_t(), Registers());
+  WriteRecord(fd, {std::time(nullptr), SIGSEGV, nullptr, Registers()});
   const ssize_t size = ::pread(fd, record, sizeof record, 0);
   return {record, static_cast<size_t>(std::max<ssize_t>(size, 0))};
 }

@@ -73,8 +73,8 @@ TEST_F(SubprocessTimeoutTest, SendsSigtermWhenTheTimeIsUp) {
 
 TEST_F(SubprocessTimeoutTest, AWallClockThatIsSetBackMakesItNoLonger) {
   test::ShowWallClock(std::chrono::hours(24));
-  auto& timeout = *new Orx::SubprocessTimeout(child_, 1);  // stays if it takes a day
-  std::thread(&Orx::SubprocessTimeout::Run, &timeout).detach();
+  static auto* const timeout = new Orx::SubprocessTimeout(child_, 1);  // stays if it takes a day
+  std::thread(&Orx::SubprocessTimeout::Run, timeout).detach();
   EXPECT_TRUE(test::WaitUntil([this] { return log_.Lines().size() == 2; }));
   EXPECT_THAT(log_.Lines(), ElementsAre(RunningLine("1"), KillingLine()));
 }
