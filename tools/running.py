@@ -154,7 +154,9 @@ def run(steps, remarks=()):
     """Runs them and prints what became of them, and the remarks; returns whether all was well."""
     # Whatever a test leaves behind becomes a child of ours, so that it can be found at the end.
     ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)
-    signal.signal(signal.SIGTERM, signal.default_int_handler)
+    # Also where it was started in the background, with the first one ignored.
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, signal.default_int_handler)
     tally, display = Tally(), Display()
     try:
         run_steps(steps, tally, display)

@@ -48,9 +48,11 @@ def program(tree, name, script):
 
 
 def start(tree, *command):
+    """As a shell starts it in the background: with interruptions ignored."""
     return subprocess.Popen(
         [tree / command[0], *command[1:]], text=True, stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE, env={**os.environ, "PATH": f"{tree}/programs:{os.environ['PATH']}",
+        stderr=subprocess.PIPE, preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_IGN),
+        env={**os.environ, "PATH": f"{tree}/programs:{os.environ['PATH']}",
                                      "PYTHONDONTWRITEBYTECODE": "1"})
 
 

@@ -12,9 +12,10 @@ from support.clients import Client
 from support.daemon import BINARY
 from support.destinations import Destination, answer_bytes, answering
 from support.scratch_root import PAIRING_KEY
-from support.waiting import EMULATOR, SANITIZER
+from support.waiting import DEFAULT_LIMIT, EMULATOR, SANITIZER
 
 REQUESTS = 300
+START_LIMIT = 5 * DEFAULT_LIMIT  # seconds: under valgrind all takes some fifty times as long
 
 SHORT = b"x" * 200
 BODY = b"x" * 32768
@@ -51,7 +52,7 @@ def instructions(root, make_daemon, requests, method="GET", uri="/api/version", 
     daemon = make_daemon(options=[], prefix=[
         "valgrind", "--tool=callgrind", f"--callgrind-out-file={counts}", "--quiet"])
     daemon.log.unlink(missing_ok=True)  # an earlier daemon has said there that it has started
-    daemon.start()
+    daemon.launch().wait_for_log("INFO: void Run: tavlo started$", limit=START_LIMIT)
     with Client(root.https_port if tls else root.http_port, tls=tls) as client:
         for _ in range(requests):
             answer = client.ask(method, uri, headers={"PairingKey": PAIRING_KEY}, body=body)
