@@ -128,9 +128,14 @@ void ClientTable::OnInput(evbuffer* input, const evbuffer_cb_info* change, void*
 
 void ClientTable::OnOutput(evbuffer* output, const evbuffer_cb_info* change, void* client) {
   auto* const self = static_cast<Client*>(client);
+  if (self->isEnding) {
+    return;
+  }
   if (change->n_added > 0 && self->state == State::kReceiving) {
     RunGuarded(__PRETTY_FUNCTION__,
                [&] { self->table->OnLibraryOutput(self, StatusAt(output, change->orig_size)); });
+  } else if (self->isOver && evbuffer_get_length(output) == 0) {
+    self->table->End(self);
   }
 }
 
@@ -210,10 +215,6 @@ void ClientTable::TakeInput(Client* client, evbuffer* input, size_t added) {
     return;
   }
   LookAtAnswer(client);
-  if (client->isOver && client->state == State::kReceiving) {
-    End(client);  // it was refused; libevent leaves the connection of a CONNECT open
-    return;
-  }
   if (client->state != State::kReceiving || client->isRefused) {
     StopReading(client->connection);  // what is here already is bounded by what one read takes
   }
@@ -244,7 +245,7 @@ void ClientTable::Refuse(Client* client, evbuffer* input, size_t sound) {
 // libevent answers by itself what it cannot read, or has no method for. A "100 Continue" is no
 // answer.
 void ClientTable::OnLibraryOutput(Client* client, int status) {
-  if (client->isEnding || status <= 100) {
+  if (status <= 100) {
     return;
   }
   ORX_LOG(Orx::Log::kInfo, "Answered %d to a request of %s that was not taken up", status,
@@ -255,7 +256,7 @@ void ClientTable::OnLibraryOutput(Client* client, int status) {
     BeginNextRequest(client);  // after a CONNECT others may follow
     return;
   }
-  // Where the next request would begin nobody knows.
+  // Where the next request would begin nobody knows; libevent does not always end the connection.
   client->isRefused = true;
   client->isOver = true;
   evbuffer* const input = InputOf(client->connection);

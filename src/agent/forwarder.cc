@@ -113,7 +113,11 @@ void Forwarder::OnTurn(evutil_socket_t, short, void* forwarder) {
 }
 
 void Forwarder::OnInput(evbuffer*, const evbuffer_cb_info* change, void* forwarder) {
-  static_cast<Forwarder*>(forwarder)->reply_.received += change->n_added;
+  auto* const self = static_cast<Forwarder*>(forwarder);
+  self->reply_.received += change->n_added;
+  if (!self->underWay_ && change->n_added > 0) {
+    self->hasSentMore_ = true;
+  }
 }
 
 int Forwarder::OnHead(evhttp_request* reply, void* forwarder) {
@@ -358,7 +362,9 @@ void Forwarder::TakeReply(evhttp_request* reply) {
   } else if (evhttp_request_get_response_code(reply) == 0) {
     End(Outcome::kNoAnswer, nullptr);
   } else {
-    mayServeAgain_ = !reply_.endsConnection;
+    // A destination that has once sent more than it was asked for gets a connection for each
+    // request: nothing else tells an answer that it repeats from that to the next one.
+    mayServeAgain_ = !reply_.endsConnection && !hasSentMore_;
     evbuffer_add_buffer(evhttp_request_get_input_buffer(reply), pieces_.get());
     EndConnectionWithMore();
     End(Outcome::kReply, reply);
@@ -408,6 +414,7 @@ void Forwarder::EndConnectionWithMore() {
   if (evbuffer_get_length(bufferevent_get_input(stream)) > 0) {
     ORX_LOG(Orx::Log::kError,
             "The SDK REST host sent more than its reply: the connection is ended");
+    hasSentMore_ = true;
     mayServeAgain_ = false;
     ::shutdown(bufferevent_getfd(stream), SHUT_RDWR);
   }

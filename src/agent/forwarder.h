@@ -124,6 +124,7 @@ class Forwarder {
   std::shared_ptr<evbuffer> pieces_;  // of its body, when its length is not known beforehand
   bool mayServeAgain_ = false;        // the connection, as far as its last reply tells
   bool hasServed_ = false;            // the connection, before the request under way
+  bool hasSentMore_ = false;          // the destination, at any time, than it was asked for
 };
 
 }  // namespace tavlo
