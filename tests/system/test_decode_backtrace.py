@@ -132,7 +132,7 @@ class Program:
         self.source = directory / "program.cc"
         self.source.write_text(PROGRAM)
         self.library = []
-        for name in ("crash_handler", "descriptor", "log", "standard_error"):
+        for name in ("crash_handler", "descriptor", "standard_error", "log"):
             self.library.append(directory / f"{name}.o")
             run("g++", "-std=c++17", "-O1", "-fPIE", "-I", PROJECT / "src",
                 "-c", PROJECT / "src" / "util" / f"{name}.cc", "-o", self.library[-1])
