@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
@@ -12,7 +12,6 @@
 #include <event2/bufferevent_ssl.h>
 #include <event2/event.h>
 #include <event2/http.h>
-#include <linux/sockios.h>
 #include <sys/ioctl.h>
 
 #include "agent/callback_guard.h"
@@ -57,7 +56,7 @@ void StopReading(evhttp_connection* connection) {
 size_t HeldByKernel(evhttp_connection* connection) {
   int bytes = 0;
   const int fd = bufferevent_getfd(evhttp_connection_get_bufferevent(connection));
-  return ::ioctl(fd, SIOCOUTQ, &bytes) == 0 ? static_cast<size_t>(bytes) : 0;
+  return ::ioctl(fd, TIOCOUTQ, &bytes) == 0 ? static_cast<size_t>(bytes) : 0;
 }
 
 // libevent would abort the process if it were told of input while a request is answered, as TLS
@@ -94,13 +93,13 @@ size_t Show(RequestFraming* framing, evbuffer* input, size_t added) {
 int StatusAt(evbuffer* output, size_t offset) {
   std::array<char, sizeof "HTTP/1.1 413 "> line = {};
   evbuffer_ptr place;
-  int status = 0;
   if (evbuffer_ptr_set(output, &place, offset, EVBUFFER_PTR_SET) != 0 ||
       evbuffer_copyout_from(output, &place, line.data(), line.size() - 1) < 0 ||
-      std::sscanf(line.data(), "HTTP/%*d.%*d %d", &status) != 1) {
+      std::strncmp(line.data(), "HTTP/", 5) != 0) {
     return 0;
   }
-  return status;
+  const char* const blank = std::strchr(line.data(), ' ');
+  return blank != nullptr ? static_cast<int>(std::strtol(blank, nullptr, 10)) : 0;
 }
 
 }  // namespace

@@ -70,7 +70,7 @@ def reasons_in_the_source():
     text = "".join(path.read_text(encoding="utf-8")
                    for path in [*sorted(AGENT.glob("*.cc")), *sorted(AGENT.glob("*.h"))])
     found = set()
-    for argument in re.findall(r"evhttp_send_error\(\w+, HTTP_\w+,\s*([^)]+)\)", text):
+    for argument in re.findall(r"\bRefuse\(\w+, HTTP_\w+,\s*([^)]+)\)", text):
         literals = re.findall(r'"([^"]+)"', argument)
         if not literals:
             definition = re.search(rf"\b{argument} =([^;]+);", text)

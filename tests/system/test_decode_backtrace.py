@@ -598,7 +598,8 @@ def test_missing_files_are_named(program):
 
 def test_a_file_that_is_no_program_is_refused(program):
     assert "program.cc is no ELF file" in refuse(program.source, program.record)
-    assert "log.o is no linked program" in refuse(program.library[-1], program.record)
+    part = program.library[-1]
+    assert f"{part.name} is no linked program" in refuse(part, program.record)
 
 
 def test_a_binary_without_debug_information_is_refused(program):
