@@ -111,6 +111,7 @@ class AgentHost {
   // afterwards.
   void Answer(evhttp_request* req, int status, const char* reason, evbuffer* body);
   void Refuse(evhttp_request* req, int status, const char* reason);
+  void WriteAtOnce(evhttp_connection* client);
 
   Orx::HookInvoker* invoker_;
   bool secure_;

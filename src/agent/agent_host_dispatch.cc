@@ -220,6 +220,7 @@ void AgentHost::Answer(evhttp_request* req, int status, const char* reason, evbu
     JoinPieces(client);
   }
   clients_->OnAnswer(client);
+  WriteAtOnce(client);
 }
 
 void AgentHost::Refuse(evhttp_request* req, int status, const char* reason) {
@@ -227,6 +228,19 @@ void AgentHost::Refuse(evhttp_request* req, int status, const char* reason) {
   DropBodyAndUri(req);
   evhttp_send_error(req, status, reason);
   clients_->OnAnswer(client);
+  WriteAtOnce(client);
+}
+
+// In this turn of the loop instead of the next. Not for a client that has sent more: its requests
+// would have turn after turn, and others would wait.
+void AgentHost::WriteAtOnce(evhttp_connection* client) {
+  if (client == nullptr) {
+    return;
+  }
+  bufferevent* const stream = evhttp_connection_get_bufferevent(client);
+  if (evbuffer_get_length(bufferevent_get_input(stream)) == 0) {
+    event_base_active_by_fd(base_.get(), bufferevent_getfd(stream), EV_WRITE);
+  }
 }
 
 }  // namespace tavlo

@@ -291,7 +291,10 @@ int Forwarder::HandOver(evhttp_request* request) {
   const std::string target = underWay_->target;  // ours may be gone before the call returns
   evhttp_connection_set_max_body_size(connection, static_cast<ev_ssize_t>(reply_.room));
   if (hasServed_) {
-    return evhttp_make_request(connection, request, method, target.c_str());
+    const int result = evhttp_make_request(connection, request, method, target.c_str());
+    const int fd = bufferevent_getfd(evhttp_connection_get_bufferevent(connection));
+    event_base_active_by_fd(base_, fd, EV_WRITE);  // in this turn of the loop, not in the next
+    return result;
   }
   // libevent opens the connection without making it close-on-exec. The reply callback may run in
   // here, under this lock: it must never start a program.

@@ -34,19 +34,37 @@ constexpr int kSystemLogOptions = LOG_PID | LOG_NDELAY | LOG_PERROR;
 // One more for the line feed, and one for the NUL behind it.
 using Line = char[kMaxLineLength + 2];
 
-// Empty when the clock cannot be read.
-using TimeText = std::array<char, 48>;
+size_t Append(Line& line, size_t length, const char* text, size_t count) {
+  const size_t fitting = std::min(count, kMaxLineLength - length);
+  std::memcpy(line + length, text, fitting);
+  return length + fitting;
+}
 
-TimeText CurrentTime() {
-  TimeText text = {};
+// Nothing when the clock cannot be read. The caller holds the mutex.
+size_t AppendTime(Line& line, size_t length) {
+  // Most lines share their second with the one before.
+  static time_t second = 0;
+  static std::array<char, 32> secondText;
+  static size_t secondLength = 0;
   timeval now = {};
   tm utc = {};
-  if (::gettimeofday(&now, nullptr) == 0 && ::gmtime_r(&now.tv_sec, &utc) != nullptr) {
-    const size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S.", &utc);
-    std::snprintf(text.data() + length, text.size() - length, "%.3ld ",
-                  static_cast<long>(now.tv_usec / 1000));
+  if (::gettimeofday(&now, nullptr) != 0) {
+    return length;
   }
-  return text;
+  if (secondLength == 0 || now.tv_sec != second) {
+    second = now.tv_sec;
+    secondLength =
+        ::gmtime_r(&second, &utc) == nullptr
+            ? 0
+            : std::strftime(secondText.data(), secondText.size(), "%Y-%m-%d %H:%M:%S.", &utc);
+  }
+  if (secondLength == 0) {
+    return length;
+  }
+  const auto digit = [&now](long unit) { return static_cast<char>('0' + now.tv_usec / unit % 10); };
+  const char milliseconds[] = {digit(100000), digit(10000), digit(1000), ' '};
+  length = Append(line, length, secondText.data(), secondLength);
+  return Append(line, length, milliseconds, sizeof milliseconds);
 }
 
 const char* LevelPrefix(int level) {
@@ -64,11 +82,16 @@ const char* LevelPrefix(int level) {
 
 // Writes what stands before the message; returns its length.
 size_t FormatPrefix(Line& line, int level, const char* function) {
-  const auto nameLength = static_cast<int>(std::strcspn(function, "("));
-  const int length = std::snprintf(line, kMaxLineLength + 1, "%s%s%s%.*s%s", CurrentTime().data(),
-                                   Detail::LogPidTid().data(), LevelPrefix(level), nameLength,
-                                   function, *function != '\0' ? ": " : "");
-  return std::min(static_cast<size_t>(length), kMaxLineLength);
+  const char* const who = Detail::LogPidTid().data();
+  const char* const prefix = LevelPrefix(level);
+  size_t length = AppendTime(line, 0);
+  length = Append(line, length, who, std::strlen(who));
+  length = Append(line, length, prefix, std::strlen(prefix));
+  if (*function != '\0') {
+    length = Append(line, length, function, std::strcspn(function, "("));
+    length = Append(line, length, ": ", 2);
+  }
+  return length;
 }
 
 // Tells of lines that did not reach the console, in their place; returns whether that did.
@@ -226,11 +249,13 @@ std::mutex& Mutex() {
   return mutex;
 }
 
-PidTidText LogPidTid() {
+const PidTidText& LogPidTid() {
   static const auto pid = static_cast<unsigned long>(::getpid());
-  PidTidText text = {};
-  std::snprintf(text.data(), text.size(), "[%lx.%lx] ", pid,
-                static_cast<unsigned long>(::pthread_self()));
+  thread_local PidTidText text = {};
+  if (text[0] == '\0') {
+    std::snprintf(text.data(), text.size(), "[%lx.%lx] ", pid,
+                  static_cast<unsigned long>(::pthread_self()));
+  }
   return text;
 }
 

@@ -82,9 +82,10 @@ const std::string& FilePath(const std::string& initial = std::string());
 LogFileStream& LogFile();
 std::mutex& Mutex();
 
-/// The process and thread part of a line, with its NUL: "[4d2.7f9c5a01c0] ".
+/// The process and thread part of a line, with its NUL: "[4d2.7f9c5a01c0] ". It is the calling
+/// thread's own.
 using PidTidText = std::array<char, 40>;
-PidTidText LogPidTid();
+const PidTidText& LogPidTid();
 
 }  // namespace Detail
 

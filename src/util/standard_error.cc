@@ -16,15 +16,24 @@ namespace {
 
 constexpr int kPatienceMs = 100;
 
-bool IsPipeOrTerminal(int fd) {
-  struct stat info = {};
-  return ::fstat(fd, &info) == 0 && (S_ISFIFO(info.st_mode) || ::isatty(fd) == 1);
+bool IsPipeOrTerminal(const struct stat& info) {
+  return S_ISFIFO(info.st_mode) || ::isatty(STDERR_FILENO) == 1;
 }
+
+// A file, or /dev/null, takes a line whenever it comes.
+bool MayWait(const struct stat& info) {
+  return IsPipeOrTerminal(info) || S_ISSOCK(info.st_mode);
+}
+
+std::atomic<bool> mayWait(true);
 
 }  // namespace
 
 bool standard_error_takes_a_line() {
   static std::atomic<bool> isStuck(false);
+  if (!mayWait) {
+    return true;
+  }
   pollfd entry = {STDERR_FILENO, POLLOUT, 0};
   const int patience = isStuck ? 0 : kPatienceMs;
   // An error is for the one who writes.
@@ -33,7 +42,12 @@ bool standard_error_takes_a_line() {
 }
 
 void own_standard_error() {
-  if (!IsPipeOrTerminal(STDERR_FILENO)) {
+  struct stat info = {};
+  if (::fstat(STDERR_FILENO, &info) != 0) {
+    return;
+  }
+  mayWait = MayWait(info);
+  if (!IsPipeOrTerminal(info)) {
     return;
   }
   const descriptor own(retry_on_interrupt([] {
