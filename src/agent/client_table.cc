@@ -1,7 +1,6 @@
 #include "agent/client_table.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -90,17 +89,20 @@ size_t Show(RequestFraming* framing, evbuffer* input, size_t added) {
   return shown;
 }
 
-// The status in the first line of an answer; 0 when the bytes are none.
+// The status in the first line of an answer; 0 when the bytes are none. They are looked at where
+// they are: nothing can be copied from a bufferevent's output.
 int StatusAt(evbuffer* output, size_t offset) {
-  std::array<char, sizeof "HTTP/1.1 413 "> line = {};
   evbuffer_ptr place;
-  int status = 0;
+  evbuffer_iovec piece;
   if (evbuffer_ptr_set(output, &place, offset, EVBUFFER_PTR_SET) != 0 ||
-      evbuffer_copyout_from(output, &place, line.data(), line.size() - 1) < 0 ||
-      std::sscanf(line.data(), "HTTP/%*d.%*d %d", &status) != 1) {
+      evbuffer_peek(output, -1, &place, &piece, 1) <= 0) {
     return 0;
   }
-  return status;
+  constexpr size_t kLength = sizeof "HTTP/1.1 413 " - 1;
+  const std::string line(static_cast<const char*>(piece.iov_base),
+                         std::min(piece.iov_len, kLength));
+  int status = 0;
+  return std::sscanf(line.c_str(), "HTTP/%*d.%*d %d", &status) == 1 ? status : 0;
 }
 
 }  // namespace
