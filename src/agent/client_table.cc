@@ -1,7 +1,6 @@
 #include "agent/client_table.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -89,17 +88,22 @@ size_t Show(RequestFraming* framing, evbuffer* input, size_t added) {
   return shown;
 }
 
-// The status in the first line of an answer; 0 when the bytes are none.
+// The status in the first line of an answer; 0 when the bytes are none. They are looked at where
+// they are: nothing can be copied from a bufferevent's output.
 int StatusAt(evbuffer* output, size_t offset) {
-  std::array<char, sizeof "HTTP/1.1 413 "> line = {};
   evbuffer_ptr place;
+  evbuffer_iovec piece;
   if (evbuffer_ptr_set(output, &place, offset, EVBUFFER_PTR_SET) != 0 ||
-      evbuffer_copyout_from(output, &place, line.data(), line.size() - 1) < 0 ||
-      std::strncmp(line.data(), "HTTP/", 5) != 0) {
+      evbuffer_peek(output, -1, &place, &piece, 1) <= 0) {
     return 0;
   }
-  const char* const blank = std::strchr(line.data(), ' ');
-  return blank != nullptr ? static_cast<int>(std::strtol(blank, nullptr, 10)) : 0;
+  constexpr size_t kLength = sizeof "HTTP/1.1 413 " - 1;
+  const std::string line(static_cast<const char*>(piece.iov_base),
+                         std::min(piece.iov_len, kLength));
+  const size_t blank = line.find(' ');
+  return line.rfind("HTTP/", 0) == 0 && blank != line.npos
+             ? static_cast<int>(std::strtol(line.c_str() + blank, nullptr, 10))
+             : 0;
 }
 
 }  // namespace
