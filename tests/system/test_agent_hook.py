@@ -9,7 +9,7 @@ import pytest
 
 from support.clients import Client, ask
 from support.scratch_root import PAIRING_KEY
-from support.waiting import open_fifo_for_its_reader, wait_until
+from support.waiting import EMULATOR, SANITIZER, open_fifo_for_its_reader, wait_until
 
 KEY = {"PairingKey": PAIRING_KEY}
 
@@ -98,7 +98,8 @@ def test_all_that_a_script_writes_on_standard_error_is_logged(root, hooked, sdk_
     lines = [text.rpartition(": ")[2] for level, text in hooked.messages()
              if level == "ERROR" and text.startswith("stderr from pid ")]
     assert lines == [str(number) for number in range(1, 30001)]
-    assert hooked.peak_resident_kib() - before < 1024
+    if not (SANITIZER or EMULATOR):  # theirs says nothing
+        assert hooked.peak_resident_kib() - before < 1024
 
 
 def test_the_last_directory_that_was_run_has_the_say(root, hooked, sdk_host):

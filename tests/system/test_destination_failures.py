@@ -35,7 +35,7 @@ WITHOUT_REPLY = {
     "a negative length": answering(b"HTTP/1.1 200 OK\r\nContent-Length: -1\r\n\r\n"),
     "a large body": answering(answer_bytes(b"b" * (LARGEST_BODY + 1))),
     "a large body in chunks": answering(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
-                                        b"400001\r\n" + b"b" * (LARGEST_BODY + 1) +
+                                        b"1000001\r\n" + b"b" * (LARGEST_BODY + 1) +
                                         b"\r\n0\r\n\r\n"),
 }
 

@@ -408,7 +408,7 @@ TEST_F(CrashHazards, WhereTheLibraryCannotTellTheDateTheRecordHasIt) {
             1);
 }
 
-#if defined(__GLIBC__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if defined(__GLIBC__) && !defined(TAVLO_SANITIZED)
 // The next allocation that takes more than what there is finds a top of the heap that cannot be.
 void DamageTheHeap() {
   constexpr size_t kSize = 100000;
