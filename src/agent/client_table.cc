@@ -216,6 +216,12 @@ void ClientTable::TakeInput(Client* client, evbuffer* input, size_t added) {
     End(client);  // it was refused; libevent leaves the connection of a CONNECT open
     return;
   }
+  if (client->isOver) {
+    // Once the refusal is written, libevent would take this for the next request.
+    StopReading(client->connection);
+    evbuffer_drain(input, evbuffer_get_length(input));
+    return;
+  }
   if (client->state != State::kReceiving || client->isRefused) {
     StopReading(client->connection);  // what is here already is bounded by what one read takes
   }
