@@ -375,14 +375,12 @@ void Forwarder::TakeReply(evhttp_request* reply) {
 }
 
 // The SDK REST host may close a connection whenever it is idle, just when a request comes too. Such
-// a request has not been looked at; it goes once more, over a connection of its own.
+// a request has not been looked at; it goes once more, over a connection that has not served.
 bool Forwarder::TryAgain() {
   const bool metTheEnd = hasServed_ && reply_.received == 0 && reply_.error == EVREQ_HTTP_EOF;
-  if (!metTheEnd || underWay_->isSecondTry ||
-      !IsRepeatable(evhttp_request_get_command(underWay_->client))) {
+  if (!metTheEnd || !IsRepeatable(evhttp_request_get_command(underWay_->client))) {
     return false;
   }
-  underWay_->isSecondTry = true;
   isSent_ = false;
   event_active(turnEvent_.get(), 0, 0);
   return true;

@@ -67,7 +67,6 @@ class Forwarder {
   struct Request {
     evhttp_request* client = nullptr;
     std::string target;
-    bool isSecondTry = false;
   };
 
   // The requests of one address that wait, in the order in which they came.

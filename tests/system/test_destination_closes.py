@@ -21,6 +21,7 @@ HTTP_1_0 = answer_bytes(b"ok").replace(b"HTTP/1.1", b"HTTP/1.0")
 KEPT_1_0 = answer_bytes(b"ok", headers=b"Connection: keep-alive\r\n").replace(b"HTTP/1.1",
                                                                              b"HTTP/1.0")
 CLOSE = answer_bytes(b"ok", headers=b"Connection: close\r\n")
+CLOSE_AMONG_OTHERS = answer_bytes(b"ok", headers=b"Connection: x, Close\r\n")
 SILENT = answer_bytes(b"ok")
 
 
@@ -214,8 +215,8 @@ def test_a_request_that_waits_behind_a_lost_one_is_sent_once(root, daemon):
 
 
 @pytest.mark.parametrize("answer, connections", [
-    (HTTP_1_0, 10), (CLOSE, 10), (KEPT_1_0, 1), (SILENT, 1)],
-    ids=["HTTP/1.0", "close", "HTTP/1.0 keep-alive", "HTTP/1.1"])
+    (HTTP_1_0, 10), (CLOSE, 10), (CLOSE_AMONG_OTHERS, 10), (KEPT_1_0, 1), (SILENT, 1)],
+    ids=["HTTP/1.0", "close", "close among others", "HTTP/1.0 keep-alive", "HTTP/1.1"])
 @pytest.mark.parametrize("tls", [False, True])
 def test_a_connection_is_used_as_long_as_its_answers_say(root, daemon, answer, connections, tls):
     """The destination ends none by itself: a new one is the daemon's own doing."""

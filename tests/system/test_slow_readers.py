@@ -93,3 +93,18 @@ def test_answers_that_are_not_read_are_bounded(root, daemon, tls, size):
                                tls=tls).status == 200, "room for an answer")
     assert_peak_below(daemon, 64 if size == LARGEST_REPLY else 32)
     assert SANITIZER or ended_clients(daemon) == 0
+
+
+@pytest.mark.parametrize("tls", [False, True])
+def test_a_reply_in_chunks_for_which_there_is_no_room_is_refused(root, daemon, tls):
+    """Its size is known only when it has come."""
+    with Destination(root.destination_port, answering(answer_bytes(bytes(LARGEST_REPLY)))):
+        first, status = stall(root, tls)
+        assert status == 200
+    chunk = b"100000\r\n" + bytes(1 << 20) + b"\r\n"
+    reply = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + 12 * chunk + b"0\r\n\r\n"
+    with Destination(root.destination_port, answering(reply, repeat=False)):
+        answer = ask(port_of(root, tls), "GET", "/api/version", headers=KEY, tls=tls)
+    assert (answer.status, answer.reason) == (500, "Internal error")
+    assert len(HELD.findall(daemon.log_text())) == 1
+    first.close()

@@ -245,6 +245,15 @@ TEST_F(ClientTableTest, ALongUriOfARequestThatWaitsCountsWithItsCopies) {
   EXPECT_FALSE(peer.HasEnded());
 }
 
+TEST_F(ClientTableTest, ALongUriCountsNoMoreOnceItIsAnswered) {
+  Make(100, 60000);
+  Peer& peer = ConnectAndSend(kHog, "GET /" + std::string(30000, 'u') + " HTTP/1.1\r\n\r\n");
+  Answer(0, 10);
+  peer.Read();
+  EXPECT_FALSE(ConnectAndSend(kHog, "G").HasEnded());
+  EXPECT_FALSE(peer.HasEnded());
+}
+
 TEST_F(ClientTableTest, AClientThatHasGoneIsNoBurdenForItsAddress) {
   Make(100, 10000);
   const Peer& stays = Connect(kHog);
