@@ -134,11 +134,11 @@ void ClientTable::OnOutput(evbuffer* output, const evbuffer_cb_info* change, voi
   if (self->isEnding) {
     return;
   }
-  if (change->n_added > 0 && self->state == State::kReceiving) {
+  if (evbuffer_get_length(output) == 0) {
+    self->table->OnWritten(self);
+  } else if (change->n_added > 0 && self->state == State::kReceiving) {
     RunGuarded(__PRETTY_FUNCTION__,
                [&] { self->table->OnLibraryOutput(self, StatusAt(output, change->orig_size)); });
-  } else if (self->isOver && evbuffer_get_length(output) == 0) {
-    self->table->End(self);
   }
 }
 
@@ -217,8 +217,7 @@ void ClientTable::TakeInput(Client* client, evbuffer* input, size_t added) {
     evbuffer_drain(input, evbuffer_get_length(input));
     return;
   }
-  LookAtAnswer(client);
-  if (client->state != State::kReceiving || client->isRefused) {
+  if (client->state != State::kReceiving) {
     StopReading(client->connection);  // what is here already is bounded by what one read takes
   }
   client->incoming += added;
@@ -237,7 +236,6 @@ void ClientTable::Refuse(Client* client, evbuffer* input, size_t sound) {
   ORX_LOG(Orx::Log::kInfo, "A request of %s is refused: %s", client->address->first.c_str(),
           client->framing.Fault());
   client->isRefused = true;
-  StopReading(client->connection);
   const std::unique_ptr<evbuffer, decltype(&evbuffer_free)> rest(evbuffer_new(), evbuffer_free);
   evbuffer_remove_buffer(input, rest.get(), sound);
   evbuffer_add(rest.get(), kNoHttp, sizeof kNoHttp - 1);
@@ -299,6 +297,16 @@ void ClientTable::OnAnswer(evhttp_connection* connection) {
   Recount(client);
   SetUntaken(client, evbuffer_get_length(OutputOf(connection)));
   MoveToEnd(client);
+}
+
+// All that there was to write has been written, if only a "100 Continue".
+void ClientTable::OnWritten(Client* client) {
+  if (client->isOver) {
+    End(client);
+  } else if (client->state == State::kWriting) {
+    client->state = State::kReceiving;
+    SetUntaken(client, 0);
+  }
 }
 
 // What has come behind a request is of the next one.
@@ -369,10 +377,6 @@ void ClientTable::LookAtAnswer(Client* client) {
   }
   const size_t left = evbuffer_get_length(OutputOf(client->connection));
   SetUntaken(client, left);
-  if (left == 0) {
-    client->state = State::kReceiving;
-    return;
-  }
   const size_t backlog = left + HeldByKernel(client->connection);
   if (backlog != client->backlog) {
     client->backlog = backlog;

@@ -104,6 +104,7 @@ class ClientTable {
   void TakeInput(Client* client, evbuffer* input, size_t added);
   void Refuse(Client* client, evbuffer* input, size_t sound);
   void OnLibraryOutput(Client* client, int status);
+  void OnWritten(Client* client);
   void BeginNextRequest(Client* client);
   void MoveToEnd(Client* client);
 

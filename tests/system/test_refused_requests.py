@@ -174,6 +174,22 @@ def test_a_refused_connect_is_not_the_way_for_another_request(shared, tls, earli
     assert len(shared.sdk_host.requests) == received
 
 
+@pytest.mark.parametrize("refused", CONNECTS.values(), ids=CONNECTS)
+@pytest.mark.parametrize("tls", [False, True])
+def test_nor_is_one_that_came_with_the_request_before(shared, tls, refused):
+    with connect(port_of(shared.root, tls), tls) as client:
+        client.sendall(ALLOWED + refused)
+        answer = b""
+        while b"</HTML>" not in answer:
+            answer += client.recv(65536)
+        received = len(shared.sdk_host.requests)
+        assert answer.startswith(b"HTTP/1.1 200 OK\r\n") and b"HTTP/1.1 400 " in answer
+        for _ in range(3):
+            send_in_pieces(client, [ALLOWED])
+        assert ask(shared.root.http_port, "GET", "/nowhere").status == 404
+    assert len(shared.sdk_host.requests) == received
+
+
 @pytest.mark.parametrize("earlier", [0, 1, 2])
 @pytest.mark.parametrize("tls", [False, True])
 def test_what_follows_an_answer_of_the_librarys_own_is_read_along_with(shared, tls, earlier):
