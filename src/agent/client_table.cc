@@ -395,14 +395,14 @@ size_t ClientTable::RoomForAnswer(const std::string& address) {
       std::max_element(clients_.begin(), clients_.end(), [](const Client& a, const Client& b) {
         return a.untaken < b.untaken;
       })->untaken;
-  const bool holdsMost = LargestAddress(&Address::untaken)->first == address;
+  const bool holdsMost = LargestAddress(&Address::untaken).first == address;
   const size_t bound = kMaxUntaken + largest + (holdsMost ? 0 : kReservedBytes);
   return bound > untaken_ ? std::min(bound - untaken_, kMaxReplyBody) : 0;
 }
 
 void ClientTable::MakeRoomForConnection(Client* latest) {
-  while (clients_.size() - ending_ > maxClients_) {
-    const AddressEntry* const most = LargestAddress(&Address::connections);
+  while (clients_.size() - ending_ > maxClients_ && !latest->isEnding) {
+    const AddressEntry* const most = &LargestAddress(&Address::connections);
     Client* victim = LongestWaiting(most, nullptr);
     if (victim == nullptr) {
       if (most != latest->address && clients_.size() - ending_ <= maxClients_ + kReservedClients) {
@@ -419,8 +419,8 @@ void ClientTable::MakeRoomForInput(Client* reading) {
     LookAtAnswers();
   }
   const size_t bound = UnfinishedBound();
-  while (unfinished_ > bound) {
-    const AddressEntry* const most = LargestAddress(&Address::unfinished);
+  while (unfinished_ > bound && !reading->isEnding) {
+    const AddressEntry* const most = &LargestAddress(&Address::unfinished);
     Client* victim = LongestWaiting(most, &Client::unfinished);
     if (victim == nullptr) {
       const bool mayUseReserve = most != reading->address && unfinished_ <= bound + kReservedBytes;
@@ -436,7 +436,7 @@ void ClientTable::MakeRoomForInput(Client* reading) {
 void ClientTable::MakeRoomForAnswers() {
   LookAtAnswers();
   while (untaken_ > kMaxUntaken) {
-    Client* const victim = LongestWaiting(LargestAddress(&Address::untaken), &Client::untaken);
+    Client* const victim = LongestWaiting(&LargestAddress(&Address::untaken), &Client::untaken);
     if (victim == nullptr) {
       return;
     }
@@ -444,10 +444,15 @@ void ClientTable::MakeRoomForAnswers() {
   }
 }
 
-ClientTable::AddressEntry* ClientTable::LargestAddress(size_t Address::*measure) {
-  return &*std::max_element(
-      addresses_.begin(), addresses_.end(),
-      [&](const auto& a, const auto& b) { return a.second.*measure < b.second.*measure; });
+// There is one: something is held.
+ClientTable::AddressEntry& ClientTable::LargestAddress(size_t Address::*measure) {
+  AddressEntry* largest = &*addresses_.begin();
+  for (AddressEntry& entry : addresses_) {
+    if (entry.second.*measure > largest->second.*measure) {
+      largest = &entry;
+    }
+  }
+  return *largest;
 }
 
 ClientTable::Client* ClientTable::LongestWaiting(const AddressEntry* address,

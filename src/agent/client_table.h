@@ -118,7 +118,7 @@ class ClientTable {
   void MakeRoomForConnection(Client* latest);
   void MakeRoomForInput(Client* reading);
   void MakeRoomForAnswers();
-  AddressEntry* LargestAddress(size_t Address::*measure);
+  AddressEntry& LargestAddress(size_t Address::*measure);
   Client* LongestWaiting(const AddressEntry* address, size_t Client::*measure);
   bool MayEnd(Client* client);
   void EndForRoom(Client* client, const char* reason);

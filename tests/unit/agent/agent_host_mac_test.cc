@@ -95,8 +95,10 @@ TEST_F(MacLookup, TheOtherListenerIsNotMetAtTheFilesLock) {
   std::thread([other] { other->Run(); }).detach();
 
   const Fault pauses("nanosleep", 0, 0, 0);  // counts
-  const auto askOften = [](uint16_t port) {
-    for (int i = 0; i < 100; ++i) {
+  // An emulator parses so long a list that a few requests meet.
+  const int count = std::getenv("TAVLO_EMULATOR") != nullptr ? 5 : 100;
+  const auto askOften = [count](uint16_t port) {
+    for (int i = 0; i < count; ++i) {
       EXPECT_THAT(test::Exchange("127.0.0.1", port, "GET /api/mac HTTP/1.1\r\nHost: x\r\n\r\n"),
                   EndsWith("\r\n\r\nm"));
     }
