@@ -219,7 +219,7 @@ TEST_F(CrashHazards, AFileThatIsThereKeepsItsModeAndItsContent) {
 
 TEST_F(CrashHazards, AConsoleThatNobodyReadsHoldsUpNothing) {
   if (std::getenv("TAVLO_EMULATOR") != nullptr) {
-    GTEST_SKIP() << "the emulator's own wait for a child hangs when this one has crashed";
+    GTEST_SKIP() << "under the emulator it has not come to its end, for a cause not found yet";
   }
   ExpectEndedBy(Crash([] {
                   static test::StuckConsole console;
