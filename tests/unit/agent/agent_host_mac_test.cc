@@ -1,6 +1,7 @@
 // GET /api/mac, as the client 127.0.0.1 sees it for many a device list.
 
 #include <cerrno>
+#include <cstdlib>
 #include <ostream>
 #include <random>
 
