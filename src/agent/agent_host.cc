@@ -19,18 +19,6 @@ constexpr const char* kLoopback = "127.0.0.1";
 constexpr timeval kHeartbeatPeriod = {30, 0};
 constexpr size_t kShownKeyLength = 3;
 
-// With a list of changes: what is watched changes back and forth within one turn of the loop, and
-// only what is left of that is told to the kernel.
-event_base* MakeEventBase() {
-  const std::unique_ptr<event_config, decltype(&event_config_free)> config(event_config_new(),
-                                                                           event_config_free);
-  if (config == nullptr ||
-      event_config_set_flag(config.get(), EVENT_BASE_FLAG_EPOLL_USE_CHANGELIST) != 0) {
-    return nullptr;
-  }
-  return event_base_new_with_config(config.get());
-}
-
 std::runtime_error ErrnoFailure(const std::string& what) {
   return std::runtime_error(what + " errno " + std::to_string(errno));
 }
@@ -91,7 +79,7 @@ AgentHost::AgentHost(Orx::HookInvoker* invoker, bool secure, const std::string& 
 }
 
 void AgentHost::InitServer() {
-  event_base* const base = MakeEventBase();
+  event_base* const base = event_base_new();
   if (base == nullptr) {
     throw ErrnoFailure("Failed to init event_base");
   }
