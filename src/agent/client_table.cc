@@ -274,8 +274,6 @@ void ClientTable::OnRequest(evhttp_request* request) {
   IgnoreInput(connection);
   client->state = State::kAnswering;
   client->request = SizeOf(request);
-  SetUntaken(client, 0);
-  MoveToEnd(client);
   BeginNextRequest(client);
   if (isLarge) {
     DropHeaders(request);
@@ -296,7 +294,7 @@ void ClientTable::OnAnswer(evhttp_connection* connection) {
   client->request = 0;
   Recount(client);
   SetUntaken(client, evbuffer_get_length(OutputOf(connection)));
-  MoveToEnd(client);
+  clients_.splice(clients_.end(), clients_, byConnection_.at(connection));
 }
 
 // All that there was to write has been written, if only a "100 Continue".
@@ -320,10 +318,6 @@ void ClientTable::BeginNextRequest(Client* client) {
   } else {
     Recount(client);
   }
-}
-
-void ClientTable::MoveToEnd(Client* client) {
-  clients_.splice(clients_.end(), clients_, byConnection_.at(client->connection));
 }
 
 void ClientTable::Recount(Client* client) {

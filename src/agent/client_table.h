@@ -106,7 +106,6 @@ class ClientTable {
   void OnLibraryOutput(Client* client, int status);
   void OnWritten(Client* client);
   void BeginNextRequest(Client* client);
-  void MoveToEnd(Client* client);
 
   void Recount(Client* client);
   void SetUntaken(Client* client, size_t bytes);
@@ -132,7 +131,7 @@ class ClientTable {
   std::shared_ptr<event> reportEvent_;        // pending while no line about ended clients is due
   std::vector<bufferevent*> newConnections_;  // references of our own
   std::map<std::string, Address> addresses_;
-  Clients clients_;  // the one that has waited longest since its last request comes first
+  Clients clients_;  // the one that has waited longest since its last answer comes first
   std::unordered_map<evhttp_connection*, Clients::iterator> byConnection_;
   size_t unfinished_ = 0;  // of all clients
   size_t untaken_ = 0;

@@ -341,17 +341,25 @@ bool Forwarder::TakeLength(evhttp_request* reply) {
     while (evhttp_remove_header(headers, "Connection") == 0) {
     }
   }
-  reply_.isTooLarge = length != nullptr && std::strtoull(length, nullptr, 10) > reply_.room;
-  if (reply_.isTooLarge && reply_.room == kMaxReplyBody) {
-    ORX_LOG(Orx::Log::kError, "The body of a reply is larger than %zu bytes: Content-Length: %s",
-            kMaxReplyBody, length);
-  } else if (reply_.isTooLarge) {
-    ORX_LOG(Orx::Log::kError,
-            "Answers that clients have not taken hold %zu bytes, the limit is %zu: a reply of %s "
-            "bytes is refused",
-            clients_->Untaken(), kMaxUntaken, length);
+  const unsigned long long told = length != nullptr ? std::strtoull(length, nullptr, 10) : 0;
+  if (told > reply_.room) {
+    RefuseSize("Content-Length:", told);
   }
   return !reply_.isTooLarge;
+}
+
+// Either by itself or beside the answers that others have not taken.
+void Forwarder::RefuseSize(const char* kind, unsigned long long bytes) {
+  reply_.isTooLarge = true;
+  if (reply_.room == kMaxReplyBody) {
+    ORX_LOG(Orx::Log::kError, "The body of a reply is larger than %zu bytes: %s %llu",
+            kMaxReplyBody, kind, bytes);
+  } else {
+    ORX_LOG(Orx::Log::kError,
+            "Answers that clients have not taken hold %zu bytes, the limit is %zu, and a reply is "
+            "refused: %s %llu",
+            clients_->Untaken(), kMaxUntaken, kind, bytes);
+  }
 }
 
 void Forwarder::TakeReply(evhttp_request* reply) {
@@ -396,15 +404,8 @@ void Forwarder::ExplainFailure() {
   } else if (reply_.received <= reply_.room) {
     ORX_LOG(Orx::Log::kError, "A chunk of a reply is broken, or larger than %zu bytes",
             reply_.room);
-  } else if (reply_.room == kMaxReplyBody) {
-    ORX_LOG(Orx::Log::kError, "The body of a reply is larger than %zu bytes: %zu bytes so far",
-            kMaxReplyBody, reply_.received);
   } else {
-    reply_.isTooLarge = true;
-    ORX_LOG(Orx::Log::kError,
-            "Answers that clients have not taken hold %zu bytes, the limit is %zu: a reply of %zu "
-            "bytes is refused",
-            clients_->Untaken(), kMaxUntaken, reply_.received);
+    RefuseSize("so far", reply_.received);
   }
 }
 

@@ -102,6 +102,7 @@ class Forwarder {
   int HandOver(evhttp_request* request);
   bool TakeHead(evhttp_request* reply);
   bool TakeLength(evhttp_request* reply);
+  void RefuseSize(const char* kind, unsigned long long bytes);
   void TakeReply(evhttp_request* reply);
   bool TryAgain();
   void ExplainFailure();

@@ -2,7 +2,6 @@
 share of its own in the connections and in the turns at the destination."""
 
 import re
-import threading
 import time
 from collections import Counter
 from concurrent.futures import ThreadPoolExecutor
@@ -10,12 +9,11 @@ from concurrent.futures import ThreadPoolExecutor
 import pytest
 
 from support.clients import connect, read_to_end
-from support.destinations import Destination, Noting, answer_bytes
+from support.destinations import HeldDestination
 from support.programs import connect_flood, needs_cc
 from support.room import (CONNECTIONS, TOO_MANY_CONNECTIONS, WAITING, ended_clients,
                           wait_for_clients, wait_for_ended_clients)
 from support.scratch_root import PAIRING_KEY
-from support.waiting import DEFAULT_LIMIT
 
 pytestmark = pytest.mark.usefixtures("enough_descriptors")
 
@@ -94,32 +92,6 @@ def test_a_device_alone_may_use_all_the_room(root, daemon, tls):
     assert ended_clients(daemon) == 0
     for client in clients:
         client.close()
-
-
-class HeldDestination:
-    """Answers nothing before `go_on`; `bodies` tells in what order what came."""
-
-    def __init__(self, port):
-        self.go_on = threading.Event()
-        self._noting = Noting(self._answer)
-        self._destination = Destination(port, self._noting)
-
-    def _answer(self, connection, *_):
-        self.go_on.wait(DEFAULT_LIMIT)
-        connection.sendall(answer_bytes(b"ok"))
-        return True
-
-    @property
-    def bodies(self):
-        return self._noting.bodies
-
-    def __enter__(self):
-        self._destination.__enter__()
-        return self
-
-    def __exit__(self, *_):
-        self.go_on.set()
-        self._destination.__exit__()
 
 
 def send_requests(root, daemon, tls, source, bodies):

@@ -2,7 +2,6 @@
 once."""
 
 import ssl
-import threading
 from concurrent.futures import ThreadPoolExecutor
 from itertools import chain
 
@@ -10,10 +9,10 @@ import pytest
 
 from support.clients import ask, connect, read_to_end, tls_context
 from support.clogged import Clogged, ask_into_full_ways, fill
-from support.destinations import Destination, answer_bytes, answering_by_uri, read_request
+from support.destinations import Destination, HeldDestination, answering_by_uri
 from support.room import CONNECTIONS, LARGEST_REPLY, UNREAD_ANSWERS, assert_peak_below
 from support.scratch_root import PAIRING_KEY
-from support.waiting import DEFAULT_LIMIT, SANITIZER, wait_until
+from support.waiting import SANITIZER, wait_until
 
 pytestmark = [pytest.mark.usefixtures("enough_descriptors"),
               pytest.mark.skipif(SANITIZER != "", reason="it would be another's memory too")]
@@ -64,32 +63,11 @@ def assert_serving(root):
         assert ask(port_of(root, tls), "GET", "/api/mac", tls=tls).status == 200
 
 
-class HeldDestination:
-    """Answers nothing before `go_on`."""
-
-    def __init__(self, root):
-        self.go_on = threading.Event()
-        self._destination = Destination(root.destination_port, self._serve)
-
-    def _serve(self, connection):
-        while read_request(connection):
-            self.go_on.wait(DEFAULT_LIMIT)
-            connection.sendall(answer_bytes(b"ok"))
-
-    def __enter__(self):
-        self._destination.__enter__()
-        return self
-
-    def __exit__(self, *_):
-        self.go_on.set()
-        self._destination.__exit__()
-
-
 @pytest.mark.parametrize("lines", [LINES, SHORT_LINES], ids=["lines", "short lines"])
 @pytest.mark.parametrize("tls", [False, True])
 def test_whole_requests_with_many_lines_that_wait(root, daemon, tls, lines):
     clients = []
-    with HeldDestination(root) as destination:
+    with HeldDestination(root.destination_port) as destination:
         for _ in range(COUNT):
             mark = daemon.mark()
             clients.append(send_part(port_of(root, tls), get("/api/version", lines), tls))

@@ -18,7 +18,7 @@ pytestmark = pytest.mark.usefixtures("enough_descriptors")
 KEY = {"PairingKey": PAIRING_KEY}
 OTHERS = 600
 HELD = re.compile(r"ERROR: .*: Answers that clients have not taken hold (\d+) bytes, the limit is "
-                  r"(\d+): a reply of (\d+) bytes is refused$", re.MULTILINE)
+                  r"(\d+), and a reply is refused: (?:Content-Length:|so far) (\d+)$", re.MULTILINE)
 
 
 @pytest.mark.parametrize("size", [4000000, LARGEST_REPLY])

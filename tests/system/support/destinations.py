@@ -151,6 +151,32 @@ class Noting:
             return [request.partition(b"\r\n\r\n")[2] for _, request in self._arrived]
 
 
+class HeldDestination:
+    """Answers nothing before `go_on`; `bodies` tells in what order what came."""
+
+    def __init__(self, port):
+        self.go_on = threading.Event()
+        self._noting = Noting(self._answer)
+        self._destination = Destination(port, self._noting)
+
+    def _answer(self, connection, *_):
+        self.go_on.wait(DEFAULT_LIMIT)
+        connection.sendall(answer_bytes(b"ok"))
+        return True
+
+    @property
+    def bodies(self):
+        return self._noting.bodies
+
+    def __enter__(self):
+        self._destination.__enter__()
+        return self
+
+    def __exit__(self, *_):
+        self.go_on.set()
+        self._destination.__exit__()
+
+
 def close_at_once(connection):
     pass
 
