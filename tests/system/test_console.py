@@ -5,7 +5,6 @@ import pty
 import re
 import signal
 import socket
-import tty
 
 import pytest
 
@@ -21,7 +20,6 @@ class Console:
     def __init__(self, kind):
         if kind == "terminal":
             self.reader, self.writer = pty.openpty()
-            tty.setraw(self.writer)
         elif kind == "socket":
             ends = socket.socketpair()
             self.reader, self.writer = (end.detach() for end in ends)
@@ -41,7 +39,7 @@ class Console:
                 text += part
         except BlockingIOError:
             pass
-        return text.decode()
+        return text.decode().replace("\r\n", "\n")
 
 
 @pytest.fixture(params=["pipe", "terminal", "socket"])
@@ -70,6 +68,13 @@ def test_requests_are_served_and_it_ends_when_it_is_asked_to(root, daemon):
     daemon.send_signal(signal.SIGTERM)
     assert daemon.wait_for_exit() == 0
     assert "INFO: void Run: Exit by signal 15" in daemon.log_text()
+
+
+def test_lines_of_which_only_a_part_is_taken_hold_up_nobody(root, daemon):
+    uri = "/" + "x" * 1900
+    with Client(root.http_port) as client:
+        for _ in range(100):
+            assert client.ask("GET", uri).status == 404
 
 
 def test_what_was_left_out_is_told_when_it_is_read_again(root, daemon, console):

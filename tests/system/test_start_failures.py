@@ -84,7 +84,7 @@ def elsewhere():
                     reason="the daemon's program is in /tmp, which it is not to see")
 def test_a_start_without_memory_ends_with_its_cause(elsewhere):
     memory = Memory(elsewhere.directory)
-    ends = []
+    ends, early = [], 0
     with daemons(elsewhere) as make_daemon:
         for number in range(1, OWN_CALLS):
             (elsewhere.directory / "log").unlink(missing_ok=True)
@@ -99,8 +99,9 @@ def test_a_start_without_memory_ends_with_its_cause(elsewhere):
                 # json-c does not look at each refusal while it reads the configuration.
                 record = elsewhere.directory / "tmp" / "tavlo-backtrace.log"
                 assert "json_tokener_parse_ex" in record.read_text(), console
-            elif "DEBUG: bool Init: Enter" in console:
+            elif "DEBUG: bool Init: Enter" in console or "Failed to start" in console:
                 ends.append(number)
                 assert status == 1, (number, status, console)
                 assert "ERROR: " in console, (number, console)
-    assert len(ends) > 10
+                early += "ERROR: Failed to start: std::bad_alloc\n" in console
+    assert len(ends) > 10 and early > 0
