@@ -141,8 +141,10 @@ uint16_t RunHost(bool tls, const Destination& destination) {
                   R"({"devices":[{"ip":["127.0.0.1"],"mac":"02:00:5e:10:00:01"}]})");
   const uint16_t destinationPort = RunDestination(destination);
   const uint16_t port = test::FreePort();
-  static tavlo::AgentHost host(nullptr, tls, "", directory.Path(), directory / "devices.json", port,
-                               "127.0.0.1", destinationPort, "", [] {});
+  // Never destroyed: its thread goes on while the program ends.
+  static auto& host =
+      *new tavlo::AgentHost(nullptr, tls, "", directory.Path(), directory / "devices.json", port,
+                            "127.0.0.1", destinationPort, "", [] {});
   host.SetPairingKey(kPairingKey);
   std::thread([] { host.Run(); }).detach();
   return port;
