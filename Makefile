@@ -40,9 +40,9 @@ check:  ## build it and run what each change must pass, in some minutes
 	@tools/dependencies check
 	@tools/check
 
-prove:  ## run all the rest, in some more: sanitizers, clang-tidy, AArch64, slow tests, fuzzing, mutations
+prove:  ## run all the rest: sanitizers, clang-tidy, AArch64, slow tests, mutations; WITHIN=minutes to begin in
 	@tools/dependencies prove
-	@tools/check prove
+	@tools/check prove $(if $(WITHIN),--within $(WITHIN))
 
 test:  ## run the tests whose names match ONLY=pattern; PRESET=asan, REPEAT=20, LOAD=2 for busy loops
 	@tools/dependencies check

@@ -150,8 +150,9 @@ class Display:
             self.say(text)
 
 
-def run(steps, remarks=()):
-    """Runs them and prints what became of them, and the remarks; returns whether all was well."""
+def run(steps, remarks=(), within=None):
+    """Runs them and prints what became of them, and the remarks; returns whether all was well. What
+    has not begun after `within` seconds is left out, and told."""
     # Whatever a test leaves behind becomes a child of ours, so that it can be found at the end.
     ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)
     # Also where it was started in the background, with the first one ignored.
@@ -159,7 +160,7 @@ def run(steps, remarks=()):
         signal.signal(number, signal.default_int_handler)
     tally, display = Tally(), Display()
     try:
-        run_steps(steps, tally, display)
+        run_steps(steps, tally, display, within)
     except KeyboardInterrupt:
         signal.signal(signal.SIGINT, signal.SIG_IGN)
         display.say("interrupted")
@@ -170,10 +171,21 @@ def run(steps, remarks=()):
     return not tally.failures and tally.passed > 0
 
 
-def run_steps(steps, tally, display):
+def leave_out(steps, state, tally, reason):
+    for step in steps:
+        state[step.name] = False
+        tally.skipped += 1
+        tally.reasons.add((step.name, reason))
+
+
+def run_steps(steps, tally, display, within):
     left, running = list(steps), []
     state = {}
+    limit = time.monotonic() + (within or float("inf"))
     while left or running:
+        if time.monotonic() > limit:
+            leave_out(left, state, tally, "no time was left for it")
+            left = []
         for step in list(left):
             if not may_start(step, running, state):
                 continue
@@ -183,9 +195,7 @@ def run_steps(steps, tally, display):
                 step.start()
                 running.append(step)
             else:
-                state[step.name] = False
-                tally.skipped += 1
-                tally.reasons.add((step.name, "what it needs has failed"))
+                leave_out([step], state, tally, "what it needs has failed")
         for step in [step for step in running if step.process.poll() is not None]:
             running.remove(step)
             step.seconds = time.monotonic() - step.begin

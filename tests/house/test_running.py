@@ -111,6 +111,17 @@ wait""")
     assert not Path("/proc", (tree / "deaf").read_text().strip()).exists()
 
 
+def test_what_has_not_begun_in_time_is_left_out_and_named(tree):
+    plan = """from running import Step, run
+steps = [Step(name, ["sleep", "0.5"], lane="one") for name in ("first", "second")]
+print(run(steps, within=0.2))"""
+    result = subprocess.run(["python3", "-B", "-c", plan], cwd=tree, check=True, text=True,
+                            stdout=subprocess.PIPE, timeout=LIMIT_SECS,
+                            env={**os.environ, "PYTHONPATH": str(tree / "tools")})
+    assert result.stdout.splitlines()[-3:] == [
+        "skipped: second: no time was left for it", "1 passed, 0 failed, 1 skipped", "True"]
+
+
 @pytest.fixture
 def repository(tmp_path):
     """With a result by hand that speaks of `src`."""
