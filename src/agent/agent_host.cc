@@ -19,6 +19,21 @@ constexpr const char* kLoopback = "127.0.0.1";
 constexpr timeval kHeartbeatPeriod = {30, 0};
 constexpr size_t kShownKeyLength = 3;
 
+// With a list of changes: what is watched changes back and forth within one turn of the loop, and
+// only what is left of that is told to the kernel. What is told late can only be that a descriptor
+// is watched no more, which libevent always asks for before it closes one. By then the number may
+// be gone, or the other loop's; but the kernel knows a watched descriptor by its open file too,
+// finds nothing, and says so. libevent takes that for done.
+event_base* MakeEventBase() {
+  const std::unique_ptr<event_config, decltype(&event_config_free)> config(event_config_new(),
+                                                                           event_config_free);
+  if (config == nullptr ||
+      event_config_set_flag(config.get(), EVENT_BASE_FLAG_EPOLL_USE_CHANGELIST) != 0) {
+    return nullptr;
+  }
+  return event_base_new_with_config(config.get());
+}
+
 std::runtime_error ErrnoFailure(const std::string& what) {
   return std::runtime_error(what + " errno " + std::to_string(errno));
 }
@@ -79,7 +94,7 @@ AgentHost::AgentHost(Orx::HookInvoker* invoker, bool secure, const std::string& 
 }
 
 void AgentHost::InitServer() {
-  event_base* const base = event_base_new();
+  event_base* const base = MakeEventBase();
   if (base == nullptr) {
     throw ErrnoFailure("Failed to init event_base");
   }

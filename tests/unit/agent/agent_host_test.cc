@@ -74,7 +74,7 @@ TEST_P(AgentHostSetUpFailure, IsThrownWithItsCause) {
 INSTANTIATE_TEST_SUITE_P(
     All, AgentHostSetUpFailure,
     testing::Values(
-        SetUpFailure{"event_base_new", 0, false, "Failed to init event_base errno 12"},
+        SetUpFailure{"event_base_new_with_config", 0, false, "Failed to init event_base errno 12"},
         SetUpFailure{"event_new", 0, false, "Failed to init invoker event errno 12"},
         SetUpFailure{"evhttp_new", 0, false, "Failed to init evhttp errno 12"},
         SetUpFailure{"evconnlistener_new", 0, false,
@@ -101,7 +101,7 @@ TEST_F(AgentHostTest, AnEventThatCannotBeMadeIsThrown) {
 TEST_F(AgentHostTest, IsSetUpInItsOrder) {
   // Each of them fails, and so does the next one.
   const std::vector<std::pair<const char*, std::string>> steps = {
-      {"event_base_new", "Failed to init event_base errno 12"},
+      {"event_base_new_with_config", "Failed to init event_base errno 12"},
       {"event_new", "Failed to init invoker event errno 12"},
       {"evhttp_new", "Failed to init evhttp errno 12"},
       {"evconnlistener_new",

@@ -219,7 +219,7 @@ int advanced_clock_gettime(int clock, timespec* now) {
 FAULTY(void*, _Znwm, (throw std::bad_alloc(), nullptr), (size_t size), (size))
 
 // libevent's.
-FAULTY(void*, event_base_new, nullptr, (), ())
+FAULTY(void*, event_base_new_with_config, nullptr, (const void* config), (config))
 FAULTY(void*, event_new, nullptr,
        (void* base, int fd, short what, void (*callback)(int, short, void*), void* argument),
        (base, fd, what, callback, argument))
