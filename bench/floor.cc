@@ -87,7 +87,8 @@ int main(int argc, char** argv) {
   }
   ::signal(SIGPIPE, SIG_IGN);
   SSL_CTX* const context = SSL_CTX_new(TLS_server_method());
-  if (SSL_CTX_use_certificate_chain_file(context, argv[4]) != 1 ||
+  if (SSL_CTX_set1_curves_list(context, "P-256") != 1 ||
+      SSL_CTX_use_certificate_chain_file(context, argv[4]) != 1 ||
       SSL_CTX_use_PrivateKey_file(context, argv[5], SSL_FILETYPE_PEM) != 1) {
     return EXIT_FAILURE;
   }

@@ -3,11 +3,13 @@ it has its answer."""
 
 import math
 import subprocess
+from contextlib import contextmanager
 from dataclasses import dataclass
 
 from servers import BUILD, Failure
 
 LIMIT_SECS = 300
+ENDLESS = 1000000
 CIPHER = "TLS_AES_128_GCM_SHA256"  # one for all: some servers prefer another one by themselves
 
 PERCENTILES = {"p50": 50, "p99": 99, "p99.9": 99.9}
@@ -33,11 +35,14 @@ def summary(taken, elapsed):
                 {name: percentile(taken, percent) for name, percent in PERCENTILES.items()})
 
 
+def ending_with_us(command):
+    return ["setpriv", "--pdeathsig", "KILL", *map(str, command)]
+
+
 def run(command):
     """Runs a load generator, which ends when this process does."""
-    result = subprocess.run(["setpriv", "--pdeathsig", "KILL", *map(str, command)],
-                            stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                            timeout=LIMIT_SECS, check=False)
+    result = subprocess.run(ending_with_us(command), stdin=subprocess.DEVNULL, capture_output=True,
+                            text=True, timeout=LIMIT_SECS, check=False)
     if result.returncode != 0:
         raise Failure(f"{command[0]} failed:\n{result.stdout[-2000:]}{result.stderr[-2000:]}")
     return result.stdout
@@ -63,6 +68,21 @@ def h2load(log, url, requests, connections, expected=200, method="GET", body=Non
     if len(taken) != requests:
         raise Failure(f"{url} answered {len(taken)} of {requests} requests")
     return summary(sorted(taken), max(ended) - min(began))
+
+
+@contextmanager
+def noise(url, options):
+    """One connection that asks for `url` all the while."""
+    command = ["h2load", "--h1", "-n", ENDLESS, "-c", 1, *options, url]
+    process = subprocess.Popen(ending_with_us(command), stdin=subprocess.DEVNULL,
+                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        yield
+        if process.poll() is not None:
+            raise Failure(f"the load of {url} has ended too early")
+    finally:
+        process.kill()
+        process.wait()
 
 
 def handshakes(port, path, expected, count, reuse):

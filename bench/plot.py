@@ -9,9 +9,12 @@ from matplotlib import pyplot  # noqa: E402
 from matplotlib.ticker import FixedLocator, FuncFormatter, NullLocator  # noqa: E402
 
 REFERENCE = "tavlo"
-LOOKS = {"nginx": ("o", "tab:green"), "HAProxy": ("s", "tab:blue"),
-         "HAProxy with one connection": ("+", "tab:blue"), "lighttpd": ("D", "tab:orange"),
+CONTRACT = "HAProxy with one connection"
+LOOKS = {"nginx": ("o", "tab:green"), "nginx with its own curves": ("1", "tab:green"),
+         "HAProxy": ("s", "tab:blue"), "HAProxy with its own curves": ("2", "tab:blue"),
+         CONTRACT: ("+", "tab:blue"), "lighttpd": ("D", "tab:orange"),
          "floor": ("|", "black"), "destination": ("x", "lightgrey")}
+CONTRACT_PANELS = [("rate", "requests/s", "tab:red"), ("cpu_us", "processor time a request", "0.4")]
 PANELS = [("rate", "requests/s, to tavlo's\n(left of the line: tavlo leads)"),
           ("cpu_us", "processor time a request, to tavlo's\n(right of the line: tavlo leads)"),
           ("p99", "latency p99, to tavlo's\n(right of the line: tavlo leads)")]
@@ -39,6 +42,21 @@ def _ratios(axes, rows, metric, caption):
     axes.set_xlabel(caption)
 
 
+def _contract(axes, rows):
+    """tavlo beside the server that promises the same."""
+    rows = [row for row in rows if CONTRACT in row["servers"]]
+    for metric, label, colour in CONTRACT_PANELS:
+        ratios = [1 / row["servers"][CONTRACT]["ratio"][metric] for row in rows]
+        axes.plot(ratios, range(len(rows)), "o", color=colour, label=label, zorder=3)
+    axes.axvline(1, color="tab:blue", linewidth=1.2)
+    axes.set_yticks(range(len(rows)), [row["title"] for row in rows])
+    axes.set_ylim(len(rows) - 0.5, -1.5)  # room for the legend above all points
+    axes.set_xlim(left=0)
+    axes.grid(axis="both", color="0.9")
+    axes.set_xlabel(f"tavlo's, to that of {CONTRACT}\n(the line: what the same promise costs it)")
+    axes.legend(fontsize="small", loc="upper left", ncols=2)
+
+
 def _memory(axes, resources):
     names = list(resources)
     for offset, kind, label, colour in ((-0.2, "rest_kib", "at rest", "0.75"),
@@ -54,14 +72,17 @@ def _memory(axes, resources):
 def draw(results, path):
     rows = [row for row in results["rows"] if REFERENCE in row["servers"]
             and len(row["servers"]) > 1]
-    figure, axes = pyplot.subplots(2, 2, figsize=(12, 9), layout="constrained")
+    figure, axes = pyplot.subplots(3, 2, figsize=(12, 14), layout="constrained")
     panels = axes.flat
-    for (metric, caption), panel in zip(PANELS, panels):
+    _contract(panels[0], rows)
+    _memory(panels[1], results["resources"])
+    for (metric, caption), panel in zip(PANELS, panels[2:]):
         _ratios(panel, rows, metric, caption)
-    panels[0].legend(fontsize="small")
-    _memory(panels[3], results["resources"])
+    panels[5].axis("off")
+    panels[5].legend(*panels[2].get_legend_handles_labels(), loc="upper left",
+                     title="In the three panels beside and above")
     machine = results["machine"]
-    figure.suptitle(f"tavlo is the red line. {machine['processor']}, {machine['cores']} cores, "
+    figure.suptitle(f"{machine['processor']}, {machine['cores']} cores, "
                     f"{machine['date']}", fontsize="medium")
     figure.savefig(path, metadata={"Date": None})
     pyplot.close(figure)

@@ -3,7 +3,8 @@ to be started, and which processes it consists of.
 
 The job: a plain listener that lets the seven endpoints of src/agent/access.cc through, and a TLS 1.3
 listener that lets everything below /api/ through that carries the pairing key; bodies up to 32 KiB;
-both in front of one destination on 127.0.0.1; one line a request in a log file; one worker.
+both in front of one destination on 127.0.0.1; one line a request in a log file; one worker; keys
+exchanged on P-256.
 """
 
 import json
@@ -194,6 +195,7 @@ class Nginx(Server):
     name = "nginx"
     difference = "a master process beside the worker; up to 64 connections to the destination"
     program = Path("/usr/sbin/nginx")
+    curves = "ssl_ecdh_curve prime256v1;"
 
     def configure(self):
         endpoints = "\n".join(f'    "{method} {uri}" 1;' for method, uri in PLAIN_ENDPOINTS)
@@ -228,6 +230,7 @@ class Nginx(Server):
   server {{
     listen 127.0.0.1:{self.tls_port} ssl;
     ssl_protocols TLSv1.3;
+    {self.curves}
     ssl_certificate {self.certificate};
     ssl_certificate_key {self.key};
     location / {{ return 404; }}
@@ -248,6 +251,7 @@ class Haproxy(Server):
     difference = "passes bodies on while they come; up to 64 connections to the destination"
     program = Path("/usr/sbin/haproxy")
     limit = ""
+    curves = "curves P-256"
 
     def configure(self):
         self.stdout = self.log  # each line goes there in a write of its own
@@ -278,7 +282,7 @@ frontend plain
   http-request return status {self.refusal} if {{ path_beg /api/ }} !allowed
 {common}
 frontend secure
-  bind 127.0.0.1:{self.tls_port} ssl crt {pem} ssl-min-ver TLSv1.3 alpn http/1.1
+  bind 127.0.0.1:{self.tls_port} ssl crt {pem} ssl-min-ver TLSv1.3 {self.curves} alpn http/1.1
   http-request return status {self.refusal} if {{ path_beg /api/ }} !{{ req.fhdr(PairingKey) -m str {PAIRING_KEY} }}
 {common}
 backend destination
@@ -296,6 +300,18 @@ class HaproxyOneConnection(Haproxy):
     name = "HAProxy with one connection"
     difference = "HAProxy that sends one request at a time to the destination, as tavlo does"
     limit = "maxconn 1"
+
+
+class NginxOwnCurves(Nginx):
+    name = "nginx with its own curves"
+    difference = "nginx that takes the curve that a client begins with, X25519 mostly"
+    curves = ""
+
+
+class HaproxyOwnCurves(Haproxy):
+    name = "HAProxy with its own curves"
+    difference = "HAProxy that takes the curve that a client begins with, X25519 mostly"
+    curves = ""
 
 
 class Lighttpd(Server):
@@ -327,7 +343,7 @@ $SERVER["socket"] == "127.0.0.1:{self.tls_port}" {{
   ssl.engine = "enable"
   ssl.pemfile = "{self.certificate}"
   ssl.privkey = "{self.key}"
-  ssl.openssl.ssl-conf-cmd = ( "MinProtocol" => "TLSv1.3" )
+  ssl.openssl.ssl-conf-cmd = ( "MinProtocol" => "TLSv1.3", "Curves" => "P-256" )
 }}
 $HTTP["url"] =~ "^/api/" {{
   {forward}
@@ -396,7 +412,9 @@ class Destination(Server):
 
 RIVALS = (Nginx, Haproxy, Lighttpd)
 SIDE_BY_SIDE = (Tavlo, *RIVALS, Floor)
-VARIANTS = (HaproxyOneConnection, TavloOneScript, TavloTenScripts)  # in a few rows only
+OWN_CURVES = (NginxOwnCurves, HaproxyOwnCurves)
+# In a few rows only.
+VARIANTS = (HaproxyOneConnection, *OWN_CURVES, TavloOneScript, TavloTenScripts)
 
 
 def make_certificate(directory):
