@@ -24,13 +24,16 @@ function setting(name) {
 function ask(method, path, body = '') {
   const url = setting('TAVLO_URL');
   const secure = url.startsWith('https:');
-  const options = { method, path, timeout, headers: { 'Content-Length': Buffer.byteLength(body) } };
+  const { hostname, port } = new URL(url);
+  const options = {
+    hostname, port, method, path, timeout, headers: { 'Content-Length': Buffer.byteLength(body) },
+  };
   if (secure) {
     options.ca = readFileSync(setting('TAVLO_CERTIFICATE'));
     options.headers.PairingKey = setting('TAVLO_KEY');
   }
   return new Promise((resolve, reject) => {
-    const request = (secure ? https : http).request(url, options, (answer) => {
+    const request = (secure ? https : http).request(options, (answer) => {
       const parts = [];
       answer.on('data', (part) => parts.push(part));
       answer.on('error', reject);
