@@ -96,7 +96,7 @@ size_t FormatPrefix(Line& line, int level, const char* function) {
 
 // Tells of lines that did not reach the console, in their place; returns whether that did.
 bool TellOfLinesLeftOut(unsigned long count) {
-  Line note = {};
+  Line note;
   const size_t length = FormatPrefix(note, kInfo, kMessage2);
   std::snprintf(note + length, sizeof note - length, "Lines that the console did not take: %lu\n",
                 count);
@@ -285,8 +285,9 @@ void Message2(int level, const char* function, const char* format, ...) {
     return;
   }
   const std::lock_guard<std::mutex> lock(Detail::Mutex());
-  Line line = {};
+  Line line;  // not all of it cleared: that would be a fifth of the work
   const size_t prefixLength = FormatPrefix(line, level, function);
+  line[prefixLength] = '\0';
   va_list arguments;
   va_start(arguments, format);
   std::vsnprintf(line + prefixLength, kMaxLineLength + 1 - prefixLength, format, arguments);
