@@ -31,10 +31,10 @@ std::string Verb(int mode) {
 void AddDenial(const CheckContext& context, const Need& need) {
   const std::string& user = context.user.Name();
   const std::string closed = context.user.ClosedDirectory(need.path);
-  const std::string reason = closed.empty() ? "" : ", who may not enter " + closed;
+  const std::string reason = closed.empty() ? "" : ", who may not enter " + closed + ",";
   context.findings->Add(
       need.path,
-      "user '" + user + "'" + reason + ", may not " + Verb(need.mode) + " it: " + need.consequence,
+      "user '" + user + "'" + reason + " may not " + Verb(need.mode) + " it: " + need.consequence,
       closed.empty() ? "chown " + user + " " + need.path + ", or widen its mode"
                      : "chmod +x " + closed + ", or put the file elsewhere");
 }
