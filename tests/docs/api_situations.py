@@ -109,7 +109,7 @@ def _fill_queue(daemon, listener, stack):
 @contextmanager
 def provoke(root, make_daemon, name):
     """A function that asks a listener in the situation of that name: for what the situation asks,
-    unless another request is given."""
+    unless another request is given. Its `destination` is what stands behind the daemon."""
     situation = SITUATIONS[name]
     if situation.missing:
         getattr(root, situation.missing).unlink()
@@ -118,7 +118,8 @@ def provoke(root, make_daemon, name):
         # The last directory's answer is the one that counts.
         root.write_hook(root.external_hooks, "10-answer", f"#!/bin/sh\n{situation.hook}\n")
     with ExitStack() as stack:
-        stack.enter_context(_make_destination(situation.destination, root.destination_port))
+        destination = _make_destination(situation.destination, root.destination_port)
+        stack.enter_context(destination)
         daemon = make_daemon().start()
         filled = set()
 
@@ -131,4 +132,5 @@ def provoke(root, make_daemon, name):
             return send(root, listener,
                         raw_request(*(request or situation.request), headers, **options))
 
+        ask.destination = destination
         yield ask

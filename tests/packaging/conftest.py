@@ -44,6 +44,7 @@ def documents():
     return {
         **{f"docs/{page}.md": False for page in pages},
         "api/openapi.yaml": False,
+        "api/refusals.yaml": False,
         "tavlo.schema.json": False,
         "examples/tavlo.json": False,
         "examples/clients/tavlo.mjs": True,
