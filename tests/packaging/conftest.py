@@ -53,6 +53,7 @@ def documents():
         "examples/hooks/10-audit": True,
         "examples/hooks/20-office-hours": True,
         "examples/hooks/30-reload-service": True,
+        "examples/hooks/40-notify": True,
     }
 
 
