@@ -3,6 +3,7 @@
 import os
 import stat
 import subprocess
+import sys
 import time
 from pathlib import Path
 
@@ -11,6 +12,9 @@ import pytest
 SOURCE = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ["TAVLO_BUILD_DIR"])
 LIMIT_SECS = 20
+
+# What all kinds of tests share.
+sys.path.insert(0, str(SOURCE / "tests/system"))
 
 
 class Installation:
@@ -34,7 +38,7 @@ def listing(root):
 
 
 def manual_pages():
-    return sorted(path.name for path in SOURCE.glob("docs/man/*.[58]"))
+    return sorted(path.name for path in SOURCE.glob("docs/man/*.[158]"))
 
 
 def documents():
@@ -45,6 +49,8 @@ def documents():
         **{f"docs/{page}.md": False for page in pages},
         "api/openapi.yaml": False,
         "api/refusals.yaml": False,
+        "tavlo.cdx.json": False,
+        "tavloctl.cdx.json": False,
         "tavlo.schema.json": False,
         "examples/tavlo.json": False,
         "examples/clients/tavlo.mjs": True,

@@ -22,6 +22,8 @@ def expected(prefix, sysconfdir):
     return pages | shared | {
         f"{prefix}/sbin/tavlo": PROGRAM,
         f"{prefix}/sbin/tavloctl": PROGRAM,
+        f"{prefix}/bin/decode-backtrace": PROGRAM,
+        f"{prefix}/lib/systemd/system/tavlo.path": FILE,
         f"{prefix}/lib/systemd/system/tavlo.service": FILE,
         f"{prefix}/share/bash-completion/completions/tavlo": FILE,
         f"{prefix}/share/bash-completion/completions/tavloctl": FILE,
@@ -42,7 +44,7 @@ def test_every_file_goes_where_it_belongs(installation, variables, prefix, sysco
     installation.run(**variables)
     assert listing(installation.root) == expected(prefix, sysconfdir)
     unit = (installation.root / f"{prefix[1:]}/lib/systemd/system/tavlo.service").read_text()
-    assert f"ExecStart={prefix}/sbin/tavlo -c {sysconfdir}/tavlo/tavlo.json " in unit
+    assert f"ExecStart={prefix}/sbin/tavlo -s -c {sysconfdir}/tavlo/tavlo.json " in unit
 
 
 def test_a_prefix_alone_holds_everything(installation, tmp_path):
