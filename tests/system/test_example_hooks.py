@@ -119,6 +119,7 @@ def notifier(root):
 
 def test_notify_tells_the_body_that_is_gone_when_it_is_read(root, start, sdk_host, notifier):
     start("40-notify", **notifier.variables)
+    root.write_hook(root.internal_hooks, "90-empties-the-body", '#!/bin/sh\n: >"$6"\nexit 0\n')
     before = set((root.directory / "tmp").iterdir())
     assert change(root).status == 200
     assert len(sdk_host.requests) == 1
