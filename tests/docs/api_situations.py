@@ -1,8 +1,10 @@
 """The situations behind the daemon's answers, and how to bring each of them about."""
 
+import re
 from contextlib import ExitStack, contextmanager
 from dataclasses import dataclass, field
 
+from markdown import PROJECT
 from sdk_rest_host import SdkRestHost
 from support.clients import Answer, connect, exchange
 from support.destinations import Destination, hang, read_request
@@ -13,6 +15,14 @@ ELSEWHERE = ("GET", "/api/1/profiles")
 MAX_BODY = 32768
 MAX_READ_BODY = 4 * 1024 * 1024
 MAX_WAITING = 100
+
+
+def open_endpoints():
+    """Those of the sources, as pairs of method and path."""
+    source = (PROJECT / "src" / "agent" / "access.cc").read_text(encoding="utf-8")
+    endpoints = re.findall(r"\{EVHTTP_REQ_(\w+), \"([^\"]+)\"\}", source)
+    assert endpoints
+    return endpoints
 
 
 def raw_request(method, path, headers=(), body=b"", length=None):

@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from api_situations import SITUATIONS, provoke
+from api_situations import SITUATIONS, open_endpoints, provoke
 from markdown import PROJECT, fenced_blocks, table
 from support import clients
 from support.scratch_root import PAIRING_KEY
@@ -58,12 +58,9 @@ def test_there_are_examples():
 
 
 def test_the_page_has_the_open_endpoints_of_the_source():
-    source = (AGENT / "access.cc").read_text(encoding="utf-8")
-    endpoints = re.findall(r"\{EVHTTP_REQ_(\w+), \"([^\"]+)\"\}", source)
-    assert endpoints
     rows = [(method, path.strip("`")) for method, path, plain, _, answered_by
             in table(PAGE, "Method") if plain == "open" and answered_by == "the SDK REST host"]
-    assert rows == endpoints
+    assert rows == open_endpoints()
 
 
 def reasons_in_the_source():

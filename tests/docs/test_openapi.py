@@ -17,7 +17,7 @@ import jsonschema
 import pytest
 import yaml
 
-from api_situations import MAX_BODY, MAX_READ_BODY, provoke
+from api_situations import MAX_BODY, MAX_READ_BODY, open_endpoints, provoke
 from markdown import PROJECT
 from sdk_rest_host import Answer, SdkRestHost
 from support import npm
@@ -211,6 +211,13 @@ def test_the_document_has_the_key_and_the_tls_listener_first():
     scheme = USABLE.tree["components"]["securitySchemes"]["pairingKey"]
     assert (scheme["type"], scheme["in"], scheme["name"]) == ("apiKey", "header", "PairingKey")
     assert [server["url"].split(":")[0] for server in USABLE.tree["servers"]] == ["https", "http"]
+
+
+def test_the_open_endpoints_are_those_of_the_source():
+    assert [(method.upper(), template) for template, method, operation in USABLE.operations()
+            if operation.get("security") == [{"pairingKey": []}, {}]] == open_endpoints()
+    assert set(open_endpoints()) <= {(method.upper(), template)
+                              for template, method, _ in REFUSALS.operations()}
 
 
 @documents
