@@ -13,6 +13,7 @@ from markdown import PROJECT
 PAGES = sorted((PROJECT / "docs" / "man").iterdir())
 TAVLO = PROJECT / "docs" / "man" / "tavlo.8"
 TAVLO_JSON = PROJECT / "docs" / "man" / "tavlo.json.5"
+TAVLOCTL = PROJECT / "docs" / "man" / "tavloctl.8"
 
 
 def text(path):
@@ -24,8 +25,8 @@ def run(*command):
                           env={**os.environ, "LC_ALL": "C.UTF-8", "MANWIDTH": "80"})
 
 
-def test_there_are_two():
-    assert PAGES == [TAVLO, TAVLO_JSON]
+def test_there_is_one_for_each_program_and_for_the_configuration():
+    assert PAGES == [TAVLO, TAVLO_JSON, TAVLOCTL]
 
 
 @pytest.mark.parametrize("page", PAGES, ids=lambda page: page.name)

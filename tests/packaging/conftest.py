@@ -46,7 +46,7 @@ def manual_pages():
 def documents():
     """Path below share/doc/tavlo -> whether it is a program."""
     pages = ("api", "architecture", "configuration", "faults", "hooks", "install", "messages",
-             "operations", "security")
+             "operations", "security", "tavloctl")
     return {
         **{f"docs/{page}.md": False for page in pages},
         "api/openapi.yaml": False,

@@ -59,6 +59,7 @@ def test_the_package_holds_these_files(package):
               for path, is_program in documents().items()}
     assert contents(package) == pages | shared | {
         "/usr/sbin/tavlo": program,
+        "/usr/sbin/tavloctl": program,
         "/lib/systemd/system/tavlo.service": file,
         "/etc/logrotate.d/tavlo": file,
         "/etc/tavlo/": directory,
@@ -67,6 +68,7 @@ def test_the_package_holds_these_files(package):
         "/etc/tavlo/hooks/agent/": directory,
         "/etc/tavlo/tavlo.json": file,
         "/usr/share/bash-completion/completions/tavlo": file,
+        "/usr/share/bash-completion/completions/tavloctl": file,
         "/usr/share/doc/tavlo/changelog.gz": file,
         "/usr/share/doc/tavlo/copyright": file,
     }
@@ -77,15 +79,19 @@ def test_the_package_holds_these_files(package):
     assert maintainer == f"{MAINTAINER} <who@tavlo.example>"
 
 
-def test_the_debug_file_lies_where_debuggers_look_for_it(package, debug_package, tmp_path):
+def build_id(path):
+    return re.search(r"Build ID: ([0-9a-f]+)", run("readelf", "-n", path))[1]
+
+
+def test_the_debug_files_lie_where_debuggers_look_for_them(package, debug_package, tmp_path):
     run("dpkg-deb", "--extract", package, tmp_path)
-    notes = run("readelf", "-n", tmp_path / "usr/sbin/tavlo")
-    build_id = re.search(r"Build ID: ([0-9a-f]+)", notes)[1]
-    place = f"/usr/lib/debug/.build-id/{build_id[:2]}/{build_id[2:]}.debug"
+    ids = [build_id(tmp_path / "usr/sbin" / name) for name in ("tavlo", "tavloctl")]
+    places = {f"/usr/lib/debug/.build-id/{each[:2]}/{each[2:]}.debug": each for each in ids}
     assert set(contents(debug_package)) == {
-        place, "/usr/share/doc/tavlo-dbg/changelog.gz", "/usr/share/doc/tavlo-dbg/copyright"}
+        *places, "/usr/share/doc/tavlo-dbg/changelog.gz", "/usr/share/doc/tavlo-dbg/copyright"}
     run("dpkg-deb", "--extract", debug_package, tmp_path)
-    assert build_id in run("readelf", "-n", tmp_path / place[1:])
+    for place, each in places.items():
+        assert build_id(tmp_path / place[1:]) == each
 
 
 def test_lintian_has_nothing_to_say_against_them(packages):

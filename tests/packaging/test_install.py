@@ -21,8 +21,10 @@ def expected(prefix, sysconfdir):
               for path, is_program in documents().items()}
     return pages | shared | {
         f"{prefix}/sbin/tavlo": PROGRAM,
+        f"{prefix}/sbin/tavloctl": PROGRAM,
         f"{prefix}/lib/systemd/system/tavlo.service": FILE,
         f"{prefix}/share/bash-completion/completions/tavlo": FILE,
+        f"{prefix}/share/bash-completion/completions/tavloctl": FILE,
         f"{sysconfdir}/logrotate.d/tavlo": FILE,
         f"{sysconfdir}/tavlo/tavlo.json": FILE,
         f"{sysconfdir}/tavlo/agent": DIRECTORY,
@@ -59,9 +61,10 @@ def test_the_pages_refer_to_what_is_installed_with_them(installation):
     assert [str(link) for link in links if not link.exists()] == []
 
 
-def test_the_program_is_the_one_that_the_debug_file_fits(installation):
+@pytest.mark.parametrize("name", ["tavlo", "tavloctl"])
+def test_the_program_is_the_one_that_the_debug_file_fits(installation, name):
     installation.run(PREFIX="/usr")
-    assert filecmp.cmp(installation.root / "usr/sbin/tavlo", BUILD / "tavlo", shallow=False)
+    assert filecmp.cmp(installation.root / "usr/sbin" / name, BUILD / name, shallow=False)
 
 
 def test_who_calls_cmake_without_a_preset_builds_what_ships(tmp_path):

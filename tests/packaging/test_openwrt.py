@@ -130,14 +130,14 @@ INSTALL_DATA:=install -m0644
 INSTALL_CONF:=install -m0600
 """
 PACKAGE_RULES = """
-define BuildPackage
 prepare:
-	$$(call Build/Prepare)
-install:
-	$$(call Package/$(1)/install,$(TOPDIR)/root)
+	$(call Build/Prepare)
 show:
-	@echo $$(PKG_NAME) $$(PKG_VERSION) $$(CMAKE_OPTIONS)
-conffiles:
+	@echo $(PKG_NAME) $(PKG_VERSION) $(CMAKE_OPTIONS)
+define BuildPackage
+install-$(1):
+	$$(call Package/$(1)/install,$(TOPDIR)/root)
+conffiles-$(1):
 	$$(info $$(Package/$(1)/conffiles)) @:
 endef
 """
@@ -167,7 +167,7 @@ def test_its_version_is_the_builds(make):
 def test_the_package_holds_these_files(make, tmp_path):
     (tmp_path / "build_dir").mkdir()
     (tmp_path / "build_dir/tavlo").touch()
-    make("install")
+    make("install-tavlo")
     assert listing(tmp_path / "root") == {
         "/usr/sbin/tavlo": "-rwxr-xr-x",
         "/etc/init.d/tavlo": "-rwxr-xr-x",
@@ -176,7 +176,15 @@ def test_the_package_holds_these_files(make, tmp_path):
         "/etc/tavlo/agent": "drwxr-xr-x",
         "/etc/tavlo/hooks/agent": "drwxr-xr-x",
     }
-    assert make("conffiles").split() == ["/etc/config/tavlo", "/etc/tavlo/"]
+    assert make("conffiles-tavlo").split() == ["/etc/config/tavlo", "/etc/tavlo/"]
+
+
+def test_the_package_beside_it_holds_tavloctl_alone(make, tmp_path):
+    (tmp_path / "build_dir").mkdir()
+    (tmp_path / "build_dir/tavloctl").touch()
+    make("install-tavlo-utils")
+    assert listing(tmp_path / "root") == {"/usr/sbin/tavloctl": "-rwxr-xr-x"}
+    assert make("conffiles-tavlo-utils").split() == []
 
 
 def test_it_is_built_from_this_tree_without_what_was_built_before(make, tmp_path):
