@@ -56,7 +56,8 @@ void Traffic::AddRequest(int64_t time) {
 void Traffic::Add(const Traffic& other) {
   count += other.count;
   busiestMinute = std::max(busiestMinute, other.busiestMinute);
-  times.Add(other.times);
+  toNextLine.Add(other.toNextLine);
+  toAnswer.Add(other.toAnswer);
 }
 
 Step& Timeline::At(int64_t time) {

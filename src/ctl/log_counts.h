@@ -43,7 +43,8 @@ class Durations {
 struct Traffic {
   uint64_t count = 0;
   uint64_t busiestMinute = 0;
-  Durations times;  ///< from the request to the next line of its thread
+  Durations toNextLine;  ///< from a request to the next line of its thread
+  Durations toAnswer;
 
   void AddRequest(int64_t time);
 

@@ -57,12 +57,22 @@ void EventCounter::TakeScript(const LogEntry& entry) {
 
 void EventCounter::TakeFailedScript(const LogEntry& entry) {
   static const TextPattern kFailed("Failed to invoke agent hook: failed to call script '%s' as %s");
+  static const TextPattern kNotExecuted("Failed to execute %s: %s");
   std::vector<std::string_view> values;
-  if (entry.level == Orx::Log::kError && kFailed.Match(entry.text, &values)) {
-    LogReport::Script& row = RowOf(&scripts_, values[0]);
-    row.failures.Add(entry.time);
-    row.lastStatus = Printable(values[1], kMostShown);
+  if (entry.level != Orx::Log::kError) {
+    return;
   }
+  if (kFailed.Match(entry.text, &values)) {
+    AddFailure(values[0], "status " + Printable(values[1], kMostShown), entry.time);
+  } else if (kNotExecuted.Match(entry.text, &values)) {
+    AddFailure(values[0], Printable(values[1], kMostShown), entry.time);
+  }
+}
+
+void EventCounter::AddFailure(std::string_view path, const std::string& reason, int64_t time) {
+  LogReport::Script& row = RowOf(&scripts_, path);
+  row.failures.Add(time);
+  row.lastFailure = reason;
 }
 
 void EventCounter::Report(LogReport* report) const {

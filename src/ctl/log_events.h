@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "ctl/log_entry.h"
 #include "ctl/log_report.h"
@@ -22,6 +24,7 @@ class EventCounter {
   void TakeEndedClients(const LogEntry& entry);
   void TakeScript(const LogEntry& entry);
   void TakeFailedScript(const LogEntry& entry);
+  void AddFailure(std::string_view path, const std::string& reason, int64_t time);
 
   Occurrences starts_;
   std::map<std::string, LogReport::EndedClients> endedClients_;

@@ -31,11 +31,11 @@ void WriteWhen(Writer* out, const Occurrences& when) {
 }
 
 // Nothing where nothing was measured.
-void WriteTimes(Writer* out, const Durations& times) {
+void WriteTimes(Writer* out, const char* key, const Durations& times) {
   if (times.Count() == 0) {
     return;
   }
-  out->Key("milliseconds");
+  out->Key(key);
   out->StartObject();
   Write(out, "measured", times.Count());
   Write(out, "half", static_cast<uint64_t>(times.Within(50)));
@@ -53,14 +53,15 @@ void WriteRow(Writer* out, const LogReport::Requests& row, double minutes) {
   out->Key("aMinute");
   out->Double(static_cast<double>(row.traffic.count) / minutes);
   Write(out, "busiestMinute", row.traffic.busiestMinute);
-  WriteTimes(out, row.traffic.times);
+  WriteTimes(out, "msToAnswer", row.traffic.toAnswer);
+  WriteTimes(out, "msToNextLine", row.traffic.toNextLine);
 }
 
 void WriteRow(Writer* out, const LogReport::Answers& row, double /*minutes*/) {
   Write(out, "listener", row.listener);
   Write(out, "status", static_cast<uint64_t>(row.status));
   Write(out, "count", row.times.Count());
-  WriteTimes(out, row.times);
+  WriteTimes(out, "ms", row.times);
 }
 
 void WriteRow(Writer* out, const LogReport::Refusal& row, double /*minutes*/) {
@@ -90,12 +91,12 @@ void WriteRow(Writer* out, const LogReport::EndedClients& row, double /*minutes*
 
 void WriteRow(Writer* out, const LogReport::Script& row, double /*minutes*/) {
   Write(out, "path", row.path);
-  WriteTimes(out, row.times);
+  WriteTimes(out, "ms", row.times);
   out->Key("failures");
   out->StartObject();
   WriteWhen(out, row.failures);
   if (row.failures.count > 0) {
-    Write(out, "lastStatus", row.lastStatus);
+    Write(out, "lastFailure", row.lastFailure);
   }
   out->EndObject();
 }

@@ -9,7 +9,7 @@ namespace tavlo::ctl {
 namespace {
 
 // Whose lines come from the threads of listeners alone.
-constexpr std::array<std::string_view, 6> kOnListeners = {"AgentHost::Run",
+constexpr std::array<std::string_view, 6> kOnListeners = {"AgentHost::LogEndpoint",
                                                           "AgentHost::DispatchRequest",
                                                           "AgentHost::LoadCertificate",
                                                           "AgentHost::SslConnect",
@@ -81,9 +81,10 @@ Listeners::Role Listeners::RoleIn(const LogEntry& entry) {
   // Only whoever has the key, or is asked for none, gets as far as the check of the characters; on
   // the plain listener no endpoint has any that are refused there.
   static constexpr std::array<Sign, 9> kSigns = {{
-      {"AgentHost::Run", "Serving ", ": TLS", Role::kTls},
-      {"AgentHost::Run", "Serving ", ": plain HTTP, for want of a certificate", Role::kTls},
-      {"AgentHost::Run", "Serving ", ": plain HTTP", Role::kPlain},
+      {"AgentHost::LogEndpoint", "Serves ", "TLS", Role::kTls},
+      {"AgentHost::LogEndpoint", "Serves ", "plain HTTP, for want of certificate and key",
+       Role::kTls},
+      {"AgentHost::LogEndpoint", "Serves ", "plain HTTP", Role::kPlain},
       {"AgentHost::LoadCertificate", "", "", Role::kTls},
       {"AgentHost::SslConnect", "", "", Role::kTls},
       {"AgentHost::DispatchRequest", "Pairing key not as expected: ", "", Role::kTls},

@@ -48,7 +48,7 @@ struct LogReport {
     std::string path;
     Durations times;  ///< of its runs; none without -d
     Occurrences failures;
-    std::string lastStatus;
+    std::string lastFailure;
   };
 
   uint64_t lines = 0;       ///< of the daemon's

@@ -1,6 +1,7 @@
 #include "ctl/log_requests.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <string_view>
 
 #include "ctl/log_listeners.h"
@@ -14,6 +15,7 @@ namespace {
 constexpr const char* kOther = "other";
 constexpr size_t kMostShown = 200;  // bytes of an endpoint
 constexpr int64_t kLargestStatus = 999;
+constexpr size_t kMostUnanswered = 128;  // of a listener, the latest ones
 
 // Method and path. What is asked for outside of /api/ is a scanner's, and another one each time.
 std::string EndpointOf(std::string_view request) {
@@ -45,11 +47,16 @@ void RequestCounter::Take(const LogEntry& entry, size_t listener, bool isDebug, 
 }
 
 void RequestCounter::TakeRequest(const LogEntry& entry, size_t listener, Step* step) {
-  const std::string endpoint = EndpointOf(entry.text);
-  At({listener, endpoint}).AddRequest(entry.time);
+  const Asked asked = {entry.time, EndpointOf(entry.text)};
+  At({listener, asked.endpoint}).AddRequest(entry.time);
   listeners_[listener].AddRequest(entry.time);
-  asked_[listener] = {entry.time, endpoint};
   ++step->requests;
+  Waiting& waiting = waiting_[listener];
+  waiting.last = asked;
+  waiting.unanswered.push_back(asked);
+  if (waiting.unanswered.size() > kMostUnanswered) {
+    waiting.unanswered.pop_front();
+  }
 }
 
 // "Answered 200 to 192.0.2.7:51234: 312 bytes, 4 ms since its request"
@@ -65,20 +72,44 @@ void RequestCounter::TakeAnswer(const LogEntry& entry, size_t listener, Step* st
   if (status && milliseconds) {
     answers_[{listener, static_cast<int>(*status)}].Add(*milliseconds);
     step->slowest = std::max(step->slowest, *milliseconds);
+    FinishRequest(entry, listener, *milliseconds);
   }
 }
 
-void RequestCounter::TakeNextLine(const LogEntry& entry, size_t listener, Step* step) {
-  const auto asked = asked_.find(listener);
-  if (asked == asked_.end()) {
+// An answer's line does not name its request, but tells when that came: it is the one that was
+// logged just then.
+void RequestCounter::FinishRequest(const LogEntry& entry, size_t listener, int64_t milliseconds) {
+  constexpr int64_t kTolerance = 5;
+  const int64_t time = entry.time - milliseconds;
+  const auto distance = [time](const Asked& asked) { return std::abs(asked.time - time); };
+  std::deque<Asked>& unanswered = waiting_[listener].unanswered;
+  const auto asked = std::min_element(
+      unanswered.begin(), unanswered.end(),
+      [&](const Asked& one, const Asked& other) { return distance(one) < distance(other); });
+  if (asked == unanswered.end() || distance(*asked) > kTolerance) {
     return;
   }
-  const int64_t time = std::max(entry.time - asked->second.time, int64_t{0});  // the clock was set
-  const auto row = endpoints_.find({listener, asked->second.endpoint});
-  (row != endpoints_.end() ? row->second : endpoints_[{listener, kOther}]).times.Add(time);
-  listeners_[listener].times.Add(time);
+  Known(listener, asked->endpoint).toAnswer.Add(milliseconds);
+  listeners_[listener].toAnswer.Add(milliseconds);
+  unanswered.erase(asked);
+}
+
+void RequestCounter::TakeNextLine(const LogEntry& entry, size_t listener, Step* step) {
+  std::optional<Asked>& asked = waiting_[listener].last;
+  if (!asked) {
+    return;
+  }
+  const int64_t time = std::max(entry.time - asked->time, int64_t{0});  // the clock may be set
+  Known(listener, asked->endpoint).toNextLine.Add(time);
+  listeners_[listener].toNextLine.Add(time);
   step->slowest = std::max(step->slowest, time);
-  asked_.erase(asked);
+  asked.reset();
+}
+
+// Of an endpoint that was asked for: it has a row, if not that of the others by now.
+Traffic& RequestCounter::Known(size_t listener, const std::string& endpoint) {
+  const auto row = endpoints_.find({listener, endpoint});
+  return row != endpoints_.end() ? row->second : endpoints_[{listener, kOther}];
 }
 
 Traffic& RequestCounter::At(const Key& key) {

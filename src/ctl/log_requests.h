@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstdint>
+#include <deque>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,21 +29,29 @@ class RequestCounter {
  private:
   using Key = std::pair<size_t, std::string>;  // listener and endpoint
 
-  // The last request of a listener, as long as no line follows it.
   struct Asked {
     int64_t time;
     std::string endpoint;
   };
 
+  // What a listener was asked, as far as its lines tell.
+  struct Waiting {
+    std::optional<Asked> last;  // if no line follows it yet
+    std::deque<Asked>
+        unanswered;  // oldest first; not those whose clients have gone, or not for long
+  };
+
   void TakeRequest(const LogEntry& entry, size_t listener, Step* step);
   void TakeAnswer(const LogEntry& entry, size_t listener, Step* step);
+  void FinishRequest(const LogEntry& entry, size_t listener, int64_t milliseconds);
   void TakeNextLine(const LogEntry& entry, size_t listener, Step* step);
+  Traffic& Known(size_t listener, const std::string& endpoint);
   Traffic& At(const Key& key);
   void ForgetTheRarest();
 
   std::map<Key, Traffic> endpoints_;
   std::map<size_t, Traffic> listeners_;
-  std::map<size_t, Asked> asked_;
+  std::map<size_t, Waiting> waiting_;
   std::map<std::pair<size_t, int>, Durations> answers_;  // by listener and status
 };
 

@@ -54,10 +54,17 @@ void PrintPeriod(const LogReport& report, std::ostream& out) {
   }
 }
 
-void PrintRequests(const LogReport::Requests& row, double minutes, std::ostream& out) {
-  out << FirstColumn(row.traffic.count)
-      << Column(static_cast<double>(row.traffic.count) / minutes, 10)
-      << Column(row.traffic.busiestMinute, 9) << Times(row.traffic.times) << "  " << std::left
+// Older daemons do not log them.
+bool HasAnswers(const LogReport& report) {
+  return !report.answers.empty();
+}
+
+void PrintRequests(const LogReport& report, const LogReport::Requests& row, std::ostream& out) {
+  const Traffic& traffic = row.traffic;
+  out << FirstColumn(traffic.count)
+      << Column(static_cast<double>(traffic.count) / report.Minutes(), 10)
+      << Column(traffic.busiestMinute, 9)
+      << Times(HasAnswers(report) ? traffic.toAnswer : traffic.toNextLine) << "  " << std::left
       << std::setw(9) << row.listener << std::right << ' '
       << (row.endpoint.empty() ? "(all)" : row.endpoint) << '\n';
 }
@@ -66,15 +73,15 @@ void PrintAllRequests(const LogReport& report, std::ostream& out) {
   if (report.endpoints.empty()) {
     return;
   }
-  out << "\nRequests (a minute; in the busiest minute; milliseconds to the next line of the "
-         "thread)\n"
+  out << "\nRequests (milliseconds until "
+      << (HasAnswers(report) ? "the answer" : "the next line of the thread") << ")\n"
       << "    count  a minute  busiest" << kTimesHead << "  listener  endpoint\n";
   for (const LogReport::Requests& row : report.listeners) {
-    PrintRequests(row, report.Minutes(), out);
+    PrintRequests(report, row, out);
   }
   const size_t shown = std::min(report.endpoints.size(), kMostEndpoints);
   for (size_t i = 0; i < shown; ++i) {
-    PrintRequests(report.endpoints[i], report.Minutes(), out);
+    PrintRequests(report, report.endpoints[i], out);
   }
   if (shown < report.endpoints.size()) {
     out << "          and " << report.endpoints.size() - shown << " more (--json shows them)\n";
@@ -86,7 +93,7 @@ void PrintAllRequests(const LogReport& report, std::ostream& out) {
 }
 
 void PrintAnswers(const LogReport& report, std::ostream& out) {
-  if (report.answers.empty()) {
+  if (!HasAnswers(report)) {
     return;
   }
   out << "\nAnswers (milliseconds since the request)\n"
@@ -160,8 +167,7 @@ void PrintScripts(const LogReport& report, std::ostream& out) {
     out << (row.times.Count() == 0 ? Column("-", 9) : FirstColumn(row.times.Count()))
         << FirstColumn(row.failures.count) << Times(row.times) << "  " << row.path;
     if (row.failures.count > 0) {
-      out << " (the last time as " << row.lastStatus << ", " << FormatTime(row.failures.last)
-          << ')';
+      out << " (the last time: " << row.lastFailure << ", " << FormatTime(row.failures.last) << ')';
     }
     out << '\n';
   }

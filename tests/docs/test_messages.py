@@ -4,7 +4,7 @@ import json
 import re
 from collections import Counter
 
-from error_messages import failure_texts, logged_formats, sources
+from error_messages import SOURCES, failure_texts, logged_formats, sources
 from markdown import PROJECT, tables
 from support.tavloctl import run_tavloctl
 
@@ -93,3 +93,24 @@ def test_where_the_page_says_see_there_tavloctl_looks_there():
                 for message in outer for rest, cause, cure in distinguishable() if cure != "see there"}
     assert explained(*(made_by(message[:-2]) + made_by(rest) for message, rest in expected)
                      ) == expected
+
+
+def texts_that_tavloctl_looks_for():
+    """The literals of formats, beginnings and ends that it knows lines by."""
+    found = []
+    for path in (SOURCES / "ctl").glob("log_*.cc"):
+        text = re.sub(r'"\s*\n\s*"', "", path.read_text(encoding="utf-8"))
+        found += re.findall(r'TextPattern \w+\("([^"]+)"', text)
+        found += re.findall(r'\{Orx::Log::k\w+, "([^"]+)"', text)
+        found += re.findall(r'(?:kWrongKey = |BeginsWith\(|IsOf\(|text == )"([^"]+)"', text)
+        found += [each for sign in re.findall(r'^ +\{("[^{}]+), Role::', text, re.M)
+                  for each in re.findall(r'"([^"]+)"', sign)]
+    pieces = {piece for each in found for piece in re.split(r"%[lz]*[a-z]|(?<=: )", each)}
+    return {piece for piece in pieces if re.search(r"[a-z]{2}", piece)}
+
+
+def test_tavloctl_knows_lines_of_the_log_by_what_the_daemon_writes():
+    written = re.sub(r'"\s*"', "", "\n".join(sources().values()))
+    texts = texts_that_tavloctl_looks_for()
+    assert len(texts) > 30
+    assert [text for text in sorted(texts) if text not in written] == []

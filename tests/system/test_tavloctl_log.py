@@ -4,11 +4,13 @@ import gzip
 import json
 import re
 import subprocess
+import time
 import xml.etree.ElementTree as ElementTree
 from datetime import datetime, timedelta, timezone
 
 import pytest
 
+from sdk_rest_host import describe
 from support.clients import ask, connect, read_to_end
 from support.daemon import DIE_WITH_PARENT
 from support.scratch_root import PAIRING_KEY
@@ -119,17 +121,56 @@ def test_scripts_that_fail_are_told(root, make_daemon, sdk_host):
     daemon.stop()
     row, = in_json(daemon.log)["scripts"]
     assert row["path"] == str(script)
-    assert (row["failures"]["count"], row["failures"]["lastStatus"]) == (2, "3")
-    assert f"{script} (the last time as 3, " in in_text(daemon.log)
+    assert (row["failures"]["count"], row["failures"]["lastFailure"]) == (2, "status 3")
+    assert f"{script} (the last time: status 3, " in in_text(daemon.log)
 
 
-def test_the_time_to_the_next_line_is_told(root, make_daemon, sdk_host):
+def test_the_times_of_answers_are_told(root, daemon, sdk_host):
+    def after_a_while(request):
+        time.sleep(0.3)
+        return describe(request)
+
+    sdk_host.respond = after_a_while
+    assert ask(root.http_port, "GET", "/api/version").status == 200
+    assert ask(root.http_port, "GET", "/api/mac").status == 200
+    daemon.stop()
+    report = in_json(daemon.log)
+    times = {row["endpoint"]: row["msToAnswer"] for row in report["endpoints"]}
+    assert times["GET /api/version"]["measured"] == times["GET /api/mac"]["measured"] == 1
+    assert times["GET /api/version"]["slowest"] >= 300
+    assert counts(report["answers"], "listener", "status") == {("plain", 200): 2}
+    assert "Requests (milliseconds until the answer)" in in_text(daemon.log)
+
+
+def test_a_script_that_ended_a_request_is_told(root, make_daemon):
     root.settings["agentDataPath"] = str(root.agent_data)
+    script = root.write_hook(root.external_hooks, "10-ends", "#!/bin/sh\nexit 1\n")
     daemon = make_daemon().start()
     assert ask(root.http_port, "GET", "/api/version").status == 200
     daemon.stop()
-    row, = in_json(daemon.log)["endpoints"]
-    assert row["milliseconds"]["measured"] == 1
+    report = in_json(daemon.log)
+    assert counts(report["refusals"], "status", "reason") == {(200, "Call terminated by hook"): 1}
+    row, = report["scripts"]
+    assert (row["path"], row["ms"]["measured"], row["failures"]["count"]) == (str(script), 1, 0)
+
+
+def test_a_script_that_cannot_be_executed_is_told(root, make_daemon):
+    root.settings["agentDataPath"] = str(root.agent_data)
+    script = root.write_hook(root.external_hooks, "10-text", "")
+    script.chmod(0o644)
+    daemon = make_daemon().start()
+    assert ask(root.http_port, "GET", "/api/version").status == 200
+    daemon.stop()
+    row, = in_json(daemon.log)["scripts"]
+    assert (row["path"], row["failures"]["lastFailure"]) == (str(script), "13 Permission denied")
+
+
+def test_a_log_without_answers_has_the_times_to_the_next_line(log):
+    path = log(line("x", level="DEBUG") + requests(1)
+               + line("Calling agent hook", "2026-11-21 15:46:20.045", level="DEBUG"))
+    row, = in_json(path)["endpoints"]
+    assert row["msToNextLine"] == {"measured": 1, "half": 45, "most": 45, "slowest": 45}
+    assert "Requests (milliseconds until the next line of the thread)" in in_text(path)
 
 
 def test_without_debug_lines_the_text_says_what_is_missing(root, make_daemon):
@@ -140,7 +181,7 @@ def test_without_debug_lines_the_text_says_what_is_missing(root, make_daemon):
     assert report["refusals"] == []
     row, = report["endpoints"]
     assert re.fullmatch(r"[0-9a-f]+\.[0-9a-f]+", row["listener"])
-    assert "milliseconds" not in row
+    assert "msToAnswer" not in row and "msToNextLine" not in row
     assert "Without -d the log has no times" in in_text(daemon.log)
 
 

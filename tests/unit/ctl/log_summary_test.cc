@@ -134,15 +134,18 @@ TEST(LogSummaryListeners, AreKnownByLinesOfTheirOwn) {
 }
 
 TEST(LogSummaryListeners, AreKnownByTheirFirstLine) {
-  const char* const run = "void tavlo::AgentHost::Run";
+  const char* const serves = "void tavlo::AgentHost::LogEndpoint";
   Log log;
-  log.Line(kPlain, "DEBUG", run, "Serving 127.0.0.1:80: plain HTTP").Request(kPlain, "GET /api/x");
+  log.Line(kPlain, "DEBUG", serves, "Serves 127.0.0.1:80: plain HTTP")
+      .Request(kPlain, "GET /api/x");
   EXPECT_THAT(ListenersOf(log), ElementsAre("1 plain "));
   Log tls;
-  tls.Line(kTls, "DEBUG", run, "Serving 127.0.0.1:443: TLS").Request(kTls, "GET /api/x");
+  tls.Line(kTls, "DEBUG", serves, "Serves 127.0.0.1:443: TLS").Request(kTls, "GET /api/x");
   EXPECT_THAT(ListenersOf(tls), ElementsAre("1 TLS "));
   Log without;
-  without.Line(kTls, "DEBUG", run, "Serving 127.0.0.1:443: plain HTTP, for want of a certificate")
+  without
+      .Line(kTls, "DEBUG", serves,
+            "Serves 127.0.0.1:443: plain HTTP, for want of certificate and key")
       .Request(kTls, "GET /api/x");
   EXPECT_THAT(ListenersOf(without), ElementsAre("1 TLS "));
 }
@@ -163,7 +166,8 @@ TEST(LogSummaryListeners, OfAnotherProcessOfTheSameNumberAreOthers) {
 TEST(LogSummaryListeners, ThatSpokeBeforeTheStartWasDoneBelongToIt) {
   Log log;
   log.Line(kMain, "DEBUG", "bool Init", "Enter");
-  log.Line(kPlain, "DEBUG", "void tavlo::AgentHost::Run", "Serving 127.0.0.1:80: plain HTTP");
+  log.Line(kPlain, "DEBUG", "void tavlo::AgentHost::LogEndpoint",
+           "Serves 127.0.0.1:80: plain HTTP");
   log.Start().Request(kPlain, "GET /api/x").Request(kTls, "GET /api/y");
   EXPECT_THAT(ListenersOf(log), ElementsAre("1 TLS ", "1 plain "));
 }
@@ -183,9 +187,9 @@ TEST(LogSummaryTimes, AreFromARequestToTheNextLineOfItsThread) {
   log.After(5000).Debug(kPlain, "nor this");
   const LogReport report = log.Report();
   ASSERT_THAT(report.endpoints, SizeIs(1));
-  EXPECT_EQ(report.endpoints[0].traffic.times.Count(), 1U);
-  EXPECT_EQ(report.endpoints[0].traffic.times.Longest(), 301);
-  EXPECT_EQ(report.listeners[0].traffic.times.Longest(), 301);
+  EXPECT_EQ(report.endpoints[0].traffic.toNextLine.Count(), 1U);
+  EXPECT_EQ(report.endpoints[0].traffic.toNextLine.Longest(), 301);
+  EXPECT_EQ(report.listeners[0].traffic.toNextLine.Longest(), 301);
   EXPECT_EQ(report.timeline.Steps().begin()->second.slowest, 301);
 }
 
@@ -194,30 +198,30 @@ TEST(LogSummaryTimes, AreNotMeasuredByLinesThatSayNothingOfTheRequest) {
   log.Debug(kMain, "x").Request(kPlain, "GET /api/a").Request(kPlain, "GET /api/b");
   log.Line(kPlain, "DEBUG", "void tavlo::AgentHost::Invoke", "Enter");
   log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::TakeIn", "Accepted 127.0.0.1:4711");
-  EXPECT_EQ(log.Report().listeners[0].traffic.times.Count(), 0U);
+  EXPECT_EQ(log.Report().listeners[0].traffic.toNextLine.Count(), 0U);
 }
 
 TEST(LogSummaryTimes, AreNotMeasuredWithoutDebugLines) {
   Log log;
   log.Request(kPlain, "GET /api/a").After(300).Clients(kPlain, "Answered 400 to whom");
-  EXPECT_EQ(log.Report().listeners[0].traffic.times.Count(), 0U);
+  EXPECT_EQ(log.Report().listeners[0].traffic.toNextLine.Count(), 0U);
   EXPECT_FALSE(log.Report().hasDebug);
 }
 
 TEST(LogSummaryTimes, AreNotNegativeWhenTheClockIsSetBack) {
   Log log;
   log.Debug(kMain, "x").Request(kPlain, "GET /api/a").After(-90000).Debug(kPlain, "this");
-  EXPECT_EQ(log.Report().listeners[0].traffic.times.Longest(), 0);
-  EXPECT_EQ(log.Report().listeners[0].traffic.times.Count(), 1U);
+  EXPECT_EQ(log.Report().listeners[0].traffic.toNextLine.Longest(), 0);
+  EXPECT_EQ(log.Report().listeners[0].traffic.toNextLine.Count(), 1U);
 }
 
 TEST(LogSummaryTimes, AreThoseOfAnswersToo) {
   Log log;
   for (int i = 0; i < 3; ++i) {
-    log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::LogAnswer",
+    log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::OnAnswer",
              "Answered 200 to 127.0.0.1:4711: 312 bytes, 40 ms since its request");
   }
-  log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::LogAnswer",
+  log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::OnAnswer",
            "Answered 417 to ::1:4711: 9 bytes, 1 ms since its request");
   const LogReport report = log.Report();
   ASSERT_THAT(report.answers, SizeIs(2));
@@ -225,6 +229,29 @@ TEST(LogSummaryTimes, AreThoseOfAnswersToo) {
   EXPECT_EQ(report.answers[0].times.Count(), 3U);
   EXPECT_EQ(report.answers[0].times.Longest(), 40);
   EXPECT_EQ(report.answers[1].status, 417);
+}
+
+TEST(LogSummaryTimes, OfAnswersBelongToTheRequestThatCameThen) {
+  Log log;
+  const auto answer = [&log](const char* milliseconds) {
+    log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::OnAnswer",
+             std::string("Answered 200 to 127.0.0.1:4711: 312 bytes, ") + milliseconds +
+                 " ms since its request");
+  };
+  log.Request(kPlain, "GET /api/slow").After(100).Request(kPlain, "GET /api/quick");
+  log.After(40);
+  answer("40");
+  log.After(60);
+  answer("200");
+  answer("5000");  // of a request that is not in this log
+  const LogReport report = log.Report();
+  ASSERT_THAT(report.endpoints, SizeIs(2));
+  EXPECT_EQ(report.endpoints[0].endpoint, "GET /api/quick");
+  EXPECT_EQ(report.endpoints[0].traffic.toAnswer.Longest(), 40);
+  EXPECT_EQ(report.endpoints[1].traffic.toAnswer.Longest(), 200);
+  EXPECT_EQ(report.endpoints[0].traffic.toAnswer.Count(), 1U);
+  EXPECT_EQ(report.endpoints[1].traffic.toAnswer.Count(), 1U);
+  EXPECT_EQ(report.listeners[0].traffic.toAnswer.Count(), 2U);
 }
 
 TEST(LogSummaryRefusals, AreCountedByReason) {
@@ -340,10 +367,21 @@ TEST(LogSummaryScripts, HaveTheirRunsAndFailures) {
   EXPECT_EQ(report.scripts[0].times.Count(), 2U);
   EXPECT_EQ(report.scripts[0].times.Longest(), 40);
   EXPECT_EQ(report.scripts[0].failures.count, 1U);
-  EXPECT_EQ(report.scripts[0].lastStatus, "3");
+  EXPECT_EQ(report.scripts[0].lastFailure, "status 3");
   EXPECT_EQ(report.scripts[1].path, "/hooks/agent/20");
   EXPECT_EQ(report.scripts[1].times.Count(), 0U);
-  EXPECT_EQ(report.scripts[1].lastStatus, "-1");
+  EXPECT_EQ(report.scripts[1].lastFailure, "status -1");
+}
+
+TEST(LogSummaryScripts, ThatCannotBeExecutedHaveFailed) {
+  Log log;
+  log.Line(kPlain, "ERROR", "int Orx::SecureExec",
+           "Failed to execute /hooks/agent/10-audit: 13 Permission denied");
+  const LogReport report = log.Report();
+  ASSERT_THAT(report.scripts, SizeIs(1));
+  EXPECT_EQ(report.scripts[0].path, "/hooks/agent/10-audit");
+  EXPECT_EQ(report.scripts[0].failures.count, 1U);
+  EXPECT_EQ(report.scripts[0].lastFailure, "13 Permission denied");
 }
 
 TEST(LogSummaryScripts, OfManyAreOther) {
