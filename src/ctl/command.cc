@@ -7,6 +7,7 @@
 
 #include "ctl/build_id.h"
 #include "ctl/check.h"
+#include "ctl/log.h"
 
 namespace tavlo::ctl {
 
@@ -14,6 +15,7 @@ namespace {
 
 constexpr const Command* kCommands[] = {
     &kCheck,
+    &kLog,
 };
 
 constexpr size_t kSummaryColumn = 8;

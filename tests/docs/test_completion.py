@@ -78,7 +78,8 @@ def test_all_options_of_its_commands_are_offered_and_no_others(command):
     assert sorted(shown) == sorted(options)
 
 
-@pytest.mark.parametrize("option", ["-c", "-f"])
-def test_files_are_offered_for_options_of_tavloctl(option, tmp_path):
+@pytest.mark.parametrize("words", [["check", "-c"], ["check", "-f"], ["log"], ["log", "--plot"],
+                                   ["log", "a file"]])
+def test_files_are_offered_to_tavloctl(words, tmp_path):
     (tmp_path / "a file").touch()
-    assert offered("check", option, "a", cwd=tmp_path, program="tavloctl") == ["a file"]
+    assert offered(*words, "a", cwd=tmp_path, program="tavloctl") == ["a file"]

@@ -1,5 +1,6 @@
 """What the tests of all ways to install share."""
 
+import json
 import os
 import stat
 import subprocess
@@ -29,6 +30,11 @@ class Installation:
         environment |= {"BUILD": str(BUILD), "DESTDIR": str(self.root), **variables}
         return subprocess.run([SOURCE / "tools/install", *arguments], env=environment, check=True,
                               capture_output=True, text=True, umask=0o077).stdout
+
+
+def setting_names():
+    properties = json.loads((SOURCE / "tavlo.schema.json").read_text())["properties"]
+    return properties.keys() - {"$schema"}
 
 
 def listing(root):

@@ -8,7 +8,7 @@ import shutil
 import subprocess
 
 import pytest
-from conftest import BUILD, SOURCE, documents, listing, manual_pages
+from conftest import BUILD, SOURCE, documents, listing, manual_pages, setting_names
 
 PROGRAM = "-rwxr-xr-x"
 FILE = "-rw-r--r--"
@@ -83,7 +83,7 @@ def test_the_daemon_reads_the_configuration_as_it_is_written(installation):
     installation.run(PREFIX="/opt")
     path = installation.root / "opt/etc/tavlo/tavlo.json"
     settings = json.loads(path.read_text())
-    assert len(settings) == 14
+    assert settings.keys() == setting_names()
     assert settings["internalHooksDirectory"] == "/opt/etc/tavlo/hooks"
     for key, value in settings.items():
         printed = subprocess.run([BUILD / "tavlo", "-c", path, "-p", key], check=True,
