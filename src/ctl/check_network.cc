@@ -137,7 +137,7 @@ void CheckDestination(const CheckContext& context) {
     context.findings->Add(Endpoint(address, port),
                           "the SDK REST host does not answer (" + status.Message() +
                               "): clients are answered with 500",
-                          "start it, or fix \"agentDstAddr\" and \"agentDstPort\"");
+                          R"(start it, or fix "agentDstAddr" and "agentDstPort")");
   }
 }
 
