@@ -111,11 +111,18 @@ void CheckLanInterface(const CheckContext& context) {
 void CheckPorts(const CheckContext& context) {
   const Listener plain = {"agentHttpPort", context.settings.AgentHttpPort()};
   const Listener tls = {"agentHttpsPort", context.settings.AgentHttpsPort()};
+  const uint16_t destination = context.settings.AgentDstPort();
   CheckPort(context, plain);
+  if (context.settings.AgentDstAddr() == kLoopback &&
+      (destination == plain.port || destination == tls.port)) {
+    context.findings->Add(Endpoint(kLoopback, destination),
+                          "requests are forwarded to the daemon's own port: they never get out",
+                          R"(set "agentDstPort" to the port of the SDK REST host)");
+  }
   if (plain.port == tls.port) {
     context.findings->Add(Endpoint(kLoopback, tls.port),
                           "both listeners want the port: the daemon does not start",
-                          "choose another \"agentHttpsPort\"");
+                          R"(choose another "agentHttpsPort")");
     return;
   }
   CheckPort(context, tls);
@@ -130,7 +137,7 @@ void CheckDestination(const CheckContext& context) {
     context.findings->Add(Endpoint(address, port),
                           "the SDK REST host does not answer (" + status.Message() +
                               "): clients are answered with 500",
-                          "start it, or fix \"agentDstAddr\" and \"agentDstPort\"");
+                          R"(start it, or fix "agentDstAddr" and "agentDstPort")");
   }
 }
 

@@ -149,7 +149,7 @@ def test_what_others_may_write(asked, is_script, owner, group, mode, who):
     path.chmod(mode)
     assert findings(asked) == [
         (str(path), f"{who} may write there: {THEY_DECIDE}",
-         f"chmod go-w {path}, and chown it to root or 'root'")]
+         f"chmod go-w {path}, and chown it to root")]
 
 
 def test_a_directory_that_must_be_there(asked):

@@ -1,7 +1,7 @@
 """`tavloctl check`: ports, the LAN interface and the SDK REST host, in a network of the test's own."""
 
-import getpass
 import socket
+import threading
 
 import pytest
 
@@ -77,6 +77,15 @@ def test_one_port_for_both_listeners(root, lan):
          'choose another "agentHttpsPort"')]
 
 
+@pytest.mark.parametrize("key", ["agentHttpPort", "agentHttpsPort"])
+def test_a_destination_that_is_the_daemon_itself(root, lan, key):
+    root.settings["agentDstPort"] = root.settings[key]
+    assert findings(root, prefix=lan.prefix) == [
+        (f"127.0.0.1:{root.settings[key]}",
+         "requests are forwarded to the daemon's own port: they never get out",
+         'set "agentDstPort" to the port of the SDK REST host')]
+
+
 @pytest.mark.parametrize("port, is_found", [(1023, True), (1024, False)])
 def test_a_port_below_1024_for_a_user(root, lan, port, is_found):
     root.directory.chmod(0o777)
@@ -137,11 +146,12 @@ def test_a_destination_that_says_nothing(root):
 def test_a_destination_that_speaks_something_else(root):
     with socket.create_server(("127.0.0.1", root.destination_port)) as server:
         server.settimeout(30)
-        import threading
+
         def greet():
             connection, _ = server.accept()
             connection.sendall(b"220 ready\r\n")
             connection.close()
+
         thread = threading.Thread(target=greet)
         thread.start()
         found = findings(root, "--connect")
