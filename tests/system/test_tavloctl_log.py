@@ -338,7 +338,7 @@ def test_a_log_of_very_many_endpoints_takes_little_memory(tmp_path):
     report = json.loads(measured.stdout)
     assert report["requests"] == 300000
     assert len(report["endpoints"]) < 1200
-    assert counts(report["endpoints"], "endpoint")[("other",)] > 290000
+    assert sum(row["count"] for row in report["endpoints"] if row["endpoint"] == "other") > 290000
     if not SANITIZER and not EMULATOR:
         assert int(measured.stderr) < 20000  # KiB
 

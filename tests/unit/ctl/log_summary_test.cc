@@ -163,6 +163,23 @@ TEST(LogSummaryListeners, OfAnotherProcessOfTheSameNumberAreOthers) {
   EXPECT_THAT(ListenersOf(log), ElementsAre("1 4d2.1 ", "1 plain "));
 }
 
+TEST(LogSummaryListeners, OfManyProcessesAreAddedUp) {
+  Log log;
+  for (int i = 0; i < 100; ++i) {
+    log.Start().Request(kPlain, "GET /api/x").Debug(kPlain, kNotAllowed);
+    log.Request(kTls, "GET /api/x");
+    log.Line(kTls, "DEBUG", "void tavlo::ClientTable::OnAnswer",
+             "Answered 200 to 127.0.0.1:4711: 312 bytes, 1 ms since its request");
+  }
+  log.Start().Request(kPlain, "GET /api/x").Start();
+  EXPECT_THAT(ListenersOf(log), ElementsAre("100 TLS ", "100 plain ", "1 unknown "));
+  EXPECT_THAT(NamesOf(log.Report().endpoints),
+              ElementsAre("100 TLS GET /api/x", "100 plain GET /api/x", "1 unknown GET /api/x"));
+  ASSERT_THAT(log.Report().answers, SizeIs(1));
+  EXPECT_EQ(log.Report().answers[0].listener, "TLS");
+  EXPECT_EQ(log.Report().answers[0].times.Count(), 100U);
+}
+
 TEST(LogSummaryListeners, ThatSpokeBeforeTheStartWasDoneBelongToIt) {
   Log log;
   log.Line(kMain, "DEBUG", "bool Init", "Enter");
@@ -172,12 +189,13 @@ TEST(LogSummaryListeners, ThatSpokeBeforeTheStartWasDoneBelongToIt) {
   EXPECT_THAT(ListenersOf(log), ElementsAre("1 TLS ", "1 plain "));
 }
 
-TEST(LogSummaryListeners, ThatAreManyHaveNoNames) {
+TEST(LogSummaryListeners, OfTooManyThreadsAreUnknown) {
   Log log;
   for (int i = 0; i < 100; ++i) {
     log.Request((std::to_string(i) + ".1").c_str(), "GET /api/x");
   }
-  EXPECT_THAT(ListenersOf(log), ElementsAre("100 unknown "));
+  EXPECT_THAT(ListenersOf(log), ElementsAre("1 0.1 ", "1 1.1 ", "1 2.1 ", "1 3.1 ", "1 4.1 ",
+                                            "1 5.1 ", "1 6.1 ", "1 7.1 ", "92 unknown "));
 }
 
 TEST(LogSummaryTimes, AreFromARequestToTheNextLineOfItsThread) {
