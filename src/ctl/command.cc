@@ -7,6 +7,7 @@
 
 #include "ctl/build_id.h"
 #include "ctl/check.h"
+#include "ctl/hook.h"
 
 namespace tavlo::ctl {
 
@@ -14,6 +15,7 @@ namespace {
 
 constexpr const Command* kCommands[] = {
     &kCheck,
+    &kHook,
 };
 
 constexpr size_t kSummaryColumn = 8;
@@ -30,7 +32,8 @@ void PrintHelp(std::ostream& out) {
     out << "  " << name << command->summary << '\n';
   }
   out << "\n"
-         "Exit status: 0 all is well, 1 something was found, 2 it could not look.\n";
+         "Exit status: 0 all is well, 1 something was found, 2 it could not look; a\n"
+         "command's own help says what that means, and what else there is.\n";
 }
 
 int PrintVersion() {
