@@ -268,7 +268,8 @@ def test_a_file_that_is_there_already_and_not_the_users(owned, place):
 
 
 @pytest.mark.parametrize("plant", [
-    lambda path: path.symlink_to("/dev/null"), lambda path: path.mkdir(), os.mkfifo,
+    lambda path: path.symlink_to(path.parent.parent / "tavlo.json"),
+    lambda path: path.mkdir(), os.mkfifo,
     lambda path: path.hardlink_to(path.parent.parent / "tavlo.json")],
     ids=["link", "directory", "fifo", "second name"])
 def test_a_file_that_is_none(root, plant):
