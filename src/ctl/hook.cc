@@ -25,6 +25,7 @@
 #include "util/file.h"
 #include "util/log.h"
 #include "util/privilege.h"
+#include "util/retry.h"
 
 namespace tavlo::ctl {
 
@@ -154,8 +155,8 @@ sigset_t BlockSignals() {
 
 // A script that hangs would not heed what Ctrl-C sends it, blocked as it is.
 void EndOnSignal(const sigset_t& signals, const std::string& bodyPath) {
-  int number = 0;
-  ::sigwait(&signals, &number);
+  const int number =
+      stdext::retry_on_interrupt([&signals] { return ::sigtimedwait(&signals, nullptr, nullptr); });
   Orx::TheRunningPrograms().ForEach([](const Orx::RunningProgram& script) {
     ::kill(script.pid, SIGKILL);
     std::fprintf(stderr, "tavloctl hook: killed %s, PID %d\n", script.path, script.pid);

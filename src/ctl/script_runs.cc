@@ -25,7 +25,7 @@ ScriptRuns ReadScriptRuns(const std::string& log) {
   for (std::string line; std::getline(lines, line);) {
     if (std::regex_match(line, parts, ended)) {
       found.runs.push_back(
-          {parts[3], std::stoi(parts[1]), std::stoll(parts[2]), std::move(found.remarks)});
+          {parts[3], std::stoi(parts[1]), std::stol(parts[2]), std::move(found.remarks)});
       found.remarks.clear();
     } else if (std::regex_match(line, parts, said)) {
       found.remarks.push_back("stderr: " + parts[1].str());

@@ -9,7 +9,7 @@ namespace tavlo::ctl {
 struct ScriptRun {
   std::string path;
   int status = 0;  ///< its exit status; -1 when it did not end by itself, or too late
-  long long milliseconds = 0;
+  long milliseconds = 0;
   std::vector<std::string> remarks;  ///< its standard error, and what went wrong, line by line
 };
 
