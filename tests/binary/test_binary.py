@@ -11,7 +11,7 @@ BINARY = os.environ["TAVLO_BINARY"]
 TAVLOCTL = os.environ["TAVLOCTL_BINARY"]
 # uClibc-ng itself, where the binaries were linked with it.
 UCLIBC_NG = next(Path(os.environ.get("TAVLO_SYSROOT") or "/nowhere").glob("lib/libuClibc-*.so"), None)
-LARGEST_SIZE = 260 * 1000  # bytes
+LARGEST_SIZE = {BINARY: 260 * 1000, TAVLOCTL: 450 * 1000}  # bytes
 
 both = pytest.mark.parametrize("path", [BINARY, TAVLOCTL], ids=["tavlo", "tavloctl"])
 
@@ -57,7 +57,7 @@ def segment_flags(path, name):
 
 @both
 def test_it_is_small(path):
-    assert os.path.getsize(path) <= LARGEST_SIZE
+    assert os.path.getsize(path) <= LARGEST_SIZE[path]
 
 
 @both
