@@ -1,5 +1,6 @@
 #include "ctl/build_id.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -45,10 +46,10 @@ int FindBuildId(dl_phdr_info* object, size_t /*size*/, void* result) {
     const ElfW(Phdr)& segment = object->dlpi_phdr[i];
     auto* const id = static_cast<std::string*>(result);
     if (segment.p_type == PT_NOTE && id->empty()) {
-      // NOLINTNEXTLINE(performance-no-int-to-ptr): the linker gives numbers
-      const auto* const notes =
-          reinterpret_cast<const unsigned char*>(object->dlpi_addr + segment.p_vaddr);
-      *id = BuildIdIn(notes, segment.p_memsz, segment.p_align == 8 ? 8 : 4);
+      const uintptr_t address = object->dlpi_addr + segment.p_vaddr;
+      // NOLINTNEXTLINE(performance-no-int-to-ptr): the loader gives numbers
+      *id = BuildIdIn(reinterpret_cast<const unsigned char*>(address), segment.p_memsz,
+                      segment.p_align == 8 ? 8 : 4);
     }
   }
   return 1;  // the program is the first object, and no other is asked

@@ -65,9 +65,9 @@ void CheckWriters(const CheckContext& context, const std::string& path,
   }
   const std::string writers = context.user.OtherWriters(info);
   if (!writers.empty()) {
-    context.findings->Add(
-        path, writers + " may write there: " + consequence,
-        "chmod go-w " + path + ", and chown it to root or '" + context.user.Name() + "'");
+    const std::string user = context.user.IsRoot() ? "" : " or '" + context.user.Name() + "'";
+    context.findings->Add(path, writers + " may write there: " + consequence,
+                          "chmod go-w " + path + ", and chown it to root" + user);
   }
 }
 

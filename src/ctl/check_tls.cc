@@ -1,6 +1,7 @@
 // Certificate and key, in the steps in which the TLS listener takes them.
 
 #include <memory>
+#include <new>
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -30,25 +31,32 @@ int RefusePassPhrase(char* /*buffer*/, int /*size*/, int /*forWriting*/, void* w
 // Empties OpenSSL's error queue and returns the text of its last entry.
 std::string TakeLastError() {
   const char* const reason = ERR_reason_error_string(ERR_peek_last_error());
-  const std::string text = reason != nullptr ? reason : "no reason is known";
+  std::string text = reason != nullptr ? reason : "no reason is known";
   ERR_clear_error();
   return text;
 }
 
-std::string TimeText(const ASN1_TIME* time) {
+// What `print` writes into the BIO that it gets.
+template <typename Print>
+std::string Printed(Print print) {
   const std::unique_ptr<BIO, decltype(&BIO_free_all)> memory(BIO_new(BIO_s_mem()), BIO_free_all);
-  ASN1_TIME_print(memory.get(), time);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  print(memory.get());
   char* text = nullptr;
   const long size = BIO_get_mem_data(memory.get(), &text);
   return {text, static_cast<size_t>(size)};
 }
 
+std::string TimeText(const ASN1_TIME* time) {
+  return Printed([time](BIO* out) { ASN1_TIME_print(out, time); });
+}
+
 std::string SubjectOf(const X509* certificate) {
-  const std::unique_ptr<BIO, decltype(&BIO_free_all)> memory(BIO_new(BIO_s_mem()), BIO_free_all);
-  X509_NAME_print_ex(memory.get(), X509_get_subject_name(certificate), 0, XN_FLAG_ONELINE);
-  char* text = nullptr;
-  const long size = BIO_get_mem_data(memory.get(), &text);
-  return {text, static_cast<size_t>(size)};
+  return Printed([certificate](BIO* out) {
+    X509_NAME_print_ex(out, X509_get_subject_name(certificate), 0, XN_FLAG_ONELINE);
+  });
 }
 
 void CheckDates(const CheckContext& context, const std::string& path, const X509* certificate) {

@@ -46,7 +46,7 @@ bool DaemonUser::May(const std::string& path, int mode) const {
 std::string DaemonUser::ClosedDirectory(const std::string& path) const {
   for (size_t slash = path.find('/', 1); slash != std::string::npos;
        slash = path.find('/', slash + 1)) {
-    const std::string directory = path.substr(0, slash);
+    std::string directory = path.substr(0, slash);
     if (!May(directory, X_OK)) {
       return directory;
     }

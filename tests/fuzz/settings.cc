@@ -1,35 +1,20 @@
 // The configuration file.
 
-#include <array>
-
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "ctl/checks.h"
+#include "ctl/command.h"
 #include "fuzz/fuzz.h"
 #include "settings/app_settings.h"
 
 namespace {
 
-constexpr std::array<const char*, 14> kKeys = {"agentDstPort",
-                                               "agentHttpPort",
-                                               "agentHttpsPort",
-                                               "lanInterface",
-                                               "agentDstAddr",
-                                               "agentPrefix",
-                                               "agentUser",
-                                               "routerInfoPath",
-                                               "agentDataPath",
-                                               "agentDirectory",
-                                               "internalHooksDirectory",
-                                               "externalHooksDirectory",
-                                               "deviceDiscoveryPath",
-                                               "rootPrefix"};
-
 std::string Values(const tavlo::AppSettings& settings) {
   std::string all;
-  for (const char* key : kKeys) {
+  for (const tavlo::AppSettings::Key& key : settings.Keys()) {
     std::string value;
-    fuzz::Require(settings.GetConfigValue(key, &value), "every key has a value");
+    fuzz::Require(settings.GetConfigValue(key.name, &value), "every key has a value");
     all += std::to_string(value.size()) + ":" + value;
   }
   return all;
@@ -54,5 +39,12 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
        {settings.AgentDstPort(), settings.AgentHttpPort(), settings.AgentHttpsPort()}) {
     fuzz::Require(port != 0, "a port is a port");
   }
+
+  tavlo::AppSettings checked;
+  tavlo::ctl::Findings findings;
+  fuzz::Require(tavlo::ctl::CheckSettings(path, &checked, &findings) == loaded,
+                "tavloctl takes what the daemon takes");
+  fuzz::Require(Values(checked) == Values(settings), "and sees the same in force");
+  fuzz::Require(loaded || findings.ExitCode() == tavlo::ctl::kFindings, "and says why not");
   return 0;
 }

@@ -4,6 +4,7 @@ That life is lived in a scratch root: this machine's own files below an overlay 
 change, in namespaces of its own for mounts, processes and the network.
 """
 
+import json
 import os
 import re
 import shutil
@@ -241,6 +242,16 @@ def check_at_work(machine):
     assert re.search(r"^CapEff:\s+0+$", status, re.M)
 
 
+def check_findings(machine):
+    """What the package cannot bring along, and nothing else."""
+    found = json.loads(machine.run(
+        "sh", "-c", f"tavloctl check --json -c /{CONFIGURATION} -f /{LOG} || [ $? -eq 1 ]"))
+    assert [each["where"] for each in found["findings"]] == [
+        "/etc/tavlo/agent/mirel.crt", "/etc/tavlo/agent/mirel.key", "/var/lib/tavlo/router_info",
+        "/var/lib/tavlo/devicelist.json", "br0"]
+    assert found["unseen"] == []
+
+
 def check_rotation(machine):
     before = (machine.root / LOG).read_text()
     machine.run("logrotate", "--force", "--state", "/run/logrotate", "/etc/logrotate.d/tavlo")
@@ -278,6 +289,7 @@ def test_a_life_from_installation_to_purge(machine, package, tmp_path):
     check_installed(machine)
     assert actions(machine) == ["start"]
     daemon = machine.start()
+    check_findings(machine)
     check_at_work(machine)
     check_rotation(machine)
     assert (machine.root / LOG).stat().st_mode & 0o777 == 0o640

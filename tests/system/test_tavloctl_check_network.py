@@ -1,14 +1,14 @@
 """`tavloctl check`: ports, the LAN interface and the SDK REST host, in a network of the test's own."""
 
-import getpass
 import socket
+import threading
 
 import pytest
 
 from conftest import daemons
 from support.network_namespace import NetworkNamespace
-from support.tavloctl import check
-from support.waiting import wait_until
+from support.tavloctl import check, check_as_nobody
+from support.waiting import EMULATOR, wait_until
 
 NOT_STARTED = "the daemon does not start"
 NOT_SERVED = "no client in the LAN is served"
@@ -63,6 +63,17 @@ def test_a_port_that_is_taken(root, lan, key, address, consequence):
     assert cure == f'end that program, or choose another "{key}"'
 
 
+def test_a_port_that_is_taken_by_a_stranger(root, lan):
+    """Only root sees whose it is."""
+    with lan.start("python3", "-c", LISTEN, "127.0.0.1", root.http_port):
+        wait_until(lambda: ("127.0.0.1", root.http_port) in lan.listening(), "the other program")
+        found, _ = check_as_nobody(root, prefix=lan.prefix)
+    assert (f"127.0.0.1:{root.http_port}",
+            "the port is taken by a program that cannot be seen from here, perhaps by root: "
+            f"{NOT_STARTED}", 'end that program, or choose another "agentHttpPort"') in found
+
+
+@pytest.mark.skipif(EMULATOR != "", reason="the process has the emulator's name")
 def test_ports_that_the_daemon_itself_has_are_no_finding(root, lan):
     with daemons(root) as make_daemon:
         daemon = make_daemon(prefix=lan.prefix).start()
@@ -75,6 +86,15 @@ def test_one_port_for_both_listeners(root, lan):
     assert findings(root, prefix=lan.prefix) == [
         (f"127.0.0.1:{root.http_port}", f"both listeners want the port: {NOT_STARTED}",
          'choose another "agentHttpsPort"')]
+
+
+@pytest.mark.parametrize("key", ["agentHttpPort", "agentHttpsPort"])
+def test_a_destination_that_is_the_daemon_itself(root, lan, key):
+    root.settings["agentDstPort"] = root.settings[key]
+    assert findings(root, prefix=lan.prefix) == [
+        (f"127.0.0.1:{root.settings[key]}",
+         "requests are forwarded to the daemon's own port: they never get out",
+         'set "agentDstPort" to the port of the SDK REST host')]
 
 
 @pytest.mark.parametrize("port, is_found", [(1023, True), (1024, False)])
@@ -96,10 +116,7 @@ def test_a_port_below_1024_for_root(root, lan):
 
 def test_a_port_that_a_start_without_root_cannot_have(root, lan):
     root.settings["agentHttpPort"] = 1023
-    as_nobody = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"]
-    root.write_config()
-    root.directory.chmod(0o755)
-    found, _ = check(root, prefix=[*lan.prefix, *as_nobody])
+    found, _ = check_as_nobody(root, prefix=lan.prefix)
     assert ("127.0.0.1:1023", f"the port cannot be taken: 13 Permission denied: {NOT_STARTED}",
             'choose another "agentHttpPort", or start the daemon as root') in found
 
@@ -137,11 +154,12 @@ def test_a_destination_that_says_nothing(root):
 def test_a_destination_that_speaks_something_else(root):
     with socket.create_server(("127.0.0.1", root.destination_port)) as server:
         server.settimeout(30)
-        import threading
+
         def greet():
             connection, _ = server.accept()
             connection.sendall(b"220 ready\r\n")
             connection.close()
+
         thread = threading.Thread(target=greet)
         thread.start()
         found = findings(root, "--connect")

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -182,6 +183,17 @@ TEST_F(SettingsLookUp, OfAnUnknownKeyFailsAndLeavesTheOutputAlone) {
     std::string value = "untouched";
     EXPECT_FALSE(settings_.GetConfigValue(key, &value)) << key;
     EXPECT_EQ(value, "untouched") << key;
+  }
+}
+
+TEST_F(SettingsLookUp, KnowsWhatAFileMaySayForEachKey) {
+  const std::vector<AppSettings::Key> keys = settings_.Keys();
+  ASSERT_EQ(keys.size(), std::size(kSettings));
+  for (size_t i = 0; i < keys.size(); ++i) {
+    EXPECT_EQ(keys[i].name, kSettings[i].key);
+    EXPECT_EQ(keys[i].isNumber, kSettings[i].isPort) << keys[i].name;
+    EXPECT_EQ(keys[i].largest, keys[i].isNumber ? 65535 : 0) << keys[i].name;
+    EXPECT_EQ(keys[i].smallest, keys[i].isNumber ? 1 : 0) << keys[i].name;
   }
 }
 
