@@ -1,7 +1,6 @@
 #include "ctl/log_errors.h"
 
 #include <algorithm>
-#include <tuple>
 
 #include "ctl/printable.h"
 #include "util/log.h"
@@ -18,16 +17,27 @@ void ErrorCounter::Take(const LogEntry& entry, Step* step) {
   if (entry.level != Orx::Log::kError) {
     return;
   }
-  const auto meaning = messages_.Explain(entry.text);
-  Error& error = errors_[meaning ? Rows(meaning->message, meaning->rest) : Rows()];
+  Error& error = At(messages_.Explain(entry.text));
   error.when.Add(entry.time);
   error.example = Printable(entry.text, kMostShown);
   ++step->errors;
 }
 
+// There are as few as rows of the page.
+ErrorCounter::Error& ErrorCounter::At(const MessageTable::Meaning& meaning) {
+  const auto row = std::find_if(errors_.begin(), errors_.end(), [&](const Error& each) {
+    return each.meaning.message == meaning.message && each.meaning.rest == meaning.rest;
+  });
+  if (row != errors_.end()) {
+    return *row;
+  }
+  errors_.push_back({meaning, "", {}});
+  return errors_.back();
+}
+
 void ErrorCounter::Report(LogReport* report) const {
-  for (const auto& [rows, error] : errors_) {
-    const auto& [message, rest] = rows;
+  for (const Error& error : errors_) {
+    const auto& [message, rest] = error.meaning;
     LogReport::Error row;
     row.example = error.example;
     row.when = error.when;
@@ -43,10 +53,8 @@ void ErrorCounter::Report(LogReport* report) const {
     }
     report->errors.push_back(row);
   }
-  std::sort(report->errors.begin(), report->errors.end(), [](const auto& a, const auto& b) {
-    return std::make_tuple(b.when.count, a.message, a.rest) <
-           std::make_tuple(a.when.count, b.message, b.rest);
-  });
+  std::stable_sort(report->errors.begin(), report->errors.end(),
+                   [](const auto& a, const auto& b) { return a.when.count > b.when.count; });
 }
 
 }  // namespace tavlo::ctl

@@ -1,8 +1,7 @@
 #pragma once
 
-#include <map>
 #include <string>
-#include <utility>
+#include <vector>
 
 #include "ctl/log_entry.h"
 #include "ctl/log_report.h"
@@ -21,15 +20,15 @@ class ErrorCounter {
 
  private:
   struct Error {
+    MessageTable::Meaning meaning;
     std::string example;
     Occurrences when;
   };
 
-  // The row, and that of the rest; both null for what the page does not have.
-  using Rows = std::pair<const Message*, const Message*>;
+  Error& At(const MessageTable::Meaning& meaning);
 
   const MessageTable& messages_;
-  std::map<Rows, Error> errors_;
+  std::vector<Error> errors_;
 };
 
 }  // namespace tavlo::ctl

@@ -12,16 +12,26 @@ namespace tavlo::ctl {
 
 namespace {
 
+constexpr const char* kOther = "other";
 constexpr size_t kMostShown = 200;  // bytes of a path
 constexpr int64_t kMostAtOnce = 1000000;
 constexpr int64_t kMostMilliseconds = 1000000000;
 
-// The row of that name; of one name too many, that of all others.
+// The row of that name; of one name too many, that of all others. Looking at each is quick enough:
+// there are few.
 template <typename Row>
-Row& RowOf(std::map<std::string, Row>* rows, std::string_view name) {
-  const std::string shown = Printable(name, kMostShown);
-  const bool hasRoom = rows->size() < EventCounter::kMostRows || rows->count(shown) > 0;
-  return (*rows)[hasRoom ? shown : "other"];
+Row& RowOf(std::vector<Row>* rows, std::string Row::*name, const std::string& wanted) {
+  const auto row = std::find_if(rows->begin(), rows->end(),
+                                [&](const Row& each) { return each.*name == wanted; });
+  if (row != rows->end()) {
+    return *row;
+  }
+  if (rows->size() >= EventCounter::kMostRows && wanted != kOther) {
+    return RowOf(rows, name, kOther);
+  }
+  rows->emplace_back();
+  rows->back().*name = wanted;
+  return rows->back();
 }
 
 }  // namespace
@@ -41,7 +51,8 @@ void EventCounter::TakeEndedClients(const LogEntry& entry) {
   if (!entry.IsOf("ClientTable::") || !kEnded.Match(entry.text, &values)) {
     return;
   }
-  LogReport::EndedClients& row = RowOf(&endedClients_, values[2]);
+  LogReport::EndedClients& row =
+      RowOf(&endedClients_, &LogReport::EndedClients::reason, Printable(values[2], kMostShown));
   row.when.Add(entry.time, static_cast<uint64_t>(NumberIn(values[0], kMostAtOnce).value_or(1)));
   row.lastAddress = Printable(values[1], kMostShown);
 }
@@ -51,7 +62,7 @@ void EventCounter::TakeScript(const LogEntry& entry) {
   static const TextPattern kRun("PID %d ended with status %d after %lld ms: %s");
   std::vector<std::string_view> values;
   if (entry.level == Orx::Log::kDebug && kRun.Match(entry.text, &values)) {
-    RowOf(&scripts_, values[3]).times.Add(NumberIn(values[2], kMostMilliseconds).value_or(0));
+    ScriptAt(values[3]).times.Add(NumberIn(values[2], kMostMilliseconds).value_or(0));
   }
 }
 
@@ -69,22 +80,20 @@ void EventCounter::TakeFailedScript(const LogEntry& entry) {
   }
 }
 
+LogReport::Script& EventCounter::ScriptAt(std::string_view path) {
+  return RowOf(&scripts_, &LogReport::Script::path, Printable(path, kMostShown));
+}
+
 void EventCounter::AddFailure(std::string_view path, const std::string& reason, int64_t time) {
-  LogReport::Script& row = RowOf(&scripts_, path);
+  LogReport::Script& row = ScriptAt(path);
   row.failures.Add(time);
   row.lastFailure = reason;
 }
 
 void EventCounter::Report(LogReport* report) const {
   report->starts = starts_;
-  for (const auto& [reason, row] : endedClients_) {
-    report->endedClients.push_back(row);
-    report->endedClients.back().reason = reason;
-  }
-  for (const auto& [path, row] : scripts_) {
-    report->scripts.push_back(row);
-    report->scripts.back().path = path;
-  }
+  report->endedClients = endedClients_;
+  report->scripts = scripts_;
   std::stable_sort(
       report->scripts.begin(), report->scripts.end(),
       [](const auto& a, const auto& b) { return a.failures.count > b.failures.count; });

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "ctl/log_entry.h"
 #include "ctl/log_report.h"
@@ -24,11 +24,12 @@ class EventCounter {
   void TakeEndedClients(const LogEntry& entry);
   void TakeScript(const LogEntry& entry);
   void TakeFailedScript(const LogEntry& entry);
+  LogReport::Script& ScriptAt(std::string_view path);
   void AddFailure(std::string_view path, const std::string& reason, int64_t time);
 
   Occurrences starts_;
-  std::map<std::string, LogReport::EndedClients> endedClients_;
-  std::map<std::string, LogReport::Script> scripts_;
+  std::vector<LogReport::EndedClients> endedClients_;
+  std::vector<LogReport::Script> scripts_;
 };
 
 }  // namespace tavlo::ctl

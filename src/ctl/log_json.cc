@@ -1,7 +1,10 @@
 // The summary of a log for programs.
 
-#include <rapidjson/ostreamwrapper.h>
-#include <rapidjson/prettywriter.h>
+#include <array>
+#include <cstdio>
+#include <memory>
+
+#include <json-c/json.h>
 
 #include "ctl/log_entry.h"
 #include "ctl/log_report.h"
@@ -10,165 +13,160 @@ namespace tavlo::ctl {
 
 namespace {
 
-using Writer = rapidjson::PrettyWriter<rapidjson::OStreamWrapper>;
-
-void Write(Writer* out, const char* key, uint64_t value) {
-  out->Key(key);
-  out->Uint64(value);
+void Add(json_object* object, const char* key, uint64_t value) {
+  json_object_object_add(object, key, json_object_new_int64(static_cast<int64_t>(value)));
 }
 
-void Write(Writer* out, const char* key, const std::string& value) {
-  out->Key(key);
-  out->String(value.c_str());
+void Add(json_object* object, const char* key, const std::string& value) {
+  json_object_object_add(object, key, json_object_new_string(value.c_str()));
 }
 
-void WriteWhen(Writer* out, const Occurrences& when) {
-  Write(out, "count", when.count);
+void AddRate(json_object* object, const char* key, double value) {
+  std::array<char, 32> text = {};
+  std::snprintf(text.data(), text.size(), "%.3f", value);
+  json_object_object_add(object, key, json_object_new_double_s(value, text.data()));
+}
+
+void AddWhen(json_object* object, const Occurrences& when) {
+  Add(object, "count", when.count);
   if (when.count > 0) {
-    Write(out, "first", FormatTime(when.first));
-    Write(out, "last", FormatTime(when.last));
+    Add(object, "first", FormatTime(when.first));
+    Add(object, "last", FormatTime(when.last));
   }
 }
 
 // Nothing where nothing was measured.
-void WriteTimes(Writer* out, const char* key, const Durations& times) {
+void AddTimes(json_object* object, const char* key, const Durations& times) {
   if (times.Count() == 0) {
     return;
   }
-  out->Key(key);
-  out->StartObject();
-  Write(out, "measured", times.Count());
-  Write(out, "half", static_cast<uint64_t>(times.Within(50)));
-  Write(out, "most", static_cast<uint64_t>(times.Within(95)));
-  Write(out, "slowest", static_cast<uint64_t>(times.Longest()));
-  out->EndObject();
+  json_object* const row = json_object_new_object();
+  Add(row, "measured", times.Count());
+  Add(row, "half", static_cast<uint64_t>(times.Within(50)));
+  Add(row, "most", static_cast<uint64_t>(times.Within(95)));
+  Add(row, "slowest", static_cast<uint64_t>(times.Longest()));
+  json_object_object_add(object, key, row);
 }
 
-void WriteRow(Writer* out, const LogReport::Requests& row, double minutes) {
-  Write(out, "listener", row.listener);
+void Fill(json_object* object, const LogReport::Requests& row, double minutes) {
+  Add(object, "listener", row.listener);
   if (!row.endpoint.empty()) {
-    Write(out, "endpoint", row.endpoint);
+    Add(object, "endpoint", row.endpoint);
   }
-  Write(out, "count", row.traffic.count);
-  out->Key("aMinute");
-  out->Double(static_cast<double>(row.traffic.count) / minutes);
-  Write(out, "busiestMinute", row.traffic.busiestMinute);
-  WriteTimes(out, "msToAnswer", row.traffic.toAnswer);
-  WriteTimes(out, "msToNextLine", row.traffic.toNextLine);
+  Add(object, "count", row.traffic.count);
+  AddRate(object, "aMinute", static_cast<double>(row.traffic.count) / minutes);
+  Add(object, "busiestMinute", row.traffic.busiestMinute);
+  AddTimes(object, "msToAnswer", row.traffic.toAnswer);
+  AddTimes(object, "msToNextLine", row.traffic.toNextLine);
 }
 
-void WriteRow(Writer* out, const LogReport::Answers& row, double /*minutes*/) {
-  Write(out, "listener", row.listener);
-  Write(out, "status", static_cast<uint64_t>(row.status));
-  Write(out, "count", row.times.Count());
-  WriteTimes(out, "ms", row.times);
+void Fill(json_object* object, const LogReport::Answers& row, double /*minutes*/) {
+  Add(object, "listener", row.listener);
+  Add(object, "status", static_cast<uint64_t>(row.status));
+  Add(object, "count", row.times.Count());
+  AddTimes(object, "ms", row.times);
 }
 
-void WriteRow(Writer* out, const LogReport::Refusal& row, double /*minutes*/) {
-  Write(out, "status", static_cast<uint64_t>(row.status));
-  Write(out, "reason", row.reason);
-  WriteWhen(out, row.when);
+void Fill(json_object* object, const LogReport::Refusal& row, double /*minutes*/) {
+  Add(object, "status", static_cast<uint64_t>(row.status));
+  Add(object, "reason", row.reason);
+  AddWhen(object, row.when);
 }
 
-void WriteRow(Writer* out, const LogReport::Error& row, double /*minutes*/) {
+void Fill(json_object* object, const LogReport::Error& row, double /*minutes*/) {
   if (!row.message.empty()) {
-    Write(out, "message", row.message);
+    Add(object, "message", row.message);
     if (!row.rest.empty()) {
-      Write(out, "rest", row.rest);
+      Add(object, "rest", row.rest);
     }
-    Write(out, "cause", row.cause);
-    Write(out, "cure", row.cure);
+    Add(object, "cause", row.cause);
+    Add(object, "cure", row.cure);
   }
-  Write(out, "example", row.example);
-  WriteWhen(out, row.when);
+  Add(object, "example", row.example);
+  AddWhen(object, row.when);
 }
 
-void WriteRow(Writer* out, const LogReport::EndedClients& row, double /*minutes*/) {
-  Write(out, "reason", row.reason);
-  Write(out, "lastAddress", row.lastAddress);
-  WriteWhen(out, row.when);
+void Fill(json_object* object, const LogReport::EndedClients& row, double /*minutes*/) {
+  Add(object, "reason", row.reason);
+  Add(object, "lastAddress", row.lastAddress);
+  AddWhen(object, row.when);
 }
 
-void WriteRow(Writer* out, const LogReport::Script& row, double /*minutes*/) {
-  Write(out, "path", row.path);
-  WriteTimes(out, "ms", row.times);
-  out->Key("failures");
-  out->StartObject();
-  WriteWhen(out, row.failures);
+void Fill(json_object* object, const LogReport::Script& row, double /*minutes*/) {
+  Add(object, "path", row.path);
+  AddTimes(object, "ms", row.times);
+  json_object* const failures = json_object_new_object();
+  AddWhen(failures, row.failures);
   if (row.failures.count > 0) {
-    Write(out, "lastFailure", row.lastFailure);
+    Add(failures, "lastFailure", row.lastFailure);
   }
-  out->EndObject();
+  json_object_object_add(object, "failures", failures);
 }
 
 template <typename Rows>
-void WriteRows(Writer* out, const char* key, const Rows& rows, double minutes) {
-  out->Key(key);
-  out->StartArray();
+void AddRows(json_object* object, const char* key, const Rows& rows, double minutes) {
+  json_object* const array = json_object_new_array();
   for (const auto& row : rows) {
-    out->StartObject();
-    WriteRow(out, row, minutes);
-    out->EndObject();
+    json_object* const each = json_object_new_object();
+    Fill(each, row, minutes);
+    json_object_array_add(array, each);
   }
-  out->EndArray();
+  json_object_object_add(object, key, array);
 }
 
-void WriteWrongKeys(Writer* out, const LogReport::WrongKeys& keys) {
-  out->Key("wrongKeys");
-  out->StartObject();
-  WriteWhen(out, keys.when);
-  Write(out, "different", keys.different);
-  out->Key("moreDifferent");
-  out->Bool(keys.areMore);
-  out->EndObject();
+void AddWrongKeys(json_object* object, const LogReport::WrongKeys& keys) {
+  json_object* const row = json_object_new_object();
+  AddWhen(row, keys.when);
+  Add(row, "different", keys.different);
+  json_object_object_add(row, "moreDifferent", json_object_new_boolean(keys.areMore ? 1 : 0));
+  json_object_object_add(object, "wrongKeys", row);
 }
 
-void WriteTimeline(Writer* out, const Timeline& timeline) {
-  out->Key("timeline");
-  out->StartObject();
-  Write(out, "minutesInAStep", static_cast<uint64_t>(timeline.MinutesInAStep()));
-  out->Key("steps");
-  out->StartArray();
+void AddTimeline(json_object* object, const Timeline& timeline) {
+  json_object* const steps = json_object_new_array();
   for (const auto& [number, step] : timeline.Steps()) {
-    out->StartObject();
-    Write(out, "from", FormatTime(number * timeline.MinutesInAStep() * kMinuteMs));
-    Write(out, "requests", step.requests);
-    Write(out, "refusals", step.refusals);
-    Write(out, "errors", step.errors);
-    Write(out, "slowestMs", static_cast<uint64_t>(step.slowest));
-    out->EndObject();
+    json_object* const row = json_object_new_object();
+    Add(row, "from", FormatTime(number * timeline.MinutesInAStep() * kMinuteMs));
+    Add(row, "requests", step.requests);
+    Add(row, "refusals", step.refusals);
+    Add(row, "errors", step.errors);
+    Add(row, "slowestMs", static_cast<uint64_t>(step.slowest));
+    json_object_array_add(steps, row);
   }
-  out->EndArray();
-  out->EndObject();
+  json_object* const line = json_object_new_object();
+  Add(line, "minutesInAStep", static_cast<uint64_t>(timeline.MinutesInAStep()));
+  json_object_object_add(line, "steps", steps);
+  json_object_object_add(object, "timeline", line);
 }
 
 }  // namespace
 
 void PrintJson(const LogReport& report, std::ostream& out) {
-  rapidjson::OStreamWrapper stream(out);
-  Writer writer(stream);
+  const std::unique_ptr<json_object, decltype(&json_object_put)> root(json_object_new_object(),
+                                                                      json_object_put);
+  json_object* const object = root.get();
   const double minutes = report.Minutes();
-  writer.StartObject();
   if (report.period.count > 0) {
-    Write(&writer, "first", FormatTime(report.period.first));
-    Write(&writer, "last", FormatTime(report.period.last));
+    Add(object, "first", FormatTime(report.period.first));
+    Add(object, "last", FormatTime(report.period.last));
   }
-  Write(&writer, "lines", report.lines);
-  Write(&writer, "otherLines", report.otherLines);
-  Write(&writer, "linesOfAnUnsetClock", report.clockUnset);
-  Write(&writer, "starts", report.starts.count);
-  Write(&writer, "requests", report.RequestCount());
-  WriteRows(&writer, "listeners", report.listeners, minutes);
-  WriteRows(&writer, "endpoints", report.endpoints, minutes);
-  WriteRows(&writer, "answers", report.answers, minutes);
-  WriteRows(&writer, "refusals", report.refusals, minutes);
-  WriteWrongKeys(&writer, report.wrongKeys);
-  WriteRows(&writer, "errors", report.errors, minutes);
-  WriteRows(&writer, "endedClients", report.endedClients, minutes);
-  WriteRows(&writer, "scripts", report.scripts, minutes);
-  WriteTimeline(&writer, report.timeline);
-  writer.EndObject();
-  out << '\n';
+  Add(object, "lines", report.lines);
+  Add(object, "otherLines", report.otherLines);
+  Add(object, "linesOfAnUnsetClock", report.clockUnset);
+  Add(object, "starts", report.starts.count);
+  Add(object, "requests", report.RequestCount());
+  AddRows(object, "listeners", report.listeners, minutes);
+  AddRows(object, "endpoints", report.endpoints, minutes);
+  AddRows(object, "answers", report.answers, minutes);
+  AddRows(object, "refusals", report.refusals, minutes);
+  AddWrongKeys(object, report.wrongKeys);
+  AddRows(object, "errors", report.errors, minutes);
+  AddRows(object, "endedClients", report.endedClients, minutes);
+  AddRows(object, "scripts", report.scripts, minutes);
+  AddTimeline(object, report.timeline);
+  constexpr int kForm =
+      JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE;
+  out << json_object_to_json_string_ext(object, kForm) << '\n';
 }
 
 }  // namespace tavlo::ctl

@@ -39,11 +39,20 @@ bool Listeners::BeginsProcess(const LogEntry& entry) {
 }
 
 std::vector<size_t> Listeners::Settle() {
-  std::vector<size_t> numbers = {kUnknown, kPlain, kTls};
-  for (const Thread& thread : threads_) {
-    numbers.push_back(ListenerOf(thread));
+  std::vector<size_t> numbers = Numbers();
+  for (size_t& number : numbers) {
+    number = number < kFirstThread ? number : kUnknown;
   }
   threads_.clear();
+  return numbers;
+}
+
+std::vector<size_t> Listeners::Numbers() const {
+  std::vector<size_t> numbers = {kUnknown, kPlain, kTls};
+  for (const Thread& thread : threads_) {
+    const Number listener = ListenerOf(thread);
+    numbers.push_back(listener == kUnknown ? numbers.size() : listener);
+  }
   return numbers;
 }
 
@@ -115,8 +124,7 @@ Listeners::Number Listeners::ListenerOf(const Thread& thread) const {
 std::vector<std::string> Listeners::Names() const {
   std::vector<std::string> names = {"unknown", "plain", "TLS"};
   for (const Thread& thread : threads_) {
-    const Number listener = ListenerOf(thread);
-    names.push_back(listener == kUnknown ? thread.name : names.at(listener));
+    names.push_back(thread.name);
   }
   return names;
 }

@@ -17,6 +17,7 @@ class Listeners {
 
   /// Further threads have no number of their own.
   static constexpr size_t kMostThreads = 8;
+  static constexpr size_t kMostNumbers = kFirstThread + kMostThreads;
 
   /// Whether a line is the first one of another process, which is to be settled first.
   bool BeginsProcess(const LogEntry& entry);
@@ -25,11 +26,13 @@ class Listeners {
   /// process may have the same numbers, as on a router after each boot.
   std::vector<size_t> Settle();
 
+  /// The same, with the own number of a thread that has not shown which listener it is.
+  std::vector<size_t> Numbers() const;
+
   /// Learns from a line; returns the number of the listener that wrote it, or `kUnknown`.
   size_t Take(const LogEntry& entry);
 
-  /// By their numbers: "unknown", "plain", "TLS", or the thread of one that has not shown which it
-  /// is.
+  /// By their numbers: "unknown", "plain", "TLS" and the threads'.
   std::vector<std::string> Names() const;
 
  private:

@@ -5,6 +5,7 @@
 #include <functional>
 #include <vector>
 
+#include "ctl/log_listeners.h"
 #include "ctl/printable.h"
 #include "ctl/text_pattern.h"
 #include "util/log.h"
@@ -53,6 +54,8 @@ constexpr std::array<Reason, 16> kReasons = {{
 
 }  // namespace
 
+RefusalCounter::RefusalCounter() : faults_(Listeners::kMostNumbers) {}
+
 void RefusalCounter::Take(const LogEntry& entry, size_t listener, Step* step) {
   if (entry.level == Orx::Log::kInfo) {
     TakeFault(entry, listener, step);
@@ -82,7 +85,7 @@ void RefusalCounter::TakeFault(const LogEntry& entry, size_t listener, Step* ste
   std::vector<std::string_view> values;
   if (entry.IsOf("ClientTable::") && kFault.Match(entry.text, &values)) {
     Count(kBadRequest, values[1], entry.time, step);
-    ++faults_[listener];
+    ++faults_.at(listener);
   }
 }
 
@@ -93,9 +96,8 @@ void RefusalCounter::TakeLibrarys(const LogEntry& entry, size_t listener, Step* 
     return;
   }
   const int status = static_cast<int>(NumberIn(values[0], kLargestStatus).value_or(0));
-  const auto faults = faults_.find(listener);
-  if (status == kBadRequest && faults != faults_.end() && faults->second > 0) {
-    --faults->second;
+  if (status == kBadRequest && faults_.at(listener) > 0) {
+    --faults_.at(listener);
     return;
   }
   Count(status, "A request that was not taken up", entry.time, step);
@@ -111,19 +113,27 @@ void RefusalCounter::TakeWrongKey(const LogEntry& entry) {
   }
 }
 
-void RefusalCounter::Count(int status, std::string_view reason, int64_t time, Step* step) {
-  std::pair<int, std::string> row = {status, Printable(reason, kMostShown)};
-  if (reasons_.size() >= kMostReasons && reasons_.count(row) == 0) {
-    row = {0, "other"};
+Occurrences& RefusalCounter::At(int status, const std::string& reason) {
+  const auto row = std::find_if(reasons_.begin(), reasons_.end(), [&](const auto& each) {
+    return each.status == status && each.reason == reason;
+  });
+  if (row != reasons_.end()) {
+    return row->when;
   }
-  reasons_[row].Add(time);
+  if (reasons_.size() >= kMostReasons && status != 0) {
+    return At(0, "other");
+  }
+  reasons_.push_back({status, reason, {}});
+  return reasons_.back().when;
+}
+
+void RefusalCounter::Count(int status, std::string_view reason, int64_t time, Step* step) {
+  At(status, Printable(reason, kMostShown)).Add(time);
   ++step->refusals;
 }
 
 void RefusalCounter::Report(LogReport* report) const {
-  for (const auto& [row, when] : reasons_) {
-    report->refusals.push_back({row.first, row.second, when});
-  }
+  report->refusals = reasons_;
   std::stable_sort(report->refusals.begin(), report->refusals.end(),
                    [](const auto& a, const auto& b) { return a.when.count > b.when.count; });
   report->wrongKeys = wrongKeys_;

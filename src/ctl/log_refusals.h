@@ -1,10 +1,9 @@
 #pragma once
 
-#include <map>
 #include <set>
 #include <string>
 #include <string_view>
-#include <utility>
+#include <vector>
 
 #include "ctl/log_entry.h"
 #include "ctl/log_report.h"
@@ -19,10 +18,12 @@ class RefusalCounter {
   static constexpr size_t kMostReasons = 256;
   static constexpr size_t kMostKeys = 1000;
 
+  RefusalCounter();
+
   void Take(const LogEntry& entry, size_t listener, Step* step);
 
   /// The listeners of before have ended.
-  void Settle() { faults_.clear(); }
+  void Settle() { faults_.assign(faults_.size(), 0); }
 
   void Report(LogReport* report) const;
 
@@ -31,10 +32,11 @@ class RefusalCounter {
   void TakeFault(const LogEntry& entry, size_t listener, Step* step);
   void TakeLibrarys(const LogEntry& entry, size_t listener, Step* step);
   void TakeWrongKey(const LogEntry& entry);
+  Occurrences& At(int status, const std::string& reason);
   void Count(int status, std::string_view reason, int64_t time, Step* step);
 
-  std::map<std::pair<int, std::string>, Occurrences> reasons_;
-  std::map<size_t, uint64_t> faults_;  // by listener, that libevent has not answered yet
+  std::vector<LogReport::Refusal> reasons_;
+  std::vector<uint64_t> faults_;  // by listener, that libevent has not answered yet
   LogReport::WrongKeys wrongKeys_;
   std::set<size_t> keys_;  // their hashes
 };

@@ -13,6 +13,7 @@ namespace tavlo::ctl {
 namespace {
 
 constexpr const char* kOther = "other";
+constexpr const char* kAll = "";
 constexpr size_t kMostShown = 200;  // bytes of an endpoint
 constexpr int64_t kLargestStatus = 999;
 constexpr size_t kMostUnanswered = 128;  // of a listener, the latest ones
@@ -33,7 +34,19 @@ bool IsOfAnother(const LogEntry& entry) {
   return entry.IsOf("AgentHost::Invoke") || entry.BeginsWith("Accepted ");
 }
 
+// The rows of listeners that turned out to be the same are one.
+template <typename Rows>
+Rows Renumbered(const Rows& rows, const std::vector<size_t>& numbers) {
+  Rows result;
+  for (const auto& [key, row] : rows) {
+    result[{numbers.at(key.first), key.second}].Add(row);
+  }
+  return result;
+}
+
 }  // namespace
+
+RequestCounter::RequestCounter() : waiting_(Listeners::kMostNumbers) {}
 
 void RequestCounter::Take(const LogEntry& entry, size_t listener, bool isDebug, Step* step) {
   if (entry.IsRequest()) {
@@ -48,14 +61,17 @@ void RequestCounter::Take(const LogEntry& entry, size_t listener, bool isDebug, 
 
 void RequestCounter::TakeRequest(const LogEntry& entry, size_t listener, Step* step) {
   const Asked asked = {entry.time, EndpointOf(entry.text)};
-  At({listener, asked.endpoint}).AddRequest(entry.time);
-  listeners_[listener].AddRequest(entry.time);
+  rows_[{listener, kAll}].AddRequest(entry.time);
+  rows_[{listener, asked.endpoint}].AddRequest(entry.time);
+  if (rows_.size() > kMostEndpoints) {
+    ForgetTheRarest();
+  }
   ++step->requests;
-  Waiting& waiting = waiting_[listener];
+  Waiting& waiting = waiting_.at(listener);
   waiting.last = asked;
   waiting.unanswered.push_back(asked);
   if (waiting.unanswered.size() > kMostUnanswered) {
-    waiting.unanswered.pop_front();
+    waiting.unanswered.erase(waiting.unanswered.begin());
   }
 }
 
@@ -82,7 +98,7 @@ void RequestCounter::FinishRequest(const LogEntry& entry, size_t listener, int64
   constexpr int64_t kTolerance = 5;
   const int64_t time = entry.time - milliseconds;
   const auto distance = [time](const Asked& asked) { return std::abs(asked.time - time); };
-  std::deque<Asked>& unanswered = waiting_[listener].unanswered;
+  std::vector<Asked>& unanswered = waiting_.at(listener).unanswered;
   const auto asked = std::min_element(
       unanswered.begin(), unanswered.end(),
       [&](const Asked& one, const Asked& other) { return distance(one) < distance(other); });
@@ -90,101 +106,61 @@ void RequestCounter::FinishRequest(const LogEntry& entry, size_t listener, int64
     return;
   }
   Known(listener, asked->endpoint).toAnswer.Add(milliseconds);
-  listeners_[listener].toAnswer.Add(milliseconds);
+  rows_[{listener, kAll}].toAnswer.Add(milliseconds);
   unanswered.erase(asked);
 }
 
 void RequestCounter::TakeNextLine(const LogEntry& entry, size_t listener, Step* step) {
-  std::optional<Asked>& asked = waiting_[listener].last;
+  std::optional<Asked>& asked = waiting_.at(listener).last;
   if (!asked) {
     return;
   }
   const int64_t time = std::max(entry.time - asked->time, int64_t{0});  // the clock may be set
   Known(listener, asked->endpoint).toNextLine.Add(time);
-  listeners_[listener].toNextLine.Add(time);
+  rows_[{listener, kAll}].toNextLine.Add(time);
   step->slowest = std::max(step->slowest, time);
   asked.reset();
 }
 
 // Of an endpoint that was asked for: it has a row, if not that of the others by now.
 Traffic& RequestCounter::Known(size_t listener, const std::string& endpoint) {
-  const auto row = endpoints_.find({listener, endpoint});
-  return row != endpoints_.end() ? row->second : endpoints_[{listener, kOther}];
-}
-
-Traffic& RequestCounter::At(const Key& key) {
-  const auto known = endpoints_.find(key);
-  if (known != endpoints_.end()) {
-    return known->second;
-  }
-  if (endpoints_.size() >= kMostEndpoints) {
-    ForgetTheRarest();
-  }
-  return endpoints_[key];
+  const auto row = rows_.find({listener, endpoint});
+  return row != rows_.end() ? row->second : rows_[{listener, kOther}];
 }
 
 // Half of them at once, since it looks at all.
 void RequestCounter::ForgetTheRarest() {
   std::vector<uint64_t> counts;
-  for (const auto& [key, traffic] : endpoints_) {
+  counts.reserve(rows_.size());
+  for (const auto& [key, traffic] : rows_) {
     counts.push_back(traffic.count);
   }
   const auto middle = counts.begin() + static_cast<std::ptrdiff_t>(counts.size() / 2);
   std::nth_element(counts.begin(), middle, counts.end());
-  std::map<size_t, Traffic> others;
-  for (auto next = endpoints_.begin(); next != endpoints_.end();) {
-    if (next->second.count > *middle) {
-      ++next;
-      continue;
-    }
-    others[next->first.first].Add(next->second);
-    next = endpoints_.erase(next);
+  Rows kept;
+  for (const auto& [key, traffic] : rows_) {
+    const bool isKept = traffic.count > *middle || key.second == kAll;
+    kept[isKept ? key : Rows::key_type(key.first, kOther)].Add(traffic);
   }
-  for (const auto& [listener, traffic] : others) {
-    endpoints_[{listener, kOther}].Add(traffic);
-  }
+  rows_.swap(kept);
 }
 
 void RequestCounter::Settle(const std::vector<size_t>& numbers) {
-  std::map<Key, Traffic> endpoints;
-  for (const auto& [key, traffic] : endpoints_) {
-    endpoints[{numbers.at(key.first), key.second}].Add(traffic);
-  }
-  endpoints_.swap(endpoints);
-  std::map<size_t, Traffic> listeners;
-  for (const auto& [number, traffic] : listeners_) {
-    listeners[numbers.at(number)].Add(traffic);
-  }
-  listeners_.swap(listeners);
-  std::map<std::pair<size_t, int>, Durations> answers;
-  for (const auto& [key, times] : answers_) {
-    answers[{numbers.at(key.first), key.second}].Add(times);
-  }
-  answers_.swap(answers);
-  waiting_.clear();
+  rows_ = Renumbered(rows_, numbers);
+  answers_ = Renumbered(answers_, numbers);
+  waiting_.assign(waiting_.size(), Waiting());
 }
 
-void RequestCounter::Report(const std::vector<std::string>& names, LogReport* report) const {
-  // Threads that turned out to be the same listener's, of one process after another, are one.
-  std::map<std::pair<std::string, std::string>, Traffic> rows;
-  for (const auto& [listener, traffic] : listeners_) {
-    rows[{names.at(listener), ""}].Add(traffic);
-  }
-  for (const auto& [key, traffic] : endpoints_) {
-    rows[{names.at(key.first), key.second}].Add(traffic);
-  }
-  std::map<std::pair<std::string, int>, Durations> answers;
-  for (const auto& [key, times] : answers_) {
-    answers[{names.at(key.first), key.second}].Add(times);
-  }
-  for (const auto& [row, traffic] : rows) {
-    auto& rowsOfItsKind = row.second.empty() ? report->listeners : report->endpoints;
-    rowsOfItsKind.push_back({row.first, row.second, traffic});
+void RequestCounter::Report(const std::vector<size_t>& numbers,
+                            const std::vector<std::string>& names, LogReport* report) const {
+  for (const auto& [key, traffic] : Renumbered(rows_, numbers)) {
+    auto& rows = key.second == kAll ? report->listeners : report->endpoints;
+    rows.push_back({names.at(key.first), key.second, traffic});
   }
   std::stable_sort(report->endpoints.begin(), report->endpoints.end(),
                    [](const auto& a, const auto& b) { return a.traffic.count > b.traffic.count; });
-  for (const auto& [row, times] : answers) {
-    report->answers.push_back({row.first, row.second, times});
+  for (const auto& [key, times] : Renumbered(answers_, numbers)) {
+    report->answers.push_back({names.at(key.first), key.second, times});
   }
 }
 

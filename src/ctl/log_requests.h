@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <optional>
 #include <string>
@@ -20,17 +19,23 @@ class RequestCounter {
   /// not push out what is asked for day by day.
   static constexpr size_t kMostEndpoints = 1024;
 
+  RequestCounter();
+
   /// Takes a line of a listener's thread. `isDebug`: the daemon writes all that it does.
   void Take(const LogEntry& entry, size_t listener, bool isDebug, Step* step);
 
   /// The listeners of before have ended; each is what `numbers` has in its place.
   void Settle(const std::vector<size_t>& numbers);
 
-  /// Names the listeners by their numbers.
-  void Report(const std::vector<std::string>& names, LogReport* report) const;
+  /// Names the listeners by `numbers` and `names`: what each turned out to be, and is called.
+  void Report(const std::vector<size_t>& numbers, const std::vector<std::string>& names,
+              LogReport* report) const;
 
  private:
-  using Key = std::pair<size_t, std::string>;  // listener and endpoint
+  // Listener and endpoint; without an endpoint, all of the listener's.
+  using Rows = std::map<std::pair<size_t, std::string>, Traffic>;
+  // By listener and status.
+  using Answers = std::map<std::pair<size_t, int>, Durations>;
 
   struct Asked {
     int64_t time;
@@ -39,9 +44,8 @@ class RequestCounter {
 
   // What a listener was asked, as far as its lines tell.
   struct Waiting {
-    std::optional<Asked> last;  // if no line follows it yet
-    std::deque<Asked>
-        unanswered;  // oldest first; not those whose clients have gone, or not for long
+    std::optional<Asked> last;      // if no line follows it yet
+    std::vector<Asked> unanswered;  // oldest first; those whose clients have gone stay for long
   };
 
   void TakeRequest(const LogEntry& entry, size_t listener, Step* step);
@@ -49,13 +53,11 @@ class RequestCounter {
   void FinishRequest(const LogEntry& entry, size_t listener, int64_t milliseconds);
   void TakeNextLine(const LogEntry& entry, size_t listener, Step* step);
   Traffic& Known(size_t listener, const std::string& endpoint);
-  Traffic& At(const Key& key);
   void ForgetTheRarest();
 
-  std::map<Key, Traffic> endpoints_;
-  std::map<size_t, Traffic> listeners_;
-  std::map<size_t, Waiting> waiting_;
-  std::map<std::pair<size_t, int>, Durations> answers_;  // by listener and status
+  Rows rows_;
+  Answers answers_;
+  std::vector<Waiting> waiting_;  // by listener
 };
 
 }  // namespace tavlo::ctl

@@ -54,7 +54,7 @@ Step* LogSummary::StepOf(const LogEntry& entry) {
 
 LogReport LogSummary::Report() const {
   LogReport report = counted_;
-  requests_.Report(listeners_.Names(), &report);
+  requests_.Report(listeners_.Numbers(), listeners_.Names(), &report);
   refusals_.Report(&report);
   errors_.Report(&report);
   events_.Report(&report);

@@ -1,6 +1,8 @@
 #include "ctl/message_table.h"
 
 #include <algorithm>
+#include <optional>
+#include <utility>
 
 #include "ctl/messages_page.h"
 
@@ -87,19 +89,18 @@ const MessageTable& MessageTable::Built() {
   return table;
 }
 
-std::optional<MessageTable::Meaning> MessageTable::Explain(std::string_view text) const {
+MessageTable::Meaning MessageTable::Explain(std::string_view text) const {
   std::vector<std::string_view> values;
   for (const Message& message : messages_) {
     if (!message.pattern.Match(text, &values)) {
       continue;
     }
     if (message.cure != kLeftToTheRest || values.empty()) {
-      return Meaning{&message, nullptr};
+      return {&message, nullptr};
     }
-    const auto inner = Explain(values.back());
-    return Meaning{&message, inner ? inner->message : nullptr};
+    return {&message, Explain(values.back()).message};
   }
-  return std::nullopt;
+  return {nullptr, nullptr};
 }
 
 }  // namespace tavlo::ctl

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,12 +29,12 @@ class MessageTable {
   const std::vector<Message>& Messages() const { return messages_; }
 
   /// The row that a text was made by, and, where that row leaves it to the rest of the text ("see
-  /// there"), the row that this was made by.
+  /// there"), the row that this was made by. Null for what the page does not have.
   struct Meaning {
     const Message* message;
-    const Message* rest;  ///< may be null
+    const Message* rest;
   };
-  std::optional<Meaning> Explain(std::string_view text) const;
+  Meaning Explain(std::string_view text) const;
 
  private:
   std::vector<Message> messages_;

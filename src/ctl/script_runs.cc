@@ -1,36 +1,53 @@
 #include "ctl/script_runs.h"
 
-#include <regex>
 #include <sstream>
+#include <string_view>
+#include <utility>
+
+#include "ctl/log_entry.h"
+#include "ctl/text_pattern.h"
+#include "util/log.h"
 
 namespace tavlo::ctl {
 
 namespace {
 
-// A line, from its level on. What a script says may hold a carriage return, which no "." matches.
-std::regex Line(const std::string& form) {
-  return std::regex(R"([^\]]*\] )" + form + R"(([\s\S]*))");
+constexpr int64_t kMostMilliseconds = 1000000000;
+constexpr int64_t kLargestStatus = 255;
+
+void TakeEnd(const LogEntry& entry, ScriptRuns* found) {
+  static const TextPattern kEnded("PID %d ended with status %d after %lld ms: %s");
+  std::vector<std::string_view> values;
+  if (!kEnded.Match(entry.text, &values)) {
+    return;
+  }
+  ScriptRun run;
+  run.path = values[3];
+  run.status = static_cast<int>(NumberIn(values[1], kLargestStatus).value_or(-1));
+  run.milliseconds = static_cast<long>(NumberIn(values[2], kMostMilliseconds).value_or(0));
+  run.remarks.swap(found->remarks);
+  found->runs.push_back(std::move(run));
+}
+
+void TakeError(const LogEntry& entry, ScriptRuns* found) {
+  static const TextPattern kSaid("stderr from pid %d: %s");
+  std::vector<std::string_view> values;
+  const bool isSaid = kSaid.Match(entry.text, &values);
+  found->remarks.push_back(isSaid ? "stderr: " + std::string(values[1])
+                                  : "error: " + std::string(entry.text));
 }
 
 }  // namespace
 
 ScriptRuns ReadScriptRuns(const std::string& log) {
-  const std::regex ended =
-      Line(R"(DEBUG: int Orx::SecureExec: PID \d+ ended with status (-?\d+) after (\d+) ms: )");
-  const std::regex said = Line(R"(ERROR: void Orx::SecureExecStderr: stderr from pid \d+: )");
-  const std::regex failed = Line(R"(ERROR: [^:]*(?:::[^:]+)*: )");
   ScriptRuns found;
   std::istringstream lines(log);
-  std::smatch parts;
   for (std::string line; std::getline(lines, line);) {
-    if (std::regex_match(line, parts, ended)) {
-      found.runs.push_back(
-          {parts[3], std::stoi(parts[1]), std::stol(parts[2]), std::move(found.remarks)});
-      found.remarks.clear();
-    } else if (std::regex_match(line, parts, said)) {
-      found.remarks.push_back("stderr: " + parts[1].str());
-    } else if (std::regex_match(line, parts, failed)) {
-      found.remarks.push_back("error: " + parts[1].str());
+    const auto entry = ParseLogEntry(line);
+    if (entry && entry->level == Orx::Log::kDebug) {
+      TakeEnd(*entry, &found);
+    } else if (entry && entry->level == Orx::Log::kError) {
+      TakeError(*entry, &found);
     }
   }
   return found;

@@ -39,3 +39,11 @@ def test_a_finding_for_programs_is_as_shown(tmp_path):
         each["where"] = each["where"].replace("/etc/tavlo/tavlo.json", str(path))
     assert found["findings"][:1] == expected["findings"]
     assert found.keys() == expected.keys()
+
+
+def test_the_summary_for_programs_has_the_members_that_are_named():
+    line = "2026-11-21 15:46:20.766 [4d2.1] INFO: void Run: tavlo started\n"
+    summary = json.loads(run_tavloctl("log", "--json", input=line).stdout)
+    paragraph = PAGE.read_text(encoding="utf-8").split("`--json` prints one object.")[1]
+    named = re.findall(r"`(\w+)`", paragraph.split("\n\n")[0].split("Durations")[0])
+    assert sorted(named) == sorted(summary)

@@ -20,8 +20,8 @@ MAY_INCLUDE = {
 LIBRARIES = {
     "event2/": {"agent/", "app/start_up.cc"},
     "openssl/": {"agent/", "ctl/check_tls.cc"},
-    "json-c/": {"settings/", "ctl/check_settings.cc", "ctl/findings.cc"},
-    "rapidjson/": {"agent/device_list.", "ctl/log_json.cc"},
+    "json-c/": {"settings/", "ctl/check_settings.cc", "ctl/findings.cc", "ctl/log_json.cc"},
+    "rapidjson/": {"agent/device_list."},
     "zlib.h": {"ctl/log_reader.cc"},
     "linux/": {"util/router_util.cc"},
 }

@@ -52,8 +52,9 @@ def start(tree, *command):
     return subprocess.Popen(
         [tree / command[0], *command[1:]], text=True, stdout=subprocess.PIPE,
         stderr=subprocess.PIPE, preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_IGN),
-        env={**os.environ, "PATH": f"{tree}/programs:{os.environ['PATH']}",
-                                     "PYTHONDONTWRITEBYTECODE": "1"})
+        # Without what this test itself may have been asked for.
+        env={**os.environ, "PATH": f"{tree}/programs:{os.environ['PATH']}", "PYTEST_ADDOPTS": "",
+             "PYTHONDONTWRITEBYTECODE": "1"})
 
 
 def run_test(tree, *arguments):

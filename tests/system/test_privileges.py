@@ -215,14 +215,16 @@ def test_a_hook_that_only_root_can_execute_ends_requests_as_if_it_had_said_so(ro
                                                                             sdk_host):
     seen = root.directory / "seen"
     root.directory.chmod(0o777)
-    write_hook(root, f"touch {seen}; exit 0").chmod(0o700)
+    path = write_hook(root, f"touch {seen}; exit 0")
+    path.chmod(0o700)
     daemon = start()
     answer = ask(root.http_port, "GET", "/api/version")
     assert (answer.status, answer.body) == (200, b"")
     assert sdk_host.requests == []
     assert not seen.exists()
     assert ("DEBUG", "Call terminated by hook") in daemon.messages()
-    assert not [text for level, text in daemon.messages() if level == "ERROR" and "hook" in text]
+    errors = [text for level, text in daemon.messages() if level == "ERROR" and "hook" in text]
+    assert errors == [f"Failed to execute {path}: 13 Permission denied"]
 
 
 def test_a_hook_that_the_user_can_execute_and_not_read_fails(root, start):

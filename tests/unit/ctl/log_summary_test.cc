@@ -154,14 +154,14 @@ TEST(LogSummaryListeners, AreKnownByTheirFirstLine) {
 TEST(LogSummaryListeners, AreKnownByTheOtherOneOfTheirProcess) {
   Log log;
   log.Request(kTls, "GET /api/x").Request(kPlain, "GET /api/x").Debug(kPlain, kNotAllowed);
-  EXPECT_THAT(ListenersOf(log), ElementsAre("1 TLS ", "1 plain "));
+  EXPECT_THAT(ListenersOf(log), ElementsAre("1 plain ", "1 TLS "));
 }
 
 TEST(LogSummaryListeners, OfAnotherProcessOfTheSameNumberAreOthers) {
   Log log;
   log.Start().Request(kPlain, "GET /api/x").Debug(kPlain, kNotAllowed);
   log.Start().Request(kPlain, "GET /api/x");
-  EXPECT_THAT(ListenersOf(log), ElementsAre("1 4d2.1 ", "1 plain "));
+  EXPECT_THAT(ListenersOf(log), ElementsAre("1 plain ", "1 4d2.1 "));
 }
 
 TEST(LogSummaryListeners, OfManyProcessesAreAddedUp) {
@@ -173,9 +173,9 @@ TEST(LogSummaryListeners, OfManyProcessesAreAddedUp) {
              "Answered 200 to 127.0.0.1:4711: 312 bytes, 1 ms since its request");
   }
   log.Start().Request(kPlain, "GET /api/x").Start();
-  EXPECT_THAT(ListenersOf(log), ElementsAre("100 TLS ", "100 plain ", "1 unknown "));
+  EXPECT_THAT(ListenersOf(log), ElementsAre("1 unknown ", "100 plain ", "100 TLS "));
   EXPECT_THAT(NamesOf(log.Report().endpoints),
-              ElementsAre("100 TLS GET /api/x", "100 plain GET /api/x", "1 unknown GET /api/x"));
+              ElementsAre("100 plain GET /api/x", "100 TLS GET /api/x", "1 unknown GET /api/x"));
   ASSERT_THAT(log.Report().answers, SizeIs(1));
   EXPECT_EQ(log.Report().answers[0].listener, "TLS");
   EXPECT_EQ(log.Report().answers[0].times.Count(), 100U);
@@ -187,7 +187,7 @@ TEST(LogSummaryListeners, ThatSpokeBeforeTheStartWasDoneBelongToIt) {
   log.Line(kPlain, "DEBUG", "void tavlo::AgentHost::LogEndpoint",
            "Serves 127.0.0.1:80: plain HTTP");
   log.Start().Request(kPlain, "GET /api/x").Request(kTls, "GET /api/y");
-  EXPECT_THAT(ListenersOf(log), ElementsAre("1 TLS ", "1 plain "));
+  EXPECT_THAT(ListenersOf(log), ElementsAre("1 plain ", "1 TLS "));
 }
 
 TEST(LogSummaryListeners, OfTooManyThreadsAreUnknown) {
@@ -195,8 +195,8 @@ TEST(LogSummaryListeners, OfTooManyThreadsAreUnknown) {
   for (int i = 0; i < 100; ++i) {
     log.Request((std::to_string(i) + ".1").c_str(), "GET /api/x");
   }
-  EXPECT_THAT(ListenersOf(log), ElementsAre("1 0.1 ", "1 1.1 ", "1 2.1 ", "1 3.1 ", "1 4.1 ",
-                                            "1 5.1 ", "1 6.1 ", "1 7.1 ", "92 unknown "));
+  EXPECT_THAT(ListenersOf(log), ElementsAre("92 unknown ", "1 0.1 ", "1 1.1 ", "1 2.1 ", "1 3.1 ",
+                                            "1 4.1 ", "1 5.1 ", "1 6.1 ", "1 7.1 "));
 }
 
 TEST(LogSummaryTimes, AreFromARequestToTheNextLineOfItsThread) {
@@ -299,7 +299,7 @@ TEST(LogSummaryRefusals, OfLibeventCountOnce) {
                       row.reason);
   }
   EXPECT_THAT(reasons,
-              ElementsAre("1 400 A request that was not taken up", "1 400 Two Content-Length",
+              ElementsAre("1 400 Two Content-Length", "1 400 A request that was not taken up",
                           "1 501 A request that was not taken up"));
 }
 
@@ -308,7 +308,7 @@ TEST(LogSummaryRefusals, OfManyReasonsAreOther) {
   for (int i = 0; i < 1000; ++i) {
     log.Clients(kPlain, "A request of 192.0.2.7 is refused: " + std::to_string(i));
   }
-  EXPECT_THAT(log.Report().refusals, SizeIs(257));
+  EXPECT_EQ(log.Report().refusals.size(), 257U);
   EXPECT_EQ(log.Report().refusals[0].reason, "other");
   EXPECT_EQ(log.Report().refusals[0].when.count, 744U);
 }
@@ -366,9 +366,9 @@ TEST(LogSummaryEndedClients, AreAddedUp) {
   log.Clients(kPlain, "Ended 1 clients to make room, the last of 192.0.2.8: another reason");
   const LogReport report = log.Report();
   ASSERT_THAT(report.endedClients, SizeIs(2));
-  EXPECT_EQ(report.endedClients[1].reason, "too many connections");
-  EXPECT_EQ(report.endedClients[1].when.count, 15U);
-  EXPECT_EQ(report.endedClients[1].lastAddress, "192.0.2.8");
+  EXPECT_EQ(report.endedClients[0].reason, "too many connections");
+  EXPECT_EQ(report.endedClients[0].when.count, 15U);
+  EXPECT_EQ(report.endedClients[0].lastAddress, "192.0.2.8");
 }
 
 TEST(LogSummaryScripts, HaveTheirRunsAndFailures) {
@@ -408,7 +408,7 @@ TEST(LogSummaryScripts, OfManyAreOther) {
   for (int i = 0; i < 1000; ++i) {
     log.Line(kPlain, "DEBUG", "f", "PID 1 ended with status 0 after 1 ms: /" + std::to_string(i));
   }
-  EXPECT_THAT(log.Report().scripts, SizeIs(257));
+  EXPECT_EQ(log.Report().scripts.size(), 257U);
 }
 
 TEST(LogSummarySince, LeavesOutWhatIsOlder) {
