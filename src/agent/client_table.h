@@ -105,7 +105,7 @@ class ClientTable {
   void TakeInput(Client* client, evbuffer* input, size_t added);
   void Refuse(Client* client, evbuffer* input, size_t sound);
   void OnLibraryOutput(Client* client, int status);
-  static void LogAnswer(const Client& client, int status);
+  void LogAnswer(const Client& client, int status);
   void OnWritten(Client* client);
   void BeginNextRequest(Client* client);
 

@@ -26,7 +26,7 @@ std::string LineOf(fuzz::Input* input) {
       "2026-11-21 15:46:21.766 [4d2.1] INFO: void tavlo::AgentHost::DispatchRequest: ",
       "2026-11-21 15:46:22.766 [4d2.1] DEBUG: void tavlo::AgentHost::DispatchRequest: ",
       "2026-11-21 15:46:23.766 [4d2.2] INFO: void tavlo::ClientTable::Refuse: ",
-      "2026-11-21 15:46:24.766 [4d2.2] DEBUG: void tavlo::ClientTable::OnAnswer: ",
+      "2026-11-21 15:46:24.766 [4d2.2] DEBUG: void tavlo::ClientTable::LogAnswer: ",
       "Nov 21 15:46:20 router tavlo[1234]: ",
   };
   return kHeads[input->Byte() % (sizeof kHeads / sizeof *kHeads)] + input->Line();

@@ -10,7 +10,7 @@ from support.clients import Client, ask, connect, exchange
 from support.scratch_root import PAIRING_KEY
 
 KEY = {"PairingKey": PAIRING_KEY}
-ANSWERED = re.compile(r" DEBUG: void tavlo::ClientTable::OnAnswer: Answered (\d+) to "
+ANSWERED = re.compile(r" DEBUG: void tavlo::ClientTable::LogAnswer: Answered (\d+) to "
                       r"127\.0\.0\.1:(\d+): (\d+) bytes, (\d+) ms since its request$", re.MULTILINE)
 
 

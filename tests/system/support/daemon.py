@@ -28,7 +28,7 @@ MAIN_THREAD_FUNCTIONS = ("void Run", "void UpdatePairingKey", "void UpdateLanAdd
                          "void tavlo::AgentHost::SetPairingKey")
 
 # What a listener logs of every connection and answer, whatever they are.
-CONNECTION_FUNCTIONS = ("void tavlo::ClientTable::TakeIn", "void tavlo::ClientTable::OnAnswer")
+CONNECTION_FUNCTIONS = ("void tavlo::ClientTable::TakeIn", "void tavlo::ClientTable::LogAnswer")
 
 SANITIZER_REPORT = re.compile(
     rb"^.*(?:ERROR: \w+Sanitizer|WARNING: ThreadSanitizer|runtime error:|SUMMARY: \w+Sanitizer).*$",

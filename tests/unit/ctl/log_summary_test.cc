@@ -169,7 +169,7 @@ TEST(LogSummaryListeners, OfManyProcessesAreAddedUp) {
   for (int i = 0; i < 100; ++i) {
     log.Start().Request(kPlain, "GET /api/x").Debug(kPlain, kNotAllowed);
     log.Request(kTls, "GET /api/x");
-    log.Line(kTls, "DEBUG", "void tavlo::ClientTable::OnAnswer",
+    log.Line(kTls, "DEBUG", "void tavlo::ClientTable::LogAnswer",
              "Answered 200 to 127.0.0.1:4711: 312 bytes, 1 ms since its request");
   }
   log.Start().Request(kPlain, "GET /api/x").Start();
@@ -237,10 +237,10 @@ TEST(LogSummaryTimes, AreNotNegativeWhenTheClockIsSetBack) {
 TEST(LogSummaryTimes, AreThoseOfAnswersToo) {
   Log log;
   for (int i = 0; i < 3; ++i) {
-    log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::OnAnswer",
+    log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::LogAnswer",
              "Answered 200 to 127.0.0.1:4711: 312 bytes, 40 ms since its request");
   }
-  log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::OnAnswer",
+  log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::LogAnswer",
            "Answered 417 to ::1:4711: 9 bytes, 1 ms since its request");
   const LogReport report = log.Report();
   ASSERT_THAT(report.answers, SizeIs(2));
@@ -253,7 +253,7 @@ TEST(LogSummaryTimes, AreThoseOfAnswersToo) {
 TEST(LogSummaryTimes, OfAnswersBelongToTheRequestThatCameThen) {
   Log log;
   const auto answer = [&log](const char* milliseconds) {
-    log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::OnAnswer",
+    log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::LogAnswer",
              std::string("Answered 200 to 127.0.0.1:4711: 312 bytes, ") + milliseconds +
                  " ms since its request");
   };
