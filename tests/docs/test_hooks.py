@@ -2,6 +2,7 @@
 
 import os
 import re
+import shlex
 import subprocess
 from concurrent.futures import ThreadPoolExecutor
 from contextlib import suppress
@@ -12,6 +13,7 @@ import pytest
 from markdown import PROJECT
 from support.clients import ask
 from support.scratch_root import PAIRING_KEY
+from support.tavloctl import run_tavloctl
 from support.waiting import open_fifo_for_its_reader, wait_until
 
 PAGE = (PROJECT / "docs" / "hooks.md").read_text(encoding="utf-8")
@@ -76,6 +78,45 @@ def test_a_script_is_not_told_who_asks(root, hooked):
     told = seen.read_text()
     assert told.startswith("--method\nGET\n--uri\n/api/version\n")
     assert "127.0.0.9" not in told and "some-client" not in told
+
+
+def without_times(text):
+    return re.sub(r"\b\d+ ms$", "N ms", text, flags=re.M)
+
+
+def run_as_shown(root, command, **replaced):
+    """A command of tavloctl with files of the test's own."""
+    root.settings["agentDataPath"] = str(root.agent_data)
+    root.write_config()
+    for shown, own in replaced.items():
+        command = re.sub(rf"\S*\b{shown}\.json\b", str(own), command)
+    return run_tavloctl(*shlex.split(command)[1:])
+
+
+def test_the_trial_with_tavloctl_prints_what_is_shown(root):
+    command, output = re.search(r"^    \$ (tavloctl hook .*)\n((?:    .*\n)+)", PAGE, re.M).groups()
+    (root.external_hooks / "agent").rmdir()
+    root.write_hook(root.internal_hooks, "10-audit", "#!/bin/sh\nexit 0\n")
+    root.write_hook(root.internal_hooks, "20-office-hours", "#!/bin/sh\necho it is late >&2; exit 1\n")
+    body = root.directory / "body"
+    body.write_text("{}")
+    result = run_as_shown(root, command, tavlo=root.config, body=body)
+    assert (result.returncode, result.stderr) == (1, "")
+    shown = re.sub("^    ", "", output, flags=re.M)
+    assert without_times(result.stdout) == without_times(
+        shown.replace("/etc/tavlo/hooks", str(root.internal_hooks)))
+
+
+def test_the_firmware_raises_an_event_as_shown(root):
+    command = re.search(r"^    (tavloctl hook device_detected .*)$", PAGE, re.M)[1]
+    seen = root.directory / "seen"
+    (root.internal_hooks / "device_detected").mkdir()
+    script = root.internal_hooks / "device_detected" / "10-note"
+    script.write_text(f'#!/bin/sh\necho "$*" >{seen}\n')
+    script.chmod(0o755)
+    result = run_as_shown(root, command, tavlo=root.config)
+    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
+    assert seen.read_text() == "--mac 02:00:5e:10:00:07\n"
 
 
 def test_the_trial_by_hand_is_one(tmp_path):
