@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -21,6 +22,7 @@
 #include "hooks/body_file.h"
 #include "hooks/running_programs.h"
 #include "settings/app_settings.h"
+#include "util/close_on_exec.h"
 #include "util/error_text.h"
 #include "util/file.h"
 #include "util/log.h"
@@ -157,12 +159,16 @@ sigset_t BlockSignals() {
 void EndOnSignal(const sigset_t& signals, const std::string& bodyPath) {
   const int number =
       stdext::retry_on_interrupt([&signals] { return ::sigtimedwait(&signals, nullptr, nullptr); });
-  Orx::TheRunningPrograms().ForEach([](const Orx::RunningProgram& script) {
+  constexpr int kSignalled = 128;
+  const std::lock_guard<std::mutex> lock(stdext::exec_mutex());  // no other script begins
+  std::remove(bodyPath.c_str());
+  // It ends in here, where the thread that runs the script is held up, or that would tell of the
+  // script's end.
+  Orx::TheRunningPrograms().ForEach([number](const Orx::RunningProgram& script) {
     ::kill(script.pid, SIGKILL);
     std::fprintf(stderr, "tavloctl hook: killed %s, PID %d\n", script.path, script.pid);
+    ::_exit(kSignalled + number);
   });
-  std::remove(bodyPath.c_str());
-  constexpr int kSignalled = 128;
   ::_exit(kSignalled + number);
 }
 

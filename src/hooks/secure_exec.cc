@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <mutex>
+#include <optional>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -138,9 +139,15 @@ class Stopwatch {
   const Clock::time_point start_;
 };
 
-pid_t Fork() {
+// Under the lock of those who keep programs from starting: to them a program is in the list as soon
+// as it runs.
+pid_t Fork(const char* path, std::optional<RunningPrograms::Entry>* running) {
   const std::lock_guard<std::mutex> lock(stdext::exec_mutex());
-  return ::fork();
+  const pid_t pid = ::fork();
+  if (pid > 0) {
+    running->emplace(RunningProgram{path, pid});
+  }
+  return pid;
 }
 
 // In the child, from here to exec: async-signal-safe calls only.
@@ -300,21 +307,19 @@ void WaitForExit(pid_t pid, siginfo_t* info, int options, const char* ordinal) {
   }
 }
 
-// Sees the child to its end; `*reaped` is set once its process number may be somebody else's.
-int SuperviseChild(const RunningProgram& program, Pipes& pipes, const std::string& input,
-                   std::string* output, ssize_t maxOutput, unsigned int timeoutSecs, bool* reaped) {
-  const pid_t pid = program.pid;
+// Sees the child to its end; `*running` is empty once its process number may be somebody else's.
+int SuperviseChild(pid_t pid, Pipes& pipes, const std::string& input, std::string* output,
+                   ssize_t maxOutput, unsigned int timeoutSecs,
+                   std::optional<RunningPrograms::Entry>* running) {
   SubprocessWatchdog watchdog(pid, timeoutSecs);
   ChildStreams streams(pipes, pid, input, output, maxOutput);
+  streams.Run();
+
+  // The child stays a zombie, and its number its own, until nobody can signal it any more.
   siginfo_t info = {};
-  {
-    const RunningPrograms::Entry entry(program);
-    streams.Run();
-    // The child stays a zombie, and its number its own, until nobody can signal it any more.
-    WaitForExit(pid, &info, WEXITED | WNOWAIT, "1st");
-    watchdog.Stop();
-  }
-  *reaped = true;
+  WaitForExit(pid, &info, WEXITED | WNOWAIT, "1st");
+  watchdog.Stop();
+  running->reset();
   WaitForExit(pid, &info, WEXITED, "2nd");
 
   if (watchdog.HasFired()) {
@@ -351,7 +356,8 @@ int SecureExec(const char* path, const std::vector<const char*>& args, const std
   thread_local ExecError execError;
   execError.Clear();
   const Stopwatch stopwatch;
-  const pid_t pid = Fork();
+  std::optional<RunningPrograms::Entry> running;
+  const pid_t pid = Fork(path, &running);
   if (pid == -1) {
     LogErrno("fork failed");
     return -1;
@@ -359,10 +365,8 @@ int SecureExec(const char* path, const std::vector<const char*>& args, const std
   if (pid == 0) {
     RunChild(pipes, path, argv.data(), environment.Get(), execError);
   }
-  bool reaped = false;
   try {
-    const int result =
-        SuperviseChild({path, pid}, pipes, input, output, maxOutput, timeoutSecs, &reaped);
+    const int result = SuperviseChild(pid, pipes, input, output, maxOutput, timeoutSecs, &running);
     if (execError.Get() != 0) {
       Log::Message2(Log::kError, kSecureExec, "Failed to execute %s: %s", path,
                     stdext::error_number_and_text(execError.Get()).c_str());
@@ -371,7 +375,7 @@ int SecureExec(const char* path, const std::vector<const char*>& args, const std
                   result, stopwatch.Milliseconds(), path);
     return result;
   } catch (...) {
-    if (!reaped) {
+    if (running) {
       TheAbandonedChildren().Add(pid);
     }
     throw;

@@ -283,12 +283,14 @@ def test_a_signal_kills_the_script_that_hangs_and_names_it(root, number):
     body, pid = root.directory / "body", root.directory / "pid"
     body.write_text("x")
     script = write_script(root, "10-hang", f"echo $$ >{pid}.new; mv {pid}.new {pid}; exec sleep 1000")
+    write_script(root, "20-next", f"touch {root.directory}/ran")
     with subprocess.Popen([*DIE_WITH_PARENT, *PROGRAM, "hook", "-c", root.config, *REQUEST, "--data",
                            body], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as process:
         wait_until(pid.exists, "the script")
         process.send_signal(number)
         output = process.communicate(timeout=DEFAULT_LIMIT)
     assert process.returncode == 128 + number
+    assert not (root.directory / "ran").exists()
     number = pid.read_text().strip()
     assert output == ("", f"tavloctl hook: killed {script}, PID {number}\n")
     wait_until(lambda: not os.path.exists(f"/proc/{number}"), "the end of the script")

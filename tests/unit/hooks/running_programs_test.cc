@@ -76,6 +76,7 @@ TEST_F(RunningProgramsTest, AreThoseOfAllThreadsUntilTheyEnd) {
   };
   std::thread one(run, first);
   const pid_t firstPid = PidOf("first");
+  ASSERT_TRUE(test::WaitUntil([] { return Running().size() == 1; }));
   std::thread other(run, second);
   const pid_t secondPid = PidOf("second");
   ASSERT_TRUE(test::WaitUntil([] { return Running().size() == 2; }));
