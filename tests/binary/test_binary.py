@@ -11,7 +11,8 @@ BINARY = os.environ["TAVLO_BINARY"]
 TAVLOCTL = os.environ["TAVLOCTL_BINARY"]
 # uClibc-ng itself, where the binaries were linked with it.
 UCLIBC_NG = next(Path(os.environ.get("TAVLO_SYSROOT") or "/nowhere").glob("lib/libuClibc-*.so"), None)
-LARGEST_SIZE = 300 * 1000  # bytes
+# In bytes. On AArch64 up to 64 KiB of it are room for pages of that size, as the linker leaves it.
+LARGEST_SIZE = {BINARY: 300 * 1000, TAVLOCTL: 340 * 1000}
 
 both = pytest.mark.parametrize("path", [BINARY, TAVLOCTL], ids=["tavlo", "tavloctl"])
 
@@ -57,7 +58,7 @@ def segment_flags(path, name):
 
 @both
 def test_it_is_small(path):
-    assert os.path.getsize(path) <= LARGEST_SIZE
+    assert os.path.getsize(path) <= LARGEST_SIZE[path]
 
 
 @both
