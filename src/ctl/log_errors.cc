@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "ctl/most_first.h"
 #include "ctl/printable.h"
 #include "util/log.h"
 
@@ -53,8 +54,7 @@ void ErrorCounter::Report(LogReport* report) const {
     }
     report->errors.push_back(row);
   }
-  std::stable_sort(report->errors.begin(), report->errors.end(),
-                   [](const auto& a, const auto& b) { return a.when.count > b.when.count; });
+  SortMostFirst(&report->errors, [](const auto& row) { return row.when.count; });
 }
 
 }  // namespace tavlo::ctl

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <vector>
 
+#include "ctl/most_first.h"
 #include "ctl/printable.h"
 #include "ctl/text_pattern.h"
 #include "util/log.h"
@@ -94,9 +95,7 @@ void EventCounter::Report(LogReport* report) const {
   report->starts = starts_;
   report->endedClients = endedClients_;
   report->scripts = scripts_;
-  std::stable_sort(
-      report->scripts.begin(), report->scripts.end(),
-      [](const auto& a, const auto& b) { return a.failures.count > b.failures.count; });
+  SortMostFirst(&report->scripts, [](const auto& row) { return row.failures.count; });
 }
 
 }  // namespace tavlo::ctl

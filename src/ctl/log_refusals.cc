@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "ctl/log_listeners.h"
+#include "ctl/most_first.h"
 #include "ctl/printable.h"
 #include "ctl/text_pattern.h"
 #include "util/log.h"
@@ -134,8 +135,7 @@ void RefusalCounter::Count(int status, std::string_view reason, int64_t time, St
 
 void RefusalCounter::Report(LogReport* report) const {
   report->refusals = reasons_;
-  std::stable_sort(report->refusals.begin(), report->refusals.end(),
-                   [](const auto& a, const auto& b) { return a.when.count > b.when.count; });
+  SortMostFirst(&report->refusals, [](const auto& row) { return row.when.count; });
   report->wrongKeys = wrongKeys_;
   report->wrongKeys.different = keys_.size();
 }

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "ctl/log_listeners.h"
+#include "ctl/most_first.h"
 #include "ctl/printable.h"
 #include "ctl/text_pattern.h"
 
@@ -50,7 +51,7 @@ RequestCounter::RequestCounter() : waiting_(Listeners::kMostNumbers) {}
 
 void RequestCounter::Take(const LogEntry& entry, size_t listener, bool isDebug, Step* step) {
   if (entry.IsRequest()) {
-    TakeRequest(entry, listener, step);
+    TakeRequest(entry, listener, isDebug, step);
     return;
   }
   TakeAnswer(entry, listener, step);
@@ -59,7 +60,7 @@ void RequestCounter::Take(const LogEntry& entry, size_t listener, bool isDebug, 
   }
 }
 
-void RequestCounter::TakeRequest(const LogEntry& entry, size_t listener, Step* step) {
+void RequestCounter::TakeRequest(const LogEntry& entry, size_t listener, bool isDebug, Step* step) {
   const Asked asked = {entry.time, EndpointOf(entry.text)};
   rows_[{listener, kAll}].AddRequest(entry.time);
   rows_[{listener, asked.endpoint}].AddRequest(entry.time);
@@ -67,6 +68,9 @@ void RequestCounter::TakeRequest(const LogEntry& entry, size_t listener, Step* s
     ForgetTheRarest();
   }
   ++step->requests;
+  if (!isDebug) {
+    return;
+  }
   Waiting& waiting = waiting_.at(listener);
   waiting.last = asked;
   waiting.unanswered.push_back(asked);
@@ -157,8 +161,7 @@ void RequestCounter::Report(const std::vector<size_t>& numbers,
     auto& rows = key.second == kAll ? report->listeners : report->endpoints;
     rows.push_back({names.at(key.first), key.second, traffic});
   }
-  std::stable_sort(report->endpoints.begin(), report->endpoints.end(),
-                   [](const auto& a, const auto& b) { return a.traffic.count > b.traffic.count; });
+  SortMostFirst(&report->endpoints, [](const auto& row) { return row.traffic.count; });
   for (const auto& [key, times] : Renumbered(answers_, numbers)) {
     report->answers.push_back({names.at(key.first), key.second, times});
   }

@@ -48,7 +48,7 @@ class RequestCounter {
     std::vector<Asked> unanswered;  // oldest first; those whose clients have gone stay for long
   };
 
-  void TakeRequest(const LogEntry& entry, size_t listener, Step* step);
+  void TakeRequest(const LogEntry& entry, size_t listener, bool isDebug, Step* step);
   void TakeAnswer(const LogEntry& entry, size_t listener, Step* step);
   void FinishRequest(const LogEntry& entry, size_t listener, int64_t milliseconds);
   void TakeNextLine(const LogEntry& entry, size_t listener, Step* step);

@@ -77,11 +77,6 @@ MessageTable::MessageTable(std::string_view page) {
     }
     page.remove_prefix(std::min(end + 1, page.size()));
   }
-  // What a text begins with is the daemon's own, what comes later may be a client's: the longest
-  // beginning decides.
-  std::stable_sort(messages_.begin(), messages_.end(), [](const Message& a, const Message& b) {
-    return a.pattern.Beginning().size() > b.pattern.Beginning().size();
-  });
 }
 
 const MessageTable& MessageTable::Built() {
@@ -89,18 +84,23 @@ const MessageTable& MessageTable::Built() {
   return table;
 }
 
+// What a text begins with is the daemon's own, what comes later may be a client's: the row with the
+// longest beginning is meant.
 MessageTable::Meaning MessageTable::Explain(std::string_view text) const {
+  const Message* meant = nullptr;
   std::vector<std::string_view> values;
   for (const Message& message : messages_) {
-    if (!message.pattern.Match(text, &values)) {
-      continue;
+    const bool isLonger =
+        meant == nullptr || message.pattern.Beginning().size() > meant->pattern.Beginning().size();
+    if (isLonger && message.pattern.Match(text, &values)) {
+      meant = &message;
     }
-    if (message.cure != kLeftToTheRest || values.empty()) {
-      return {&message, nullptr};
-    }
-    return {&message, Explain(values.back()).message};
   }
-  return {nullptr, nullptr};
+  if (meant == nullptr || meant->cure != kLeftToTheRest || !meant->pattern.Match(text, &values) ||
+      values.empty()) {
+    return {meant, nullptr};
+  }
+  return {meant, Explain(values.back()).message};
 }
 
 }  // namespace tavlo::ctl

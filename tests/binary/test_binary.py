@@ -11,7 +11,8 @@ BINARY = os.environ["TAVLO_BINARY"]
 TAVLOCTL = os.environ["TAVLOCTL_BINARY"]
 # uClibc-ng itself, where the binaries were linked with it.
 UCLIBC_NG = next(Path(os.environ.get("TAVLO_SYSROOT") or "/nowhere").glob("lib/libuClibc-*.so"), None)
-LARGEST_SIZE = {BINARY: 260 * 1000, TAVLOCTL: 450 * 1000}  # bytes
+# In bytes. On AArch64 up to 64 KiB of it are room for pages of that size, as the linker leaves it.
+LARGEST_SIZE = {BINARY: 290 * 1000, TAVLOCTL: 340 * 1000}
 
 both = pytest.mark.parametrize("path", [BINARY, TAVLOCTL], ids=["tavlo", "tavloctl"])
 

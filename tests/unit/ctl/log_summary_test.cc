@@ -257,6 +257,7 @@ TEST(LogSummaryTimes, OfAnswersBelongToTheRequestThatCameThen) {
              std::string("Answered 200 to 127.0.0.1:4711: 312 bytes, ") + milliseconds +
                  " ms since its request");
   };
+  log.Debug(kMain, "x");
   log.Request(kPlain, "GET /api/slow").After(100).Request(kPlain, "GET /api/quick");
   log.After(40);
   answer("1000");  // of a request that is not in this log
