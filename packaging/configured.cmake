@@ -19,12 +19,13 @@ function(install_configuration file directory)
   endif()
 endfunction()
 
-foreach(file tavlo.json systemd/tavlo.service)
+foreach(file tavlo.json systemd/tavlo.path systemd/tavlo.service)
   configure_file("${CMAKE_CURRENT_LIST_DIR}/${file}.in" "${build_dir}/${file}" @ONLY)
 endforeach()
 configure_file("${CMAKE_CURRENT_LIST_DIR}/tavlo.logrotate" "${build_dir}/tavlo" COPYONLY)
 
-file(INSTALL "${build_dir}/systemd/tavlo.service" DESTINATION "${prefix}/lib/systemd/system")
+file(INSTALL "${build_dir}/systemd/tavlo.path" "${build_dir}/systemd/tavlo.service"
+  DESTINATION "${prefix}/lib/systemd/system")
 install_configuration(tavlo.json "${sysconfdir}/tavlo")
 install_configuration(tavlo "${sysconfdir}/logrotate.d")
 file(INSTALL TYPE DIRECTORY FILES "" DESTINATION "${sysconfdir}/tavlo/agent")

@@ -134,6 +134,17 @@ void AgentHost::InitHeartbeating() {
   heartbeatEvent_.reset(heartbeatEvent, event_free);
 }
 
+void AgentHost::LogEndpoint() const {
+  if (!Orx::Log::IsOn(Orx::Log::kDebug)) {
+    return;
+  }
+  const char* protocol = "plain HTTP";
+  if (secure_) {
+    protocol = HasCertificateFiles() ? "TLS" : "plain HTTP, for want of certificate and key";
+  }
+  ORX_LOG(Orx::Log::kDebug, "Serves %s:%d: %s", kLoopback, listenPort_, protocol);
+}
+
 void AgentHost::Run() {
   SetStarted();
   event_base_dispatch(base_.get());

@@ -55,6 +55,10 @@ class AgentHost {
   AgentHost(const AgentHost&) = delete;
   AgentHost& operator=(const AgentHost&) = delete;
 
+  /// Logs, at debug level, what it listens on and whether it speaks TLS there, if the certificate
+  /// and key that it finds can be used.
+  void LogEndpoint() const;
+
   /// Runs the event loop; returns only when the loop has failed, after a logged error.
   void Run();
 
@@ -89,6 +93,7 @@ class AgentHost {
   // Binds the pending addresses, on the loop thread; has nothing to do with `invoker_`.
   void Invoke();
 
+  bool HasCertificateFiles() const;
   bool LoadCertificate();
   bufferevent* SslConnect();
 

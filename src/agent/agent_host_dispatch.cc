@@ -219,7 +219,7 @@ void AgentHost::Answer(evhttp_request* req, int status, const char* reason, evbu
   if (secure_ && client != nullptr) {
     JoinPieces(client);
   }
-  clients_->OnAnswer(client);
+  clients_->OnAnswer(client, status);
   WriteAtOnce(client);
 }
 
@@ -227,7 +227,7 @@ void AgentHost::Refuse(evhttp_request* req, int status, const char* reason) {
   evhttp_connection* const client = evhttp_request_get_connection(req);
   DropBodyAndUri(req);
   evhttp_send_error(req, status, reason);
-  clients_->OnAnswer(client);
+  clients_->OnAnswer(client, status);
   WriteAtOnce(client);
 }
 

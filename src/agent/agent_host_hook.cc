@@ -1,44 +1,21 @@
 // The firmware's say in a request: the "agent" hook scripts, called before it is forwarded.
 
 #include <cerrno>
-#include <cstdio>
 #include <mutex>
 #include <string>
-#include <utility>
 
 #include <event2/buffer.h>
-#include <unistd.h>
 
 #include "agent/agent_host.h"
+#include "hooks/body_file.h"
 #include "hooks/hook_invoker.h"
-#include "util/descriptor.h"
 #include "util/error_text.h"
 #include "util/fair_mutex.h"
 #include "util/log.h"
-#include "util/retry.h"
 
 namespace tavlo {
 
 namespace {
-
-// Replaces the content of the file; on failure `errno` tells why. What the file held before is cut
-// off only when the rest is written.
-bool WriteFile(const std::string& path, const std::string& data) {
-  const stdext::descriptor file(stdext::open_only_here(path.c_str(), 0, 0664));
-  if (!file.is_open()) {
-    return false;
-  }
-  const ssize_t written =
-      stdext::retry_on_interrupt([&] { return ::write(file.get(), data.data(), data.size()); });
-  if (written < 0) {
-    return false;
-  }
-  if (static_cast<size_t>(written) < data.size()) {
-    errno = ENOSPC;  // a short write sets no error: the file system is full
-    return false;
-  }
-  return ::ftruncate(file.get(), static_cast<off_t>(data.size())) == 0;
-}
 
 // All hosts have the one body file: whoever writes it holds this until it is removed, so that the
 // scripts judge the very body that is forwarded.
@@ -46,18 +23,6 @@ stdext::fair_mutex& BodyFileMutex() {
   static stdext::fair_mutex mutex;
   return mutex;
 }
-
-// Removes the body file however the hook ends.
-class BodyFile {
- public:
-  explicit BodyFile(std::string path) : path_(std::move(path)) {}
-  ~BodyFile() { std::remove(path_.c_str()); }
-  BodyFile(const BodyFile&) = delete;
-  BodyFile& operator=(const BodyFile&) = delete;
-
- private:
-  std::string path_;
-};
 
 }  // namespace
 
@@ -87,12 +52,12 @@ bool AgentHost::CallHook(const std::string& uri, evhttp_cmd_type method, const s
     status = invoker_->Agent(methodName, uri, std::string(), &exitCode);
   } else {
     const std::lock_guard<stdext::fair_mutex> lock(BodyFileMutex());
-    if (!WriteFile(agentDataPath_, data)) {
+    Orx::BodyFile bodyFile(agentDataPath_);
+    if (!bodyFile.Write(data)) {
       ORX_LOG(Orx::Log::kError, "Failed to write file %s: %s", agentDataPath_.c_str(),
               stdext::error_number_and_text(errno).c_str());
       return false;
     }
-    const BodyFile bodyFile(agentDataPath_);
     status = invoker_->Agent(methodName, uri, agentDataPath_, &exitCode);
   }
   if (!status.IsOk()) {

@@ -71,13 +71,17 @@ void AgentHost::InitSsl() {
   }
 }
 
+bool AgentHost::HasCertificateFiles() const {
+  return ::access(certFile_.c_str(), F_OK) == 0 && ::access(keyFile_.c_str(), F_OK) == 0;
+}
+
 bool AgentHost::LoadCertificate() {
   if (certificateLoaded_) {
     return true;
   }
   const char* const certFile = certFile_.c_str();
   const char* const keyFile = keyFile_.c_str();
-  if (::access(certFile, F_OK) != 0 || ::access(keyFile, F_OK) != 0) {
+  if (!HasCertificateFiles()) {
     ORX_LOG(Orx::Log::kDebug, "Certificate files %s and %s do not exist", certFile, keyFile);
     return false;
   }

@@ -171,6 +171,7 @@ void ClientTable::TakeIn(bufferevent* connection) {
   char* peer = nullptr;
   uint16_t port = 0;
   evhttp_connection_get_peer(served, &peer, &port);
+  ORX_LOG(Orx::Log::kDebug, "Accepted %s:%u", peer, port);
 
   Clients entry(1);
   Client& client = entry.front();
@@ -273,6 +274,9 @@ void ClientTable::OnRequest(evhttp_request* request) {
   const bool isLarge = client->unfinished > client->stream + kWorthDropping;
   IgnoreInput(connection);
   client->state = State::kAnswering;
+  if (Orx::Log::IsOn(Orx::Log::kDebug)) {
+    client->requestTime = Clock::now();
+  }
   client->request = SizeOf(request);
   BeginNextRequest(client);
   if (isLarge) {
@@ -280,7 +284,7 @@ void ClientTable::OnRequest(evhttp_request* request) {
   }
 }
 
-void ClientTable::OnAnswer(evhttp_connection* connection) {
+void ClientTable::OnAnswer(evhttp_connection* connection, int status) {
   Client* const client = Find(connection);
   if (client == nullptr) {
     return;
@@ -295,6 +299,16 @@ void ClientTable::OnAnswer(evhttp_connection* connection) {
   Recount(client);
   SetUntaken(client, evbuffer_get_length(OutputOf(connection)));
   clients_.splice(clients_.end(), clients_, byConnection_.at(connection));
+  if (Orx::Log::IsOn(Orx::Log::kDebug)) {
+    char* peer = nullptr;
+    uint16_t port = 0;
+    evhttp_connection_get_peer(connection, &peer, &port);
+    const auto time =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - client->requestTime);
+    ORX_LOG(Orx::Log::kDebug, "Answered %d to %s:%u: %zu bytes, %lld ms since its request", status,
+            peer, port, evbuffer_get_length(OutputOf(connection)),
+            static_cast<long long>(time.count()));
+  }
 }
 
 // All that there was to write has been written, if only a "100 Continue".

@@ -50,9 +50,9 @@ class ClientTable {
   /// client, and what came with it that nobody needs any more is let go.
   void OnRequest(evhttp_request* request);
 
-  /// The answer to the client's request has been handed to libevent. `connection` is null when the
-  /// client has gone meanwhile.
-  void OnAnswer(evhttp_connection* connection);
+  /// The answer to the client's request, of this status, has been handed to libevent. `connection`
+  /// is null when the client has gone meanwhile.
+  void OnAnswer(evhttp_connection* connection, int status);
 
   /// The largest answer, in bytes, that there is room for, for a client of `address`.
   size_t RoomForAnswer(const std::string& address);
@@ -89,6 +89,7 @@ class ClientTable {
     size_t untaken = 0;              // of its answer, when that was looked at last
     size_t backlog = 0;              // the same, with what the kernel holds of it
     Clock::time_point progressTime;  // when it was seen first that it was no more than that
+    Clock::time_point requestTime;   // when its request had come whole; kept at debug level only
   };
   using Clients = std::list<Client>;
 

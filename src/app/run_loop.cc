@@ -13,10 +13,12 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "app/start_up.h"
 #include "app/thread_monitor.h"
 #include "hooks/key_value_storage.h"
+#include "hooks/running_programs.h"
 #include "util/error_text.h"
 #include "util/file.h"
 #include "util/log.h"
@@ -55,6 +57,7 @@ void RunHost(const char* name, AgentHost* host, std::atomic<size_t>* started) {
   Orx::ThreadMonitor& monitor = Orx::TheThreadMonitor();
   const Orx::ThreadIdentity self = Orx::CurrentThreadIdentity();
   monitor.Register(self, {name, kLongestSilence, Clock::now()});
+  host->LogEndpoint();
   ++*started;
   host->Run();
   monitor.Unregister(self);
@@ -92,6 +95,12 @@ bool HasSilentThread(MonotonicTime now) {
   Orx::Log::Message2(Orx::Log::kError, kRun,
                      "Exit as missing thread hearbeat with id=%s interval=%lds", name.c_str(),
                      static_cast<long>(silence.count()));
+  // The usual cause: a script that this listener has called, or whose end it waits for. It is not
+  // ended: whoever started the daemon finds it by these.
+  Orx::TheRunningPrograms().ForEach([](const Orx::RunningProgram& script) {
+    Orx::Log::Message2(Orx::Log::kError, kRun, "Script left running: PID %d: %s", script.pid,
+                       script.path);
+  });
   return true;
 }
 
@@ -99,6 +108,15 @@ bool HasSilentThread(MonotonicTime now) {
 time_t ModificationTime(const std::string& path) {
   struct stat info = {};
   return ::stat(path.c_str(), &info) == 0 ? info.st_mtime : 0;
+}
+
+// A file that is missing at the start is not read before it comes.
+void TellOfMissingRouterInformation() {
+  const std::string path = TheProcess().settings->RouterInfoPath();
+  if (::access(path.c_str(), F_OK) != 0) {
+    Orx::Log::Message2(Orx::Log::kError, kRun, "Failed to find the router information file %s: %s",
+                       path.c_str(), stdext::error_number_and_text(errno).c_str());
+  }
 }
 
 void RefreshPairingKey(LoopState& state) {
@@ -148,6 +166,7 @@ void Run() {
     return;
   }
   ORX_LOG(Orx::Log::kInfo, "tavlo started");
+  TellOfMissingRouterInformation();
   LoopState state;
   do {
     // On every pass, with the last signal again after a mere time-out: it shows that the loop

@@ -2,16 +2,19 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <mutex>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "hooks/child_environment.h"
 #include "hooks/raii_pipe.h"
+#include "hooks/running_programs.h"
 #include "hooks/subprocess_timeout.h"
 #include "util/close_on_exec.h"
 #include "util/error_text.h"
@@ -79,6 +82,62 @@ AbandonedChildren& TheAbandonedChildren() {
   return children;
 }
 
+// Memory that a thread shares with each child of its until that becomes its program: there the
+// child leaves the number of the error that keeps it from it. A page, made once; a pipe would cost
+// some system calls for each program.
+class ExecError {
+ public:
+  ExecError() = default;
+  ~ExecError() {
+    if (number_ != nullptr) {
+      ::munmap(number_, sizeof *number_);
+    }
+  }
+  ExecError(const ExecError&) = delete;
+  ExecError& operator=(const ExecError&) = delete;
+
+  // Before the fork. Where there is no memory the reason stays unknown.
+  void Clear() {
+    if (number_ == nullptr) {
+      void* const made = ::mmap(nullptr, sizeof *number_, PROT_READ | PROT_WRITE,
+                                MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+      number_ = made != MAP_FAILED ? static_cast<int*>(made) : nullptr;
+    }
+    Set(0);
+  }
+
+  void Set(int number) {
+    if (number_ != nullptr) {
+      *number_ = number;
+    }
+  }
+
+  // 0 when there was none.
+  int Get() const { return number_ != nullptr ? *number_ : 0; }
+
+ private:
+  int* number_ = nullptr;
+};
+
+// How long a program runs, for a debug line; the clock is not asked for nothing.
+class Stopwatch {
+ public:
+  Stopwatch() : start_(Now()) {}
+
+  long long Milliseconds() const {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Now() - start_).count();
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  static Clock::time_point Now() {
+    return Log::IsOn(Log::kDebug) ? Clock::now() : Clock::time_point();
+  }
+
+  const Clock::time_point start_;
+};
+
 pid_t Fork() {
   const std::lock_guard<std::mutex> lock(stdext::exec_mutex());
   return ::fork();
@@ -96,7 +155,8 @@ bool Install(int fd, int standardFd) {
   return stdext::retry_on_interrupt([=] { return ::dup2(fd, standardFd); }) != -1;
 }
 
-[[noreturn]] void RunChild(Pipes& pipes, const char* path, char* const* argv, char* const* envp) {
+[[noreturn]] void RunChild(Pipes& pipes, const char* path, char* const* argv, char* const* envp,
+                           ExecError& error) {
   pipes.in.CloseWriteFd();
   pipes.out.CloseReadFd();
   pipes.err.CloseReadFd();
@@ -106,6 +166,7 @@ bool Install(int fd, int standardFd) {
   if (Install(in, STDIN_FILENO) && Install(out, STDOUT_FILENO) && Install(err, STDERR_FILENO)) {
     ::execvpe(path, argv, envp);
   }
+  error.Set(errno);
   ::_exit(1);
 }
 
@@ -240,16 +301,19 @@ void WaitForExit(pid_t pid, siginfo_t* info, int options, const char* ordinal) {
 }
 
 // Sees the child to its end; `*reaped` is set once its process number may be somebody else's.
-int SuperviseChild(pid_t pid, Pipes& pipes, const std::string& input, std::string* output,
-                   ssize_t maxOutput, unsigned int timeoutSecs, bool* reaped) {
+int SuperviseChild(const RunningProgram& program, Pipes& pipes, const std::string& input,
+                   std::string* output, ssize_t maxOutput, unsigned int timeoutSecs, bool* reaped) {
+  const pid_t pid = program.pid;
   SubprocessWatchdog watchdog(pid, timeoutSecs);
   ChildStreams streams(pipes, pid, input, output, maxOutput);
-  streams.Run();
-
-  // The child stays a zombie, and its number its own, until the watchdog can signal no more.
   siginfo_t info = {};
-  WaitForExit(pid, &info, WEXITED | WNOWAIT, "1st");
-  watchdog.Stop();
+  {
+    const RunningPrograms::Entry entry(program);
+    streams.Run();
+    // The child stays a zombie, and its number its own, until nobody can signal it any more.
+    WaitForExit(pid, &info, WEXITED | WNOWAIT, "1st");
+    watchdog.Stop();
+  }
   *reaped = true;
   WaitForExit(pid, &info, WEXITED, "2nd");
 
@@ -284,17 +348,28 @@ int SecureExec(const char* path, const std::vector<const char*>& args, const std
   }
   const std::vector<char*> argv = ArgumentVector(path, args);
   const ChildEnvironment environment;
+  thread_local ExecError execError;
+  execError.Clear();
+  const Stopwatch stopwatch;
   const pid_t pid = Fork();
   if (pid == -1) {
     LogErrno("fork failed");
     return -1;
   }
   if (pid == 0) {
-    RunChild(pipes, path, argv.data(), environment.Get());
+    RunChild(pipes, path, argv.data(), environment.Get(), execError);
   }
   bool reaped = false;
   try {
-    return SuperviseChild(pid, pipes, input, output, maxOutput, timeoutSecs, &reaped);
+    const int result =
+        SuperviseChild({path, pid}, pipes, input, output, maxOutput, timeoutSecs, &reaped);
+    if (execError.Get() != 0) {
+      Log::Message2(Log::kError, kSecureExec, "Failed to execute %s: %s", path,
+                    stdext::error_number_and_text(execError.Get()).c_str());
+    }
+    Log::Message2(Log::kDebug, kSecureExec, "PID %d ended with status %d after %lld ms: %s", pid,
+                  result, stopwatch.Milliseconds(), path);
+    return result;
   } catch (...) {
     if (!reaped) {
       TheAbandonedChildren().Add(pid);

@@ -9,7 +9,7 @@ namespace Orx {
 
 /// Runs another program to its end and returns its exit status (0 to 255), or -1, after at least
 /// one logged error, when it did not end by itself or could not be dealt with. A program that
-/// cannot be executed counts as one that exited with status 1.
+/// cannot be executed counts as one that exited with status 1, after a logged error.
 ///
 /// `path` is looked up in PATH when it has no slash; `args` are the arguments behind it. `input` is
 /// the child's whole standard input. `output`, which may be null, receives the first `maxOutput`

@@ -41,6 +41,23 @@ class AppSettings {
   virtual std::string DeviceDiscoveryPath() const;
   virtual std::string RootPrefix() const;
 
+  /// What a file may say for one key: an integer within [smallest, largest], or a text.
+  struct Key {
+    std::string name;
+    bool isNumber;
+    int32_t smallest;
+    int32_t largest;
+  };
+
+  /// All keys. In the header, so that a program that does not ask has none of it.
+  std::vector<Key> Keys() const {
+    std::vector<Key> keys;
+    for (const Entry& entry : entries_) {
+      keys.push_back({entry.key, entry.type == 'i', entry.smallest, entry.largest});
+    }
+    return keys;
+  }
+
  private:
   /// One configuration key. `type` is 'i' for an integer within [smallest, largest], held in
   /// `number`, or 's' for a string, held in `text`.

@@ -281,7 +281,7 @@ void Open(const char* name, const std::string& path, int level, bool console, bo
 }
 
 void Message2(int level, const char* function, const char* format, ...) {
-  if (level > Detail::LogLevel()) {
+  if (!IsOn(level)) {
     return;
   }
   const std::lock_guard<std::mutex> lock(Detail::Mutex());
@@ -292,6 +292,10 @@ void Message2(int level, const char* function, const char* format, ...) {
   std::vsnprintf(line + prefixLength, kMaxLineLength + 1 - prefixLength, format, arguments);
   va_end(arguments);
   Emit(level, line);
+}
+
+bool IsOn(int level) {
+  return level <= Detail::LogLevel();
 }
 
 void Reopen() {

@@ -39,6 +39,9 @@ void Open(const char* name, const std::string& path, int level, bool console, bo
 void Message2(int level, const char* function, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
+/// Whether messages of this level are emitted: for what only a line needs and costs something.
+bool IsOn(int level);
+
 /// Closes the log file and opens the same path again, so that a rotated file is let go. Does
 /// nothing without file logging.
 void Reopen();

@@ -1,4 +1,4 @@
-"""The shipped binary: its size, its hardening, and what it asks of the router's C library."""
+"""The shipped binaries: their size, its hardening, and what they ask of the router's C library."""
 
 import os
 import re
@@ -8,9 +8,12 @@ from pathlib import Path
 import pytest
 
 BINARY = os.environ["TAVLO_BINARY"]
-# uClibc-ng itself, where the binary was linked with it.
+TAVLOCTL = os.environ["TAVLOCTL_BINARY"]
+# uClibc-ng itself, where the binaries were linked with it.
 UCLIBC_NG = next(Path(os.environ.get("TAVLO_SYSROOT") or "/nowhere").glob("lib/libuClibc-*.so"), None)
 LARGEST_SIZE = 300 * 1000  # bytes
+
+both = pytest.mark.parametrize("path", [BINARY, TAVLOCTL], ids=["tavlo", "tavloctl"])
 
 # Decided by the C++ library's own headers, according to what its C library had when the toolchain
 # was made, or by its start-up code.
@@ -20,15 +23,15 @@ TOOLCHAINS_OWN = {
 }
 
 
-def readelf(*options, path=BINARY):
+def readelf(path, *options):
     result = subprocess.run(["readelf", "-W", *options, path], check=True, capture_output=True,
                             text=True, errors="replace", env={**os.environ, "LC_ALL": "C"})
     return result.stdout
 
 
-def imported_symbols():
+def imported_symbols(path):
     """Name and version of each function and object that other libraries must have."""
-    for line in readelf("--dyn-syms").splitlines():
+    for line in readelf(path, "--dyn-syms").splitlines():
         fields = line.split()
         if len(fields) > 7 and fields[6] == "UND":
             name, _, version = fields[7].partition("@")
@@ -36,7 +39,7 @@ def imported_symbols():
 
 
 def exported_symbols(path):
-    for line in readelf("--dyn-syms", path=path).splitlines():
+    for line in readelf(path, "--dyn-syms").splitlines():
         fields = line.split()
         if len(fields) > 7 and fields[4] in ("GLOBAL", "WEAK") and fields[6] != "UND":
             yield fields[7]
@@ -47,73 +50,96 @@ def known_to_uclibc_ng():
     return {line for line in lines if line and not line.startswith("#")}
 
 
-def segment_flags(name):
-    line = next(line for line in readelf("-l").splitlines() if line.split()[:1] == [name])
+def segment_flags(path, name):
+    line = next(line for line in readelf(path, "-l").splitlines() if line.split()[:1] == [name])
     return re.search(r" ([R ][W ][E ]) 0x[0-9a-f]+$", line)[1]
 
 
-def test_it_is_small():
-    assert os.path.getsize(BINARY) <= LARGEST_SIZE
+@both
+def test_it_is_small(path):
+    assert os.path.getsize(path) <= LARGEST_SIZE
 
 
-def test_it_is_stripped_but_can_name_its_functions():
-    sections = readelf("-S")
+@both
+def test_it_is_stripped(path):
+    sections = readelf(path, "-S")
     assert ".symtab" not in sections and ".debug_info" not in sections
-    defined = [line for line in readelf("--dyn-syms").splitlines()
+
+
+def test_the_daemon_can_name_its_functions():
+    defined = [line for line in readelf(BINARY, "--dyn-syms").splitlines()
                if "AgentHost3RunEv" in line and " UND " not in line]
     assert len(defined) == 1
 
 
-def test_it_tells_its_version():
+@both
+def test_it_tells_its_version(path):
     lists = (Path(__file__).parents[2] / "CMakeLists.txt").read_text(encoding="ascii")
     version = re.search(r"project\(tavlo VERSION (\S+)", lists)[1]
-    assert f'{{"name":"tavlo","version":"{version}"}}' in readelf("--notes")
+    name = os.path.basename(path)
+    assert f'{{"name":"{name}","version":"{version}"}}' in readelf(path, "--notes")
 
 
-def test_its_debug_file_can_be_found():
-    assert re.search(r"Build ID: [0-9a-f]{40}", readelf("--notes"))
-    link = readelf("--string-dump=.gnu_debuglink").splitlines()
-    assert any(line.endswith(" tavlo.debug") for line in link)
+@both
+def test_its_debug_file_can_be_found(path):
+    assert re.search(r"Build ID: [0-9a-f]{40}", readelf(path, "--notes"))
+    link = readelf(path, "--string-dump=.gnu_debuglink").splitlines()
+    assert any(line.endswith(f" {os.path.basename(path)}.debug") for line in link)
 
 
-def test_it_is_position_independent():
-    assert re.search(r"Type: +DYN \(Position-Independent Executable file\)", readelf("-h"))
+@both
+def test_it_is_position_independent(path):
+    assert re.search(r"Type: +DYN \(Position-Independent Executable file\)", readelf(path, "-h"))
 
 
-def test_its_relocations_are_read_only():
-    assert "GNU_RELRO" in readelf("-l")
-    assert re.search(r"FLAGS_1\).*\bNOW\b", readelf("-d"))
+@both
+def test_its_relocations_are_read_only(path):
+    assert "GNU_RELRO" in readelf(path, "-l")
+    assert re.search(r"FLAGS_1\).*\bNOW\b", readelf(path, "-d"))
 
 
-def test_neither_its_stack_nor_its_data_is_executable():
-    assert segment_flags("GNU_STACK") == "RW "
-    loads = [line for line in readelf("-l").splitlines() if line.split()[:1] == ["LOAD"]]
+@both
+def test_neither_its_stack_nor_its_data_is_executable(path):
+    assert segment_flags(path, "GNU_STACK") == "RW "
+    loads = [line for line in readelf(path, "-l").splitlines() if line.split()[:1] == ["LOAD"]]
     assert loads and not any(re.search(r"RWE 0x", line) for line in loads)
 
 
-def test_its_stack_is_protected_and_its_calls_fortified():
-    names = {name for name, _ in imported_symbols()}
+@both
+def test_its_stack_is_protected_and_its_calls_fortified(path):
+    names = {name for name, _ in imported_symbols(path)}
     assert "__stack_chk_fail" in names
     # uClibc-ng has no fortified calls.
     assert UCLIBC_NG or any(re.fullmatch(r"__\w+_chk", name) for name in names)
 
 
-def test_it_brings_no_path_to_search_libraries_in():
-    assert not re.search(r"\((?:RPATH|RUNPATH)\)", readelf("-d"))
+@both
+def test_it_brings_no_path_to_search_libraries_in(path):
+    assert not re.search(r"\((?:RPATH|RUNPATH)\)", readelf(path, "-d"))
 
 
-def test_it_needs_no_more_libraries_than_documented():
-    needed = re.findall(r"\(NEEDED\).*\[(.*?)\.so", readelf("-d"))
-    assert sorted(name for name in needed if not name.startswith("ld")) == [
+def needed_libraries(path):
+    needed = re.findall(r"\(NEEDED\).*\[(.*?)\.so", readelf(path, "-d"))
+    return sorted(name for name in needed if not name.startswith("ld"))
+
+
+def test_the_daemon_needs_no_more_libraries_than_documented():
+    assert needed_libraries(BINARY) == [
         "libc", "libcrypto", "libevent_core-2.1", "libevent_extra-2.1", "libevent_openssl-2.1",
         "libevent_pthreads-2.1", "libgcc_s", "libjson-c", "libssl", "libstdc++"]
 
 
+def test_tavloctl_needs_no_more_than_the_daemon():
+    assert set(needed_libraries(TAVLOCTL)) <= set(needed_libraries(BINARY))
+    assert not [name for name in needed_libraries(TAVLOCTL) if "event" in name]
+
+
 def of_the_c_library():
+    imported = {each for path in (BINARY, TAVLOCTL) for each in imported_symbols(path)}
     if UCLIBC_NG:
         own = set(exported_symbols(UCLIBC_NG))
-        return sorted(own.intersection(name for name, _ in imported_symbols()))
-    return sorted(name for name, version in imported_symbols() if version.startswith("GLIBC_"))
+        return sorted(own.intersection(name for name, _ in imported))
+    return sorted({name for name, version in imported if version.startswith("GLIBC_")})
 
 
 @pytest.mark.parametrize("name", of_the_c_library())

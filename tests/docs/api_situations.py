@@ -1,8 +1,10 @@
 """The situations behind the daemon's answers, and how to bring each of them about."""
 
+import re
 from contextlib import ExitStack, contextmanager
 from dataclasses import dataclass, field
 
+from markdown import PROJECT
 from sdk_rest_host import SdkRestHost
 from support.clients import Answer, connect, exchange
 from support.destinations import Destination, hang, read_request
@@ -13,6 +15,14 @@ ELSEWHERE = ("GET", "/api/1/profiles")
 MAX_BODY = 32768
 MAX_READ_BODY = 4 * 1024 * 1024
 MAX_WAITING = 100
+
+
+def open_endpoints():
+    """Those of the sources, as pairs of method and path."""
+    source = (PROJECT / "src" / "agent" / "access.cc").read_text(encoding="utf-8")
+    endpoints = re.findall(r"\{EVHTTP_REQ_(\w+), \"([^\"]+)\"\}", source)
+    assert endpoints
+    return endpoints
 
 
 def raw_request(method, path, headers=(), body=b"", length=None):
@@ -109,7 +119,7 @@ def _fill_queue(daemon, listener, stack):
 @contextmanager
 def provoke(root, make_daemon, name):
     """A function that asks a listener in the situation of that name: for what the situation asks,
-    unless another request is given."""
+    unless another request is given. Its `destination` is what stands behind the daemon."""
     situation = SITUATIONS[name]
     if situation.missing:
         getattr(root, situation.missing).unlink()
@@ -118,7 +128,8 @@ def provoke(root, make_daemon, name):
         # The last directory's answer is the one that counts.
         root.write_hook(root.external_hooks, "10-answer", f"#!/bin/sh\n{situation.hook}\n")
     with ExitStack() as stack:
-        stack.enter_context(_make_destination(situation.destination, root.destination_port))
+        destination = _make_destination(situation.destination, root.destination_port)
+        stack.enter_context(destination)
         daemon = make_daemon().start()
         filled = set()
 
@@ -131,4 +142,5 @@ def provoke(root, make_daemon, name):
             return send(root, listener,
                         raw_request(*(request or situation.request), headers, **options))
 
+        ask.destination = destination
         yield ask

@@ -31,12 +31,14 @@ def session(tmp_path):
     """A directory with the files of a demonstration in the same places, and its daemon at work."""
     # Only now, with the system tests' folder among the paths, as are their fixtures.
     from sdk_rest_host import SdkRestHost
+    from support import tavloctl
     from support.daemon import BINARY, Daemon
     from support.scratch_root import ScratchRoot
 
     key = re.search(r'^PAIRING_KEY = "(\w+)"$', DEMONSTRATION.read_text(encoding="utf-8"), re.M)[1]
     (tmp_path / "build" / "release").mkdir(parents=True)
-    (tmp_path / "build" / "release" / "tavlo").symlink_to(Path(BINARY).resolve())
+    for binary in (BINARY, tavloctl.BINARY):
+        (tmp_path / "build" / "release" / Path(binary).name).symlink_to(Path(binary).resolve())
     (tmp_path / "build" / "demo").mkdir()
     scratch_root = ScratchRoot(tmp_path / "build" / "demo")
     scratch_root.write_pairing_key(key)

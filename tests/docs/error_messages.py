@@ -63,9 +63,10 @@ def _definition(text, name):
 
 
 def sources():
-    """The text of each file, without comments."""
+    """The text of each file of the daemon, without comments."""
     return {path: re.sub(r"^ *//.*$", "", path.read_text(encoding="utf-8"), flags=re.M)
-            for path in sorted(SOURCES.rglob("*")) if path.suffix in (".cc", ".h")}
+            for path in sorted(SOURCES.rglob("*"))
+            if path.suffix in (".cc", ".h") and path.relative_to(SOURCES).parts[0] != "ctl"}
 
 
 def logged_formats():

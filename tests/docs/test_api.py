@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from api_situations import SITUATIONS, provoke
+from api_situations import SITUATIONS, open_endpoints, provoke
 from markdown import PROJECT, fenced_blocks, table
 from support import clients
 from support.scratch_root import PAIRING_KEY
@@ -58,12 +58,9 @@ def test_there_are_examples():
 
 
 def test_the_page_has_the_open_endpoints_of_the_source():
-    source = (AGENT / "access.cc").read_text(encoding="utf-8")
-    endpoints = re.findall(r"\{EVHTTP_REQ_(\w+), \"([^\"]+)\"\}", source)
-    assert endpoints
     rows = [(method, path.strip("`")) for method, path, plain, _, answered_by
             in table(PAGE, "Method") if plain == "open" and answered_by == "the SDK REST host"]
-    assert rows == endpoints
+    assert rows == open_endpoints()
 
 
 def reasons_in_the_source():
@@ -100,3 +97,31 @@ def test_a_situation_gives_the_answer_of_its_row(root, make_daemon, name):
 def test_there_is_a_situation_for_each_row():
     rows = {(int(status), reason) for status, reason, *_ in table(PAGE, "Status")}
     assert rows == {situation.answer for situation in SITUATIONS.values()}
+
+
+# Reason -> whether the request was done, of the daemon's own answers.
+AFTER_A_FAILURE = {(int(status), reason): done for reason, status, done, _
+                   in table(PAGE, "Reason") if status.isdigit()}
+
+
+def test_there_is_advice_for_each_417_and_500():
+    rows = {(int(status), reason) for status, reason, *_ in table(PAGE, "Status")}
+    assert set(AFTER_A_FAILURE) == {row for row in rows if row[0] in (417, 500)}
+    assert set(AFTER_A_FAILURE.values()) == {"no", "perhaps"}
+
+
+@pytest.mark.parametrize("name", [name for name, situation in SITUATIONS.items()
+                                  if situation.destination == "answers"
+                                  and AFTER_A_FAILURE.get(situation.answer) == "no"])
+def test_what_was_not_done_has_not_come_to_the_sdk_rest_host(root, make_daemon, name):
+    with provoke(root, make_daemon, name) as ask:
+        answers = [ask(listener) for listener in ("plain", "TLS")]
+        refused = [answer for answer in answers if answer.status in (417, 500)]
+        assert refused
+        assert len(ask.destination.requests) == len(answers) - len(refused)
+
+
+def test_what_has_timed_out_may_have_come(root, make_daemon):
+    with provoke(root, make_daemon, "a destination that hangs up") as ask:
+        assert ask("plain").status == 500
+        assert ask.destination.accepted > 0

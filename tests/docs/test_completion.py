@@ -7,6 +7,7 @@ import subprocess
 import pytest
 
 from markdown import PROJECT
+from support.tavloctl import run_tavloctl
 
 SCRIPT = PROJECT / "examples" / "completion" / "tavlo.bash"
 KEYS = [key for key in json.loads((PROJECT / "tavlo.schema.json").read_text(encoding="utf-8"))[
@@ -17,13 +18,14 @@ PRESS_TAB = """
 compopt() { :; }
 source "$0"
 COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
-_tavlo
+"_$1"
 ((${#COMPREPLY[@]})) && printf '%s\\n' "${COMPREPLY[@]}" || true
 """
 
 
-def offered(*words, cwd=None):
-    result = subprocess.run(["bash", "-uec", PRESS_TAB, SCRIPT, "tavlo", *words], cwd=cwd,
+def offered(*words, cwd=None, program="tavlo"):
+    script = SCRIPT.with_name(f"{program}.bash")
+    result = subprocess.run(["bash", "-uec", PRESS_TAB, script, program, *words], cwd=cwd,
                             capture_output=True, text=True, check=True, timeout=60)
     assert result.stderr == ""
     return result.stdout.splitlines()
@@ -52,7 +54,32 @@ def test_files_are_offered(option, tmp_path):
     assert offered(option, "x", cwd=tmp_path) == []
 
 
-def test_it_is_completion_of_tavlo():
-    result = subprocess.run(["bash", "-c", 'source "$0" && complete -p tavlo', SCRIPT],
+@pytest.mark.parametrize("program", ["tavlo", "tavloctl"])
+def test_it_is_completion_of(program):
+    script = SCRIPT.with_name(f"{program}.bash")
+    result = subprocess.run(["bash", "-c", f'source "$0" && complete -p {program}', script],
                             capture_output=True, text=True, check=True, timeout=60)
-    assert result.stdout == "complete -F _tavlo tavlo\n"
+    assert result.stdout == f"complete -F _{program} {program}\n"
+
+
+def commands_of_tavloctl():
+    return re.findall(r"^  (\w+) ", run_tavloctl("--help").stdout, re.M)
+
+
+def test_all_commands_of_tavloctl_are_offered():
+    assert offered("", program="tavloctl") == [*commands_of_tavloctl(), "--help", "--version"]
+
+
+@pytest.mark.parametrize("command", commands_of_tavloctl())
+def test_all_options_of_its_commands_are_offered_and_no_others(command):
+    usage = run_tavloctl(command, "--help").stdout.partition("\n")[0]
+    options = [*re.findall(r"(?<![\w-])(--?[a-z]+)", usage), "--help"]
+    shown = offered(command, "-", program="tavloctl")
+    assert sorted(shown) == sorted(options)
+
+
+@pytest.mark.parametrize("words", [["check", "-c"], ["check", "-f"], ["log"], ["log", "--plot"],
+                                   ["log", "a file"]])
+def test_files_are_offered_to_tavloctl(words, tmp_path):
+    (tmp_path / "a file").touch()
+    assert offered(*words, "a", cwd=tmp_path, program="tavloctl") == ["a file"]

@@ -22,7 +22,7 @@ def tree(tmp_path):
     (tmp_path / "Makefile").write_text("run:\n\ttools/demonstration\n", encoding="ascii")
     release = tmp_path / "build" / "release"
     release.mkdir(parents=True)
-    for name in ("tavlo", "tavlo.debug"):
+    for name in ("tavlo", "tavlo.debug", "tavloctl"):
         (release / name).symlink_to(Path(BINARY).resolve().parent / name)
     return tmp_path
 

@@ -67,6 +67,17 @@ def test_the_loop_reads_all_arguments_as_they_are(root, hooked, sdk_host, shell)
     assert seen.read_text() == f"PUT|{uri}|{root.agent_data}|"
 
 
+def test_a_script_is_not_told_who_asks(root, hooked):
+    seen = root.directory / "seen"
+    write_hook(root, f'{{ printf "%s\\n" "$@"; env; }} >{seen}\nexit 0\n')
+    answer = ask(root.http_port, "GET", "/api/version", headers=[("User-Agent", "some-client")],
+                 source="127.0.0.9")
+    assert answer.status == 200
+    told = seen.read_text()
+    assert told.startswith("--method\nGET\n--uri\n/api/version\n")
+    assert "127.0.0.9" not in told and "some-client" not in told
+
+
 def test_the_trial_by_hand_is_one(tmp_path):
     lines = re.search(r"^    echo .*> /tmp/body\n    (\./10-my-hook .*)$", PAGE, re.M)
     script = tmp_path / "10-my-hook"

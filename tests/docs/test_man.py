@@ -11,8 +11,10 @@ import pytest
 from markdown import PROJECT
 
 PAGES = sorted((PROJECT / "docs" / "man").iterdir())
+DECODE_BACKTRACE = PROJECT / "docs" / "man" / "decode-backtrace.1"
 TAVLO = PROJECT / "docs" / "man" / "tavlo.8"
 TAVLO_JSON = PROJECT / "docs" / "man" / "tavlo.json.5"
+TAVLOCTL = PROJECT / "docs" / "man" / "tavloctl.8"
 
 
 def text(path):
@@ -24,8 +26,8 @@ def run(*command):
                           env={**os.environ, "LC_ALL": "C.UTF-8", "MANWIDTH": "80"})
 
 
-def test_there_are_two():
-    assert PAGES == [TAVLO, TAVLO_JSON]
+def test_there_is_one_for_each_program_and_for_the_configuration():
+    assert PAGES == [DECODE_BACKTRACE, TAVLO, TAVLO_JSON, TAVLOCTL]
 
 
 @pytest.mark.parametrize("page", PAGES, ids=lambda page: page.name)
@@ -57,6 +59,14 @@ def test_the_options_are_those_of_the_program():
     documented = {word for entry in entries for word in re.findall(r"\bFl (\w)(?= |$)", entry)}
     assert documented == letters
     assert set(re.findall(r"Fl Fl ([\w-]+)", "\n".join(entries))) == names
+
+
+def test_the_options_of_decode_backtrace_are_those_of_the_program():
+    source = text(PROJECT / "tools" / "decode-backtrace")
+    options = re.findall(r'add_argument\("--([\w-]+)"', source)
+    synopsis, described = text(DECODE_BACKTRACE).split(".Sh DESCRIPTION\n")
+    assert re.findall(r"^\.Op Fl Fl ([\w-]+)", synopsis, re.M) == options
+    assert re.findall(r"^\.It Fl Fl ([\w-]+)", described, re.M) == options
 
 
 def test_the_synopsis_has_every_option():

@@ -20,6 +20,15 @@ def test_a_request_of_ones_own(session):
     assert json.loads(result.stdout) == json.loads(shown)
 
 
+def test_tavloctl_finds_what_is_shown(session):
+    [(command, shown)] = re.findall(r"^ {4}\$ (build/\S+tavloctl .+)\n((?: {4}.+\n)+)",
+                                    README.read_text(encoding="utf-8"), re.M)
+    result = subprocess.run(command.split(), cwd=session, capture_output=True, text=True, check=False,
+                            timeout=DEFAULT_LIMIT)
+    assert (result.returncode, result.stderr) == (1, "")
+    assert result.stdout.replace(f"{session}/", "") == re.sub(r"^ {4}", "", shown, flags=re.M)
+
+
 def test_the_demonstration_has_its_files_where_the_readme_looks():
     text = DEMONSTRATION.read_text(encoding="utf-8")
     for name in ("tavlo.json", "agent/mirel.crt"):

@@ -5,6 +5,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "ctl/checks.h"
+#include "ctl/command.h"
 #include "fuzz/fuzz.h"
 #include "settings/app_settings.h"
 
@@ -54,5 +56,12 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
        {settings.AgentDstPort(), settings.AgentHttpPort(), settings.AgentHttpsPort()}) {
     fuzz::Require(port != 0, "a port is a port");
   }
+
+  tavlo::AppSettings checked;
+  tavlo::ctl::Findings findings;
+  fuzz::Require(tavlo::ctl::CheckSettings(path, &checked, &findings) == loaded,
+                "tavloctl takes what the daemon takes");
+  fuzz::Require(Values(checked) == Values(settings), "and sees the same in force");
+  fuzz::Require(loaded || findings.ExitCode() == tavlo::ctl::kFindings, "and says why not");
   return 0;
 }

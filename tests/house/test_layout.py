@@ -9,6 +9,7 @@ SOURCES = Path(__file__).resolve().parents[2] / "src"
 
 MAY_INCLUDE = {
     "app": {"app", "settings", "agent", "hooks", "util"},
+    "ctl": {"ctl", "settings", "agent", "hooks", "util"},
     "settings": {"settings", "util"},
     "agent": {"agent", "hooks", "util"},
     "hooks": {"hooks", "util"},
@@ -18,9 +19,10 @@ MAY_INCLUDE = {
 # Beginning of a header's name -> the only files that may include it.
 LIBRARIES = {
     "event2/": {"agent/", "app/start_up.cc"},
-    "openssl/": {"agent/"},
-    "json-c/": {"settings/"},
-    "rapidjson/": {"agent/device_list."},
+    "openssl/": {"agent/", "ctl/check_tls.cc"},
+    "json-c/": {"settings/", "ctl/check_settings.cc", "ctl/findings.cc"},
+    "rapidjson/": {"agent/device_list.", "ctl/log_json.cc"},
+    "zlib.h": {"ctl/log_reader.cc"},
     "linux/": {"util/router_util.cc"},
 }
 

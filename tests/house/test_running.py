@@ -68,8 +68,8 @@ def run_test(tree, *arguments):
 @pytest.mark.parametrize("name, target, selection", [
     ("Come", "unit_sea", "-L unit -R Come "),
     ("All/TidesOf", "unit_sea", "-L unit -R All/TidesOf "),
-    ("test_wind", "tavlo", "-R ^system/test_wind$ "),
-    ("blows", "tavlo", "-R ^system/test_wind$ -k 'test_it_blows'"),
+    ("test_wind", "tavlo tavloctl", "-R ^system/test_wind$ "),
+    ("blows", "tavlo tavloctl", "-R ^system/test_wind$ -k 'test_it_blows'"),
     ("test_roof", "help", "-R ^house/test_roof$ "),
 ])
 def test_what_matches_is_built_and_run(tree, name, target, selection):

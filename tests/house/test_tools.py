@@ -1,6 +1,7 @@
 """How the tools behave that everybody starts with."""
 
 import fcntl
+import json
 import os
 import pty
 import shutil
@@ -68,6 +69,24 @@ def test_a_build_of_no_preset_shows_how_it_is_used(tree, arguments):
 def test_a_build_may_be_of_some_targets_alone(tree):
     start_build(tree, "release", "one", "another").communicate(timeout=LIMIT_SECS)
     assert asked(tree)[-1] == "--build --preset release --target one another -- --quiet"
+
+
+PRESETS = json.loads((PROJECT / "CMakePresets.json").read_text(encoding="utf-8"))
+
+
+@pytest.mark.parametrize("preset", [each["name"] for each in PRESETS["buildPresets"]])
+def test_a_name_that_no_test_has_is_a_failure(tmp_path, preset):
+    shutil.copy(PROJECT / "CMakePresets.json", tmp_path)
+    build = tmp_path / "build" / preset
+    build.mkdir(parents=True)
+    (build / "CTestTestfile.cmake").write_text("add_test(known true)\n", encoding="ascii")
+
+    def status(name):
+        return subprocess.run(["ctest", "--preset", preset, "-R", name], cwd=tmp_path, check=False,
+                              capture_output=True, timeout=LIMIT_SECS).returncode
+
+    assert status("known") == 0
+    assert status("unknown-name") != 0
 
 
 @pytest.mark.parametrize("name", ["aarch64-sysroot", "deb", "format", "install"])

@@ -1,8 +1,10 @@
 """What the tests of all ways to install share."""
 
+import json
 import os
 import stat
 import subprocess
+import sys
 import time
 from pathlib import Path
 
@@ -11,6 +13,9 @@ import pytest
 SOURCE = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ["TAVLO_BUILD_DIR"])
 LIMIT_SECS = 20
+
+# What all kinds of tests share.
+sys.path.insert(0, str(SOURCE / "tests/system"))
 
 
 class Installation:
@@ -27,6 +32,11 @@ class Installation:
                               capture_output=True, text=True, umask=0o077).stdout
 
 
+def setting_names():
+    properties = json.loads((SOURCE / "tavlo.schema.json").read_text())["properties"]
+    return properties.keys() - {"$schema"}
+
+
 def listing(root):
     """Path -> mode, as text, of every file and every empty directory below `root`."""
     return {f"/{path.relative_to(root)}": stat.filemode(path.stat().st_mode)
@@ -34,16 +44,19 @@ def listing(root):
 
 
 def manual_pages():
-    return sorted(path.name for path in SOURCE.glob("docs/man/*.[58]"))
+    return sorted(path.name for path in SOURCE.glob("docs/man/*.[158]"))
 
 
 def documents():
     """Path below share/doc/tavlo -> whether it is a program."""
     pages = ("api", "architecture", "configuration", "faults", "hooks", "install", "messages",
-             "operations", "security")
+             "operations", "security", "tavloctl")
     return {
         **{f"docs/{page}.md": False for page in pages},
         "api/openapi.yaml": False,
+        "api/refusals.yaml": False,
+        "tavlo.cdx.json": False,
+        "tavloctl.cdx.json": False,
         "tavlo.schema.json": False,
         "examples/tavlo.json": False,
         "examples/clients/tavlo.mjs": True,
@@ -52,6 +65,7 @@ def documents():
         "examples/hooks/10-audit": True,
         "examples/hooks/20-office-hours": True,
         "examples/hooks/30-reload-service": True,
+        "examples/hooks/40-notify": True,
     }
 
 

@@ -4,10 +4,13 @@ That life is lived in a scratch root: this machine's own files below an overlay 
 change, in namespaces of its own for mounts, processes and the network.
 """
 
+import json
 import os
 import re
 import shutil
+import socket
 import subprocess
+import threading
 from pathlib import Path
 
 import pytest
@@ -16,6 +19,8 @@ from conftest import BUILD, SOURCE, documents, manual_pages, wait_for
 VERSION = (BUILD / "CMakeCache.txt").read_text().split("CMAKE_PROJECT_VERSION:STATIC=")[1].split()[0]
 CONFIGURATION = "etc/tavlo/tavlo.json"
 LOG = "var/log/tavlo/tavlo.log"
+WANTED = ["etc/systemd/system/multi-user.target.wants/tavlo.service",
+          "etc/systemd/system/paths.target.wants/tavlo.path"]
 MAINTAINER = "Research & Development / Routers"
 
 
@@ -59,6 +64,9 @@ def test_the_package_holds_these_files(package):
               for path, is_program in documents().items()}
     assert contents(package) == pages | shared | {
         "/usr/sbin/tavlo": program,
+        "/usr/sbin/tavloctl": program,
+        "/usr/bin/decode-backtrace": program,
+        "/lib/systemd/system/tavlo.path": file,
         "/lib/systemd/system/tavlo.service": file,
         "/etc/logrotate.d/tavlo": file,
         "/etc/tavlo/": directory,
@@ -67,6 +75,7 @@ def test_the_package_holds_these_files(package):
         "/etc/tavlo/hooks/agent/": directory,
         "/etc/tavlo/tavlo.json": file,
         "/usr/share/bash-completion/completions/tavlo": file,
+        "/usr/share/bash-completion/completions/tavloctl": file,
         "/usr/share/doc/tavlo/changelog.gz": file,
         "/usr/share/doc/tavlo/copyright": file,
     }
@@ -77,15 +86,19 @@ def test_the_package_holds_these_files(package):
     assert maintainer == f"{MAINTAINER} <who@tavlo.example>"
 
 
-def test_the_debug_file_lies_where_debuggers_look_for_it(package, debug_package, tmp_path):
+def build_id(path):
+    return re.search(r"Build ID: ([0-9a-f]+)", run("readelf", "-n", path))[1]
+
+
+def test_the_debug_files_lie_where_debuggers_look_for_them(package, debug_package, tmp_path):
     run("dpkg-deb", "--extract", package, tmp_path)
-    notes = run("readelf", "-n", tmp_path / "usr/sbin/tavlo")
-    build_id = re.search(r"Build ID: ([0-9a-f]+)", notes)[1]
-    place = f"/usr/lib/debug/.build-id/{build_id[:2]}/{build_id[2:]}.debug"
+    ids = [build_id(tmp_path / "usr/sbin" / name) for name in ("tavlo", "tavloctl")]
+    places = {f"/usr/lib/debug/.build-id/{each[:2]}/{each[2:]}.debug": each for each in ids}
     assert set(contents(debug_package)) == {
-        place, "/usr/share/doc/tavlo-dbg/changelog.gz", "/usr/share/doc/tavlo-dbg/copyright"}
+        *places, "/usr/share/doc/tavlo-dbg/changelog.gz", "/usr/share/doc/tavlo-dbg/copyright"}
     run("dpkg-deb", "--extract", debug_package, tmp_path)
-    assert build_id in run("readelf", "-n", tmp_path / place[1:])
+    for place, each in places.items():
+        assert build_id(tmp_path / place[1:]) == each
 
 
 def test_lintian_has_nothing_to_say_against_them(packages):
@@ -102,7 +115,11 @@ mount -t tmpfs tmpfs "$1"
 mkdir "$1/upper" "$1/work" "$1/root"
 mount -t overlay overlay -o "lowerdir=/,upperdir=$1/upper,workdir=$1/work" "$1/root"
 cd "$1/root"
-mount --rbind /dev dev
+mount -t tmpfs tmpfs dev
+for node in null zero full random urandom tty; do
+  touch dev/$node
+  mount --bind /dev/$node dev/$node
+done
 mount -t tmpfs tmpfs run
 mount -t tmpfs tmpfs tmp
 mount -t proc proc proc
@@ -170,6 +187,35 @@ class Machine:
                         *arguments)
 
 
+class SystemLog:
+    """Takes what programs of the machine tell their system log: pairs of priority and text."""
+
+    LINE = re.compile(r"<(\d+)>\w+ [ \d]\d [\d:]+ tavlo\[\d+\]: (.*)", re.S)
+
+    def __init__(self, machine):
+        self.lines = []
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        directory = os.open(machine.root / "dev", os.O_PATH)
+        self.socket.bind(f"/proc/self/fd/{directory}/log")  # no name may be longer than 107 bytes
+        os.close(directory)
+        (machine.root / "dev/log").chmod(0o666)
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        while data := self.socket.recv(65536):
+            if line := self.LINE.fullmatch(data.decode()):
+                self.lines.append((int(line[1]), line[2]))
+
+
+def check_system_log(machine, log):
+    """Each line of the log, with its priority: 8 for a user's program, 3 for an error, 6 for news."""
+    lines = (machine.root / LOG).read_text().splitlines()
+    assert any(" ERROR: " in line for line in lines) and any(" INFO: " in line for line in lines)
+    expected = [(8 + (3 if " ERROR: " in line else 6), line) for line in lines]
+    wait_for(lambda: len(log.lines) >= len(expected), "all lines in the system log")
+    assert log.lines == expected
+
+
 def stop(machine, daemon):
     machine.run("pkill", "-TERM", "-x", "tavlo")
     assert daemon.wait(20) == 0
@@ -214,9 +260,9 @@ def check_installed(machine):
     for name in ("var/lib/tavlo", "var/lib/tavlo/tmp", "var/log/tavlo"):
         assert machine.run("stat", "-c", "%U:%G %a", f"/{name}").strip() == "tavlo:tavlo 750"
     assert machine.run("id", "-nG", "tavlo").strip() == "tavlo"
-    wanted = machine.root / "etc/systemd/system/multi-user.target.wants/tavlo.service"
-    assert os.readlink(wanted) == "/lib/systemd/system/tavlo.service"
-    machine.run("systemd-analyze", "verify", "--man=no", "/lib/systemd/system/tavlo.service")
+    for name in WANTED:
+        assert os.readlink(machine.root / name) == f"/lib/systemd/system/{Path(name).name}"
+        machine.run("systemd-analyze", "verify", "--man=no", f"/lib/systemd/system/{Path(name).name}")
 
 
 def check_at_work(machine):
@@ -235,6 +281,16 @@ def check_at_work(machine):
     assert re.search(r"^CapEff:\s+0+$", status, re.M)
 
 
+def check_findings(machine):
+    """What the package cannot bring along, and nothing else."""
+    found = json.loads(machine.run(
+        "sh", "-c", f"tavloctl check --json -c /{CONFIGURATION} -f /{LOG} || [ $? -eq 1 ]"))
+    assert [each["where"] for each in found["findings"]] == [
+        "/etc/tavlo/agent/mirel.crt", "/etc/tavlo/agent/mirel.key", "/var/lib/tavlo/router_info",
+        "/var/lib/tavlo/devicelist.json", "br0"]
+    assert found["unseen"] == []
+
+
 def check_rotation(machine):
     before = (machine.root / LOG).read_text()
     machine.run("logrotate", "--force", "--state", "/run/logrotate", "/etc/logrotate.d/tavlo")
@@ -251,8 +307,8 @@ def asked(machine):
 
 
 def actions(machine):
-    return [action for action in re.findall(r"\b(\w+) tavlo\.service$", "\n".join(asked(machine)), re.M)
-            if action in ("start", "restart", "stop")]
+    return re.findall(r"\b(start|restart|stop) (?:tavlo\.path )?tavlo\.service$", "\n".join(asked(machine)),
+                      re.M)
 
 
 def check_left_after_purge(machine):
@@ -261,7 +317,8 @@ def check_left_after_purge(machine):
                if not path.is_char_device()}  # one of these stands for a file that was taken away
     own = Path("etc/tavlo/hooks/agent/10-ends-changes")
     assert {path for path in changed if "tavlo" in str(path)} == {own, *own.parents[:-2]}
-    assert not (machine.root / "etc/systemd/system/multi-user.target.wants/tavlo.service").exists()
+    for name in WANTED:
+        assert not os.path.lexists(machine.root / name)
     # Triggers of other packages, such as that of the manual pages, were left out on purpose.
     assert "tavlo" not in machine.run("dpkg", "--audit")
 
@@ -271,8 +328,11 @@ def test_a_life_from_installation_to_purge(machine, package, tmp_path):
     machine.install(package)
     check_installed(machine)
     assert actions(machine) == ["start"]
+    log = SystemLog(machine)
     daemon = machine.start()
+    check_findings(machine)
     check_at_work(machine)
+    check_system_log(machine, log)
     check_rotation(machine)
     assert (machine.root / LOG).stat().st_mode & 0o777 == 0o640
 
@@ -303,6 +363,17 @@ def test_the_debug_package_wants_the_very_same_version(machine, package, debug_p
         machine.install(debug_package)
     machine.install(package)
     machine.install(debug_package)
+
+
+def test_a_crash_is_decoded_as_documented(machine, package, debug_package):
+    machine.install(package)
+    machine.install(debug_package)
+    daemon = machine.start()
+    machine.run("pkill", "-SEGV", "-x", "tavlo")
+    daemon.wait(20)
+    text = (SOURCE / "docs/install.md").read_text()
+    [command] = re.findall(r"^    (decode-backtrace .*)$", text, re.M)
+    assert re.search(r"^    Run\(\) at \S*src/app/run_loop\.cc:\d+$", machine.run("sh", "-c", command), re.M)
 
 
 def test_it_starts_without_systemd_as_documented(machine, package):

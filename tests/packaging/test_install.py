@@ -8,7 +8,7 @@ import shutil
 import subprocess
 
 import pytest
-from conftest import BUILD, SOURCE, documents, listing, manual_pages
+from conftest import BUILD, SOURCE, documents, listing, manual_pages, setting_names
 
 PROGRAM = "-rwxr-xr-x"
 FILE = "-rw-r--r--"
@@ -21,8 +21,12 @@ def expected(prefix, sysconfdir):
               for path, is_program in documents().items()}
     return pages | shared | {
         f"{prefix}/sbin/tavlo": PROGRAM,
+        f"{prefix}/sbin/tavloctl": PROGRAM,
+        f"{prefix}/bin/decode-backtrace": PROGRAM,
+        f"{prefix}/lib/systemd/system/tavlo.path": FILE,
         f"{prefix}/lib/systemd/system/tavlo.service": FILE,
         f"{prefix}/share/bash-completion/completions/tavlo": FILE,
+        f"{prefix}/share/bash-completion/completions/tavloctl": FILE,
         f"{sysconfdir}/logrotate.d/tavlo": FILE,
         f"{sysconfdir}/tavlo/tavlo.json": FILE,
         f"{sysconfdir}/tavlo/agent": DIRECTORY,
@@ -40,7 +44,7 @@ def test_every_file_goes_where_it_belongs(installation, variables, prefix, sysco
     installation.run(**variables)
     assert listing(installation.root) == expected(prefix, sysconfdir)
     unit = (installation.root / f"{prefix[1:]}/lib/systemd/system/tavlo.service").read_text()
-    assert f"ExecStart={prefix}/sbin/tavlo -c {sysconfdir}/tavlo/tavlo.json " in unit
+    assert f"ExecStart={prefix}/sbin/tavlo -s -c {sysconfdir}/tavlo/tavlo.json " in unit
 
 
 def test_a_prefix_alone_holds_everything(installation, tmp_path):
@@ -59,9 +63,10 @@ def test_the_pages_refer_to_what_is_installed_with_them(installation):
     assert [str(link) for link in links if not link.exists()] == []
 
 
-def test_the_program_is_the_one_that_the_debug_file_fits(installation):
+@pytest.mark.parametrize("name", ["tavlo", "tavloctl"])
+def test_the_program_is_the_one_that_the_debug_file_fits(installation, name):
     installation.run(PREFIX="/usr")
-    assert filecmp.cmp(installation.root / "usr/sbin/tavlo", BUILD / "tavlo", shallow=False)
+    assert filecmp.cmp(installation.root / "usr/sbin" / name, BUILD / name, shallow=False)
 
 
 def test_who_calls_cmake_without_a_preset_builds_what_ships(tmp_path):
@@ -78,7 +83,7 @@ def test_the_daemon_reads_the_configuration_as_it_is_written(installation):
     installation.run(PREFIX="/opt")
     path = installation.root / "opt/etc/tavlo/tavlo.json"
     settings = json.loads(path.read_text())
-    assert len(settings) == 14
+    assert settings.keys() == setting_names()
     assert settings["internalHooksDirectory"] == "/opt/etc/tavlo/hooks"
     for key, value in settings.items():
         printed = subprocess.run([BUILD / "tavlo", "-c", path, "-p", key], check=True,

@@ -3,12 +3,13 @@ stand-ins of procd's functions and of the configuration's."""
 
 import getpass
 import json
+import shutil
 import signal
 import socket
 import subprocess
 
 import pytest
-from conftest import BUILD, SOURCE, listing, wait_for
+from conftest import BUILD, SOURCE, listing, setting_names, wait_for
 
 PACKAGE = SOURCE / "packaging/openwrt"
 # What rc.common gives an init script. Each call of procd's functions is a line of the record.
@@ -20,9 +21,13 @@ for name in open_instance close_instance set_param append_param send_signal open
     close_trigger add_config_trigger; do
   eval "procd_$name() { echo \"$name \$*\" >>\"\$RECORD\"; }"
 done
-logger() { echo "logger $*" >>"$RECORD"; }
+logger() {
+  echo "logger $*" >>"$RECORD"
+  [ "$1" = -s ] || sed "s/^/logged /" >>"$RECORD"
+}
 . "$INIT_SCRIPT"
 PROG=$PROGRAM
+CONTROL=$CONTROL_PROGRAM
 "$@"
 """
 
@@ -38,6 +43,7 @@ class Router:
         self.directory = directory
         self.shell = shell
         self.record = directory / "record"
+        self.control = directory / "tavloctl"
         self.configuration = directory / "tavlo.json"
         self.settings = json.loads((PACKAGE / "files/tavlo.json").read_text()) | {
             "agentUser": getpass.getuser(),
@@ -51,6 +57,7 @@ class Router:
         self.record.write_text("")
         environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "RECORD": self.record,
                        "INIT_SCRIPT": PACKAGE / "files/tavlo.init", "PROGRAM": BUILD / "tavlo",
+                       "CONTROL_PROGRAM": self.control,
                        "UCI_config": self.configuration}
         environment |= {f"UCI_{name}": value for name, value in uci.items()}
         result = subprocess.run([*self.shell, "-c", RC_COMMON, "rc.common", function], check=False,
@@ -72,6 +79,24 @@ def test_procd_starts_it_again_for_ever(router):
         f"set_param command {BUILD}/tavlo -s -c {router.configuration}",
         "set_param respawn 3600 5 0",
         "close_instance "]
+
+
+def test_what_would_not_work_is_logged_and_keeps_nothing_from_being_started(router):
+    router.control.write_text("#!/bin/sh\necho \"$*\"; echo wrong >&2; exit 1\n")
+    router.control.chmod(0o755)
+    status, asked = router.call("start_service")
+    assert (status, asked[:3]) == (0, [
+        "logger -t tavlo -p daemon.notice", f"logged check -c {router.configuration}",
+        "logged wrong"])
+    assert "close_instance " in asked
+
+
+def test_it_is_tavloctl_that_is_asked(router):
+    router.control.symlink_to(BUILD / "tavloctl")
+    router.settings["agentHttpPort"] = "60278"  # a number in quotes
+    status, asked = router.call("start_service")
+    assert status == 0 and "close_instance " in asked
+    assert any("agentHttpPort" in line for line in asked if line.startswith("logged "))
 
 
 def test_the_section_can_ask_for_debug_lines(router):
@@ -124,20 +149,24 @@ RULES = """
 INCLUDE_DIR:=$(TOPDIR)/include
 PKG_BUILD_DIR:=$(TOPDIR)/build_dir
 TARGET_CROSS:=router-
+STRIP:=echo
+RSTRIP:=echo
 INSTALL_DIR:=install -d -m0755
 INSTALL_BIN:=install -m0755
 INSTALL_DATA:=install -m0644
 INSTALL_CONF:=install -m0600
 """
 PACKAGE_RULES = """
-define BuildPackage
 prepare:
-	$$(call Build/Prepare)
-install:
-	$$(call Package/$(1)/install,$(TOPDIR)/root)
+	$(call Build/Prepare)
 show:
-	@echo $$(PKG_NAME) $$(PKG_VERSION) $$(CMAKE_OPTIONS)
-conffiles:
+	@echo $(PKG_NAME) $(PKG_VERSION) $(CMAKE_OPTIONS)
+strip:
+	@$(RSTRIP) strips && $(STRIP) strips
+define BuildPackage
+install-$(1):
+	$$(call Package/$(1)/install,$(TOPDIR)/root)
+conffiles-$(1):
 	$$(info $$(Package/$(1)/conffiles)) @:
 endef
 """
@@ -164,19 +193,42 @@ def test_its_version_is_the_builds(make):
         "-DCMAKE_STRIP=router-strip"]
 
 
+@pytest.fixture(name="built")
+def what_a_build_leaves(tmp_path):
+    (tmp_path / "build_dir/tools").mkdir(parents=True)
+    for name in ("tavlo", "tavlo.cdx.json", "tavloctl", "tavloctl.cdx.json"):
+        (tmp_path / "build_dir" / name).write_text(name)
+    shutil.copy(SOURCE / "tools/decode-backtrace", tmp_path / "build_dir/tools")
+
+
+@pytest.mark.usefixtures("built")
 def test_the_package_holds_these_files(make, tmp_path):
-    (tmp_path / "build_dir").mkdir()
-    (tmp_path / "build_dir/tavlo").touch()
-    make("install")
+    make("install-tavlo")
     assert listing(tmp_path / "root") == {
         "/usr/sbin/tavlo": "-rwxr-xr-x",
+        "/usr/share/doc/tavlo/tavlo.cdx.json": "-rw-r--r--",
         "/etc/init.d/tavlo": "-rwxr-xr-x",
         "/etc/config/tavlo": "-rw-------",
         "/etc/tavlo/tavlo.json": "-rw-r--r--",
         "/etc/tavlo/agent": "drwxr-xr-x",
         "/etc/tavlo/hooks/agent": "drwxr-xr-x",
     }
-    assert make("conffiles").split() == ["/etc/config/tavlo", "/etc/tavlo/"]
+    assert make("conffiles-tavlo").split() == ["/etc/config/tavlo", "/etc/tavlo/"]
+
+
+@pytest.mark.usefixtures("built")
+def test_the_package_of_the_tools_holds_these_files(make, tmp_path):
+    make("install-tavlo-utils")
+    assert listing(tmp_path / "root") == {
+        "/usr/sbin/tavloctl": "-rwxr-xr-x",
+        "/usr/bin/decode-backtrace": "-rwxr-xr-x",
+        "/usr/share/doc/tavlo/tavloctl.cdx.json": "-rw-r--r--",
+    }
+    assert make("conffiles-tavlo-utils").split() == []
+
+
+def test_nothing_strips_what_the_bills_of_materials_have_the_hash_of(make):
+    assert make("strip") == ""
 
 
 def test_it_is_built_from_this_tree_without_what_was_built_before(make, tmp_path):
@@ -189,7 +241,7 @@ def test_it_is_built_from_this_tree_without_what_was_built_before(make, tmp_path
 def test_the_daemon_reads_its_configuration_as_it_is_written():
     path = PACKAGE / "files/tavlo.json"
     settings = json.loads(path.read_text())
-    assert len(settings) == 14
+    assert settings.keys() == setting_names()
     for key, value in settings.items():
         printed = subprocess.run([BUILD / "tavlo", "-c", path, "-p", key], check=True,
                                  capture_output=True, text=True).stdout

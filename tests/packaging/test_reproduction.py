@@ -26,7 +26,8 @@ def test_a_build_in_another_place_has_the_same_bytes(tmp_path):
     subprocess.run(["cmake", "-S", source, "-B", build, "-G", "Ninja", "-DBUILD_TESTING=OFF",
                     f"-DCMAKE_CXX_COMPILER={compiler()}"], check=True, capture_output=True)
     subprocess.run(["cmake", "--build", build], check=True, capture_output=True)
-    for name in ("tavlo", "tavlo.debug"):
+    for name in ("tavlo", "tavlo.debug", "tavlo.cdx.json", "tavloctl", "tavloctl.debug",
+                 "tavloctl.cdx.json"):
         assert filecmp.cmp(build / name, BUILD / name, shallow=False), name
 
 

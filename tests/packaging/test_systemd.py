@@ -6,12 +6,23 @@ import subprocess
 import pytest
 from conftest import SOURCE
 
+UNITS = "lib/systemd/system"
+
+
+@pytest.fixture(name="prefix")
+def prefix_of_an_installation(installation, tmp_path):
+    """Where everything that a unit names is really there."""
+    installation.run(PREFIX=str(tmp_path / "prefix"), DESTDIR="")
+    return tmp_path / "prefix"
+
 
 @pytest.fixture(name="unit")
-def installed_unit(installation, tmp_path):
-    """The unit, installed with a program that is really there."""
-    installation.run(PREFIX=str(tmp_path / "prefix"), DESTDIR="")
-    return tmp_path / "prefix/lib/systemd/system/tavlo.service"
+def installed_unit(prefix):
+    return prefix / UNITS / "tavlo.service"
+
+
+def values(unit, setting):
+    return re.findall(rf"^{setting}=(.*)$", unit.read_text(), re.M)
 
 
 def analyze(*arguments):
@@ -19,10 +30,49 @@ def analyze(*arguments):
                           text=True, env={"PATH": "/usr/bin:/bin", "LC_ALL": "C"})
 
 
-def test_systemd_has_nothing_to_say_against_it(unit):
+@pytest.mark.parametrize("name", ["tavlo.service", "tavlo.path"])
+def test_systemd_has_nothing_to_say_against_it(prefix, name):
     # The manual pages are not where `man` looks for them.
-    result = analyze("verify", "--man=no", unit)
+    result = analyze("verify", "--man=no", prefix / UNITS / name)
     assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
+
+
+def test_it_is_not_started_before_certificate_and_key_are_there(prefix, unit):
+    agent = prefix / "etc/tavlo/agent"
+    conditions = [f"ConditionFileNotEmpty={path}" for path in values(unit, "ConditionFileNotEmpty")]
+    assert conditions == [f"ConditionFileNotEmpty={agent / name}" for name in ("mirel.crt", "mirel.key")]
+
+    def may_start():
+        return analyze("condition", *conditions).returncode == 0
+
+    assert not may_start()
+    (agent / "mirel.crt").write_text("certificate")
+    assert not may_start()
+    (agent / "mirel.key").touch()
+    assert not may_start()
+    (agent / "mirel.key").write_text("key")
+    assert may_start()
+
+
+def test_the_path_unit_starts_it_when_they_come(prefix):
+    path_unit = prefix / UNITS / "tavlo.path"
+    # What is there already would be looked at again and again while the other file is missing.
+    assert values(path_unit, r"Path\w+") == [str(prefix / "etc/tavlo/agent")]
+    assert values(path_unit, "PathChanged") == [str(prefix / "etc/tavlo/agent")]
+    assert values(path_unit, "Unit") == []  # the service of the same name
+    assert values(path_unit, "WantedBy") == ["paths.target"]
+
+
+def test_the_configuration_is_looked_at_before_each_start_and_does_not_prevent_it(prefix, unit):
+    assert values(unit, "ExecStartPre") == [
+        f"-{prefix}/sbin/tavloctl check -c {prefix}/etc/tavlo/tavlo.json -f /var/log/tavlo/tavlo.log"]
+    assert values(unit, "SyslogLevel") == ["notice"]
+
+
+def test_each_line_is_in_the_journal_once(unit):
+    """With the priority that the daemon tells: test_debian.py looks at what it sends."""
+    assert "-s" in values(unit, "ExecStart")[0].split()
+    assert values(unit, "StandardError") == ["null"]
 
 
 def test_it_is_started_again_whatever_its_exit_status_was(unit):
@@ -40,7 +90,7 @@ def test_the_documented_drop_in_starts_the_same_with_all_lines(installation):
     unit = (installation.root / "usr/lib/systemd/system/tavlo.service").read_text()
     [started] = re.findall(r"^ExecStart=(.+)$", unit, re.M)
     page = (SOURCE / "docs/install.md").read_text()
-    assert re.findall(r"^ExecStart=(.*)$", page, re.M) == ["", started.replace(" -c ", " -d -c ")]
+    assert re.findall(r"^ExecStart=(.*)$", page, re.M) == ["", started.replace(" -s ", " -d -s ")]
 
 
 def test_the_documented_exposure_is_the_real_one(unit):

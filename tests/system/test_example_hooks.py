@@ -7,7 +7,7 @@ from pathlib import Path
 import pytest
 
 from support.clients import ask
-from support.waiting import wait_until
+from support.waiting import open_fifo_for_its_reader, wait_until
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples" / "hooks"
 
@@ -82,3 +82,80 @@ def test_reload_service_reloads_for_its_own_endpoint_only(root, start, sdk_host)
     assert change(root, "/api/1/router-attribution-id").status == 200
     assert ask(root.http_port, "GET", "/api/version").status == 200
     assert not lock.exists()
+
+
+class Notifier:
+    """A program that waits for a word before it notes what it was told, and a `logger` that notes what
+    it was given."""
+
+    def __init__(self, directory):
+        self.directory = directory
+        self.gate = directory / "gate"
+        os.mkfifo(self.gate)
+        self.told = directory / "told"
+        self.logged = directory / "logged"
+        self.program = self._write("notify", f'cat {self.gate}; echo "$*: $(cat)" >>{self.told}')
+        self._write("logger", f'echo "$*" >>{self.logged}')
+        self.variables = {"LOCK_FILE": str(directory / "slot"), "NOTIFY": str(self.program),
+                          "PATH": f"{directory}:{os.environ['PATH']}", "TMPDIR": str(directory / "tmp")}
+
+    def _write(self, name, text):
+        path = self.directory / name
+        path.write_text(f"#!/bin/sh\n{text}\n")
+        path.chmod(0o755)
+        return path
+
+    def let_go(self):
+        open_fifo_for_its_reader(self.gate).close()
+
+    def wait(self, path, text):
+        wait_until(lambda: path.exists() and path.read_text() == text, repr(text))
+
+
+@pytest.fixture
+def notifier(root):
+    return Notifier(root.directory)
+
+
+def test_notify_tells_the_body_that_is_gone_when_it_is_read(root, start, sdk_host, notifier):
+    start("40-notify", **notifier.variables)
+    root.write_hook(root.internal_hooks, "90-empties-the-body", '#!/bin/sh\n: >"$6"\nexit 0\n')
+    before = set((root.directory / "tmp").iterdir())
+    assert change(root).status == 200
+    assert len(sdk_host.requests) == 1
+    assert not root.agent_data.exists()
+    notifier.let_go()
+    notifier.wait(notifier.told, 'PATCH /api/1/router-ref: {"ref":1}\n')
+    assert set((root.directory / "tmp").iterdir()) == before
+    assert not notifier.logged.exists()
+
+
+def test_notify_tells_of_a_change_without_a_body_and_not_of_reading(root, start, sdk_host, notifier):
+    start("40-notify", **notifier.variables)
+    assert ask(root.http_port, "GET", "/api/version").status == 200
+    assert ask(root.http_port, "PATCH", "/api/1/router-ref").status == 200
+    notifier.let_go()
+    notifier.wait(notifier.told, "PATCH /api/1/router-ref: \n")
+
+
+def test_notify_leaves_out_what_comes_while_all_slots_are_busy(root, start, sdk_host, notifier):
+    start("40-notify", SLOTS="1", **notifier.variables)
+    assert change(root).status == 200
+    with open_fifo_for_its_reader(notifier.gate):
+        assert change(root, "/api/2/router-ref").status == 200
+        notifier.wait(notifier.logged, "-t tavlo-hook no slot for a notice of PATCH\n")
+    notifier.wait(notifier.told, 'PATCH /api/1/router-ref: {"ref":1}\n')
+
+
+@pytest.mark.parametrize("missing", ["LOCK_FILE", "TMPDIR"])
+def test_notify_lets_requests_pass_when_it_cannot_make_its_files(root, start, sdk_host, notifier,
+                                                                 missing):
+    nowhere = str(root.directory / "missing" / "file")
+    daemon = start("40-notify", **{**notifier.variables, missing: nowhere})
+    assert change(root).status == 200
+    assert len(sdk_host.requests) == 1
+    if missing == "LOCK_FILE":
+        notifier.wait(notifier.logged, "-t tavlo-hook no slot for a notice of PATCH\n")
+    else:
+        assert any(text.startswith("stderr from pid ") for _, text in daemon.messages())
+    assert not notifier.told.exists()

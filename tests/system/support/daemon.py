@@ -27,6 +27,9 @@ MAIN_THREAD_FUNCTIONS = ("void Run", "void UpdatePairingKey", "void UpdateLanAdd
                          "void tavlo::AgentHost::BindSrcAddr",
                          "void tavlo::AgentHost::SetPairingKey")
 
+# What a listener logs of every connection and answer, whatever they are.
+CONNECTION_FUNCTIONS = ("void tavlo::ClientTable::TakeIn", "void tavlo::ClientTable::OnAnswer")
+
 SANITIZER_REPORT = re.compile(
     rb"^.*(?:ERROR: \w+Sanitizer|WARNING: ThreadSanitizer|runtime error:|SUMMARY: \w+Sanitizer).*$",
     re.MULTILINE)
@@ -153,13 +156,13 @@ class Daemon:
         return len(re.findall(pattern, self.log_text(since), re.MULTILINE))
 
     def messages(self, since=0):
-        """What the listeners have logged, as pairs of level and text. Every line must have the
-        proper form."""
+        """What the listeners have logged of requests, as pairs of level and text. Every line must
+        have the proper form."""
         found = []
         for line in self.log_text(since).split("\n")[:-1]:
             parts = LOG_LINE.match(line)
             assert parts, f"not a line of the log: {line!r}"
-            if parts[4] not in MAIN_THREAD_FUNCTIONS:
+            if parts[4] not in (*MAIN_THREAD_FUNCTIONS, *CONNECTION_FUNCTIONS):
                 found.append((parts[3], parts[5]))
         return found
 

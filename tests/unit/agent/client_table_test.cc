@@ -128,7 +128,7 @@ class ClientTableTest : public testing::Test {
     const std::string text(size, 'x');
     evbuffer_add(body.get(), text.data(), text.size());
     evhttp_send_reply(request, HTTP_OK, "OK", body.get());
-    table_->OnAnswer(connection);
+    table_->OnAnswer(connection, HTTP_OK);
     Settle();
   }
 

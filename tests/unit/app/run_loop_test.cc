@@ -19,6 +19,7 @@
 
 #include "app/daemon_fixture.h"
 #include "app/thread_monitor.h"
+#include "hooks/running_programs.h"
 
 namespace {
 
@@ -103,6 +104,22 @@ TEST_F(RunLoop, ASilentThreadEndsItWithTheMeasuredSilence) {
       "ERROR: void Run: Exit as missing thread hearbeat with id=tavlo::fake interval=";
   EXPECT_THAT(lines.back(), AllOf(StartsWith(start), EndsWith("s")));
   EXPECT_THAT(std::stol(lines.back().substr(start.size())), AllOf(Ge(75), Le(most)));
+}
+
+TEST_F(RunLoop, ASilentThreadNamesTheScriptsThatRun) {
+  RunDaemon([] {
+    static const Orx::RunningPrograms::Entry one({"/hooks/agent/10-one", 4711});
+    static const Orx::RunningPrograms::Entry other({"/hooks/agent/20-other", 4712});
+    const auto longAgo = std::chrono::steady_clock::now() - std::chrono::seconds(61);
+    Orx::TheThreadMonitor().Register(1, {"tavlo::fake", std::chrono::seconds(60), longAgo});
+  });
+  std::vector<std::string> lines = log_.Messages();
+  lines.erase(lines.begin(), lines.end() - 3);
+  EXPECT_THAT(lines, ElementsAre(HasSubstr("id=tavlo::fake "),
+                                 "ERROR: void Run: Script left running: PID 4712: "
+                                 "/hooks/agent/20-other",
+                                 "ERROR: void Run: Script left running: PID 4711: "
+                                 "/hooks/agent/10-one"));
 }
 
 TEST_F(RunLoop, ASilentThreadEndsItBeforeAHangUpIsDealtWith) {
@@ -202,10 +219,22 @@ TEST_F(RunLoop, AKeyFileBehindALinkIsReadAgainWhenItChanges) {
   EXPECT_EQ(Count("DEBUG: void Run: Update pairing key"), 2U);
 }
 
-TEST_F(RunLoop, AMissingRouterInformationFileIsNotReadUntilSighup) {
+TEST_F(RunLoop, AMissingRouterInformationFileIsAnErrorOnceAndNotReadUntilSighup) {
   ::unlink((directory_ / "router_info").c_str());
-  RunDaemon([this] { SignalAfter("DEBUG: void Run: Update LAN address", SIGTERM); });
+  RunDaemon([this] {
+    static const Fault wait("sigtimedwait", EAGAIN, 0, 3);
+    SignalAfter("DEBUG: void Run: Update LAN address", SIGTERM);
+  });
+  EXPECT_EQ(Count("DEBUG: void Run: Got signal 0, from pid 0"), 4U);
   EXPECT_EQ(Count("DEBUG: void Run: Update pairing key"), 0U);
+  EXPECT_EQ(Count("ERROR: void Run: Failed to find the router information file " +
+                  (directory_ / "router_info") + ": 2 No such file or directory"),
+            1U);
+}
+
+TEST_F(RunLoop, ARouterInformationFileThatIsThereIsNoError) {
+  RunDaemon([this] { SignalAfter("DEBUG: void Run: Update LAN address", SIGTERM); });
+  EXPECT_THAT(log_.Lines(), Not(Contains(HasSubstr("Failed to find"))));
 }
 
 TEST_F(RunLoop, AKeyFileWhoseTimeWentBackIsReadAgain) {

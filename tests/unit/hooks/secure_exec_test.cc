@@ -34,10 +34,12 @@ using test::Before;
 using test::Fault;
 using testing::Contains;
 using testing::ContainsRegex;
+using testing::Each;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 using testing::Not;
 
 constexpr unsigned int kPlenty = 60;  // seconds
@@ -138,11 +140,56 @@ TEST_F(SecureExecTest, WhatCannotBeExecutedHasExitedWithOne) {
   std::filesystem::create_symlink(directory_ / "nowhere", directory_ / "link");
   directory_.Write("not-executable", "#!/bin/sh\nexit 0\n");
   directory_.WriteScript("no-interpreter", "#!/nowhere/sh\n");
-  for (const char* name : {"missing", "directory", "link", "not-executable", "no-interpreter"}) {
+  const std::map<std::string, std::string> reasons = {
+      {"missing", "2 No such file or directory"},        {"directory", "13 Permission denied"},
+      {"link", "2 No such file or directory"},           {"not-executable", "13 Permission denied"},
+      {"no-interpreter", "2 No such file or directory"},
+  };
+  for (const auto& [name, reason] : reasons) {
     const std::string path = directory_ / name;
+    const size_t before = Errors().size();
     EXPECT_EQ(Orx::SecureExec(path.c_str(), {}, "", nullptr, 0, kPlenty), 1) << name;
+    ASSERT_EQ(Errors().size(), before + 1) << name;
+    EXPECT_EQ(Errors().back(), "int Orx::SecureExec: Failed to execute " + path + ": " + reason);
   }
-  EXPECT_THAT(Errors(), IsEmpty());
+}
+
+TEST_F(SecureExecTest, AnAnswerOfOneIsNoFailureToExecuteAlsoNotAfterOne) {
+  EXPECT_EQ(Orx::SecureExec(directory_.Path().c_str(), {}, "", nullptr, 0, kPlenty), 1);
+  EXPECT_EQ(Errors().size(), 1U);
+  EXPECT_EQ(RunScript("exit 1"), 1);
+  EXPECT_EQ(Errors().size(), 1U);
+}
+
+TEST_F(SecureExecTest, EachThreadHasItsOwnReasons) {
+  std::thread([this] {
+    Orx::SecureExec(directory_.Path().c_str(), {}, "", nullptr, 0, kPlenty);
+  }).join();
+  EXPECT_EQ(RunScript("exit 1"), 1);
+  EXPECT_EQ(Errors().size(), 1U);
+}
+
+TEST_F(SecureExecTest, ThatOneHasEndedIsADebugLineWithItsNumberStatusTimeAndPath) {
+  const std::string path = directory_.WriteScript("10", "#!/bin/sh\necho $$; exit 7\n");
+  EXPECT_EQ(Orx::SecureExec(path.c_str(), {}, "", &output_, 1000, kPlenty), 7);
+  output_.pop_back();  // the line feed behind the number
+  EXPECT_THAT(log_.Lines().back(), MatchesRegex("DEBUG: int Orx::SecureExec: PID " + output_ +
+                                                " ended with status 7 after [0-9]+ ms: " + path));
+}
+
+TEST_F(SecureExecTest, TheTimeIsTheProgramsOwn) {
+  EXPECT_EQ(RunScript("sleep 0.3"), 0);
+  const std::string line = log_.Lines().back();
+  const long time = std::stol(line.substr(line.find(" after ") + 7));
+  EXPECT_GE(time, 300);
+  EXPECT_LT(time, 20000);
+}
+
+TEST_F(SecureExecTest, TheLineOfItsEndComesBehindWhatWentWrong) {
+  EXPECT_EQ(RunScript("kill -KILL $$"), -1);
+  EXPECT_THAT(log_.Lines().back(), HasSubstr(" ended with status -1 after "));
+  EXPECT_EQ(Orx::SecureExec(directory_.Path().c_str(), {}, "", nullptr, 0, kPlenty), 1);
+  EXPECT_THAT(log_.Lines().back(), EndsWith(" ms: " + directory_.Path()));
 }
 
 TEST_F(SecureExecTest, ATextWithoutAnInterpreterIsRunByTheShell) {
@@ -497,7 +544,9 @@ TEST_F(SecureExecTest, AChildWhoseStandardDescriptorsCannotBeMadeHasExitedWithOn
     EXPECT_EQ(RunScript("echo text; exit 3"), 1) << made;
     EXPECT_EQ(output_, "") << made;
   }
-  EXPECT_THAT(Errors(), IsEmpty());
+  EXPECT_THAT(Errors(), Each("int Orx::SecureExec: Failed to execute /bin/sh: 16 Device or "
+                             "resource busy"));
+  EXPECT_EQ(Errors().size(), 3U);
 }
 
 TEST_F(SecureExecTest, AnInterruptedCopyIsRepeated) {

@@ -1,9 +1,13 @@
 #include "settings/app_settings.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <functional>
+#include <iterator>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -32,35 +36,72 @@ std::string Debug(const std::string& text) {
   return "DEBUG: virtual bool tavlo::AppSettings::LoadConfigFile: " + text;
 }
 
-struct KeyAndValue {
-  std::string_view key;
-  std::string_view value;
+// The position of a virtual function in the object's table, after the two destructors.
+template <typename Function>
+ptrdiff_t Slot(Function function) {
+  ptrdiff_t words[2] = {};
+  static_assert(sizeof function == sizeof words);
+  std::memcpy(words, &function, sizeof words);
+  return words[0] / static_cast<ptrdiff_t>(sizeof(void*));
+}
 
-  bool IsPort() const { return key.find("Port") != std::string_view::npos; }
+std::string Text(uint16_t port) {
+  return std::to_string(port);
+}
+std::string Text(const std::string& text) {
+  return text;
+}
+
+struct Setting {
+  template <typename Value>
+  Setting(const char* name, const char* initial, ptrdiff_t place,
+          Value (AppSettings::*getter)() const)
+      : key(name),
+        byDefault(initial),
+        isPort(std::is_same_v<Value, uint16_t>),
+        slot(place),
+        slotOfGetter(Slot(getter)),
+        get([getter](const AppSettings& settings) { return Text((settings.*getter)()); }) {}
+
+  // A value that is not the default, and how it is written.
+  std::string Other() const { return isPort ? std::to_string(slot) : "/" + key; }
+  std::string OtherAsJson() const { return isPort ? Other() : '"' + Other() + '"'; }
+
+  std::string key;
+  std::string byDefault;
+  bool isPort;
+  ptrdiff_t slot;
+  ptrdiff_t slotOfGetter;
+  std::function<std::string(const AppSettings&)> get;
 };
 
-constexpr KeyAndValue kDefaults[] = {
-    {"agentDstPort", "60277"},
-    {"agentHttpPort", "60278"},
-    {"agentHttpsPort", "60279"},
-    {"lanInterface", "br0"},
-    {"agentDstAddr", "127.0.0.1"},
-    {"agentPrefix", ""},
-    {"agentUser", ""},
-    {"routerInfoPath", "/tmp/qvd/data/router_info"},
-    {"agentDataPath", ""},
-    {"agentDirectory", "/tmp/qvd/data/agent"},
-    {"internalHooksDirectory", "/tmp/qvd/hooks"},
-    {"externalHooksDirectory", ""},
-    {"deviceDiscoveryPath", "/tmp/qvd/tmp/devicelist.json"},
-    {"rootPrefix", "/tmp/qvd"},
+// Key, default, place among the virtual functions and getter, in the order of the log.
+const Setting kSettings[] = {
+    {"agentDstPort", "60277", 4, &AppSettings::AgentDstPort},
+    {"agentHttpPort", "60278", 5, &AppSettings::AgentHttpPort},
+    {"agentHttpsPort", "60279", 6, &AppSettings::AgentHttpsPort},
+    {"lanInterface", "br0", 7, &AppSettings::LanInterface},
+    {"agentDstAddr", "127.0.0.1", 8, &AppSettings::AgentDstAddr},
+    {"agentPrefix", "", 9, &AppSettings::AgentPrefix},
+    {"agentUser", "", 10, &AppSettings::AgentUser},
+    {"routerInfoPath", "/tmp/qvd/data/router_info", 15, &AppSettings::RouterInfoPath},
+    {"agentDataPath", "", 14, &AppSettings::AgentDataPath},
+    {"agentDirectory", "/tmp/qvd/data/agent", 11, &AppSettings::AgentDirectory},
+    {"internalHooksDirectory", "/tmp/qvd/hooks", 12, &AppSettings::InternalHooksDirectory},
+    {"externalHooksDirectory", "", 13, &AppSettings::ExternalHooksDirectory},
+    {"deviceDiscoveryPath", "/tmp/qvd/tmp/devicelist.json", 16, &AppSettings::DeviceDiscoveryPath},
+    {"rootPrefix", "/tmp/qvd", 17, &AppSettings::RootPrefix},
 };
 
-const char* const kEveryKeyInAnotherOrder = R"({
-  "rootPrefix": "/r", "deviceDiscoveryPath": "/dd", "externalHooksDirectory": "/e",
-  "internalHooksDirectory": "/i", "agentDirectory": "/a", "agentDataPath": "/d",
-  "routerInfoPath": "/ri", "agentUser": "u", "agentPrefix": "/p", "agentDstAddr": "192.0.2.1",
-  "lanInterface": "lan0", "agentHttpsPort": 3, "agentHttpPort": 2, "agentDstPort": 1 })";
+// The last one first.
+std::string EveryKey() {
+  std::string members;
+  for (const Setting& setting : kSettings) {
+    const std::string comma = members.empty() ? "" : ", ";
+    members.insert(0, '"' + setting.key + "\": " + setting.OtherAsJson() + comma);
+  }
+  return "{" + members + "}";
+}
 
 // One member of a JSON object.
 std::string Member(std::string_view key, const std::string& value) {
@@ -74,8 +115,8 @@ std::string Value(const AppSettings& settings, std::string_view key) {
 }
 
 void ExpectDefaults(const AppSettings& settings) {
-  for (const auto& [key, value] : kDefaults) {
-    EXPECT_EQ(Value(settings, key), value) << key;
+  for (const Setting& setting : kSettings) {
+    EXPECT_EQ(Value(settings, setting.key), setting.byDefault) << setting.key;
   }
 }
 
@@ -111,20 +152,9 @@ TEST_F(SettingsDefaults, AreGivenByKey) {
 }
 
 TEST_F(SettingsDefaults, AreGivenByTheGetters) {
-  EXPECT_EQ(settings_.AgentDstPort(), 60277);
-  EXPECT_EQ(settings_.AgentHttpPort(), 60278);
-  EXPECT_EQ(settings_.AgentHttpsPort(), 60279);
-  EXPECT_EQ(settings_.LanInterface(), "br0");
-  EXPECT_EQ(settings_.AgentDstAddr(), "127.0.0.1");
-  EXPECT_EQ(settings_.AgentPrefix(), "");
-  EXPECT_EQ(settings_.AgentUser(), "");
-  EXPECT_EQ(settings_.AgentDataPath(), "");
-  EXPECT_EQ(settings_.AgentDirectory(), "/tmp/qvd/data/agent");
-  EXPECT_EQ(settings_.InternalHooksDirectory(), "/tmp/qvd/hooks");
-  EXPECT_EQ(settings_.ExternalHooksDirectory(), "");
-  EXPECT_EQ(settings_.RouterInfoPath(), "/tmp/qvd/data/router_info");
-  EXPECT_EQ(settings_.DeviceDiscoveryPath(), "/tmp/qvd/tmp/devicelist.json");
-  EXPECT_EQ(settings_.RootPrefix(), "/tmp/qvd");
+  for (const Setting& setting : kSettings) {
+    EXPECT_EQ(setting.get(settings_), setting.byDefault) << setting.key;
+  }
 }
 
 TEST_F(SettingsDefaults, StayWithAFileThatSetsNothing) {
@@ -156,68 +186,48 @@ TEST_F(SettingsLookUp, OfAnUnknownKeyFailsAndLeavesTheOutputAlone) {
   }
 }
 
+TEST_F(SettingsLookUp, KnowsWhatAFileMaySayForEachKey) {
+  const std::vector<AppSettings::Key> keys = settings_.Keys();
+  ASSERT_EQ(keys.size(), std::size(kDefaults));
+  for (size_t i = 0; i < keys.size(); ++i) {
+    EXPECT_EQ(keys[i].name, kDefaults[i].key);
+    EXPECT_EQ(keys[i].isNumber, kDefaults[i].IsPort()) << keys[i].name;
+    EXPECT_EQ(keys[i].largest, keys[i].isNumber ? 65535 : 0) << keys[i].name;
+    EXPECT_EQ(keys[i].smallest, keys[i].isNumber ? 1 : 0) << keys[i].name;
+  }
+}
+
 TEST_F(SettingsLookUp, ReplacesTheOutput) {
   std::string value = "earlier";
   EXPECT_TRUE(settings_.GetConfigValue("agentPrefix", &value));
   EXPECT_EQ(value, "");
 }
 
-// The position of a virtual function in the object's table, after the two destructors.
-template <typename Function>
-ptrdiff_t Slot(Function function) {
-  ptrdiff_t words[2] = {};
-  static_assert(sizeof function == sizeof words);
-  std::memcpy(words, &function, sizeof words);
-  return words[0] / static_cast<ptrdiff_t>(sizeof(void*));
-}
-
 TEST(SettingsInterface, KeepsTheOrderOfItsVirtualFunctions) {
   EXPECT_EQ(Slot(&AppSettings::GetConfigValue), 2);
   EXPECT_EQ(Slot(&AppSettings::LoadConfigFile), 3);
-  EXPECT_EQ(Slot(&AppSettings::AgentDstPort), 4);
-  EXPECT_EQ(Slot(&AppSettings::AgentHttpPort), 5);
-  EXPECT_EQ(Slot(&AppSettings::AgentHttpsPort), 6);
-  EXPECT_EQ(Slot(&AppSettings::LanInterface), 7);
-  EXPECT_EQ(Slot(&AppSettings::AgentDstAddr), 8);
-  EXPECT_EQ(Slot(&AppSettings::AgentPrefix), 9);
-  EXPECT_EQ(Slot(&AppSettings::AgentUser), 10);
-  EXPECT_EQ(Slot(&AppSettings::AgentDirectory), 11);
-  EXPECT_EQ(Slot(&AppSettings::InternalHooksDirectory), 12);
-  EXPECT_EQ(Slot(&AppSettings::ExternalHooksDirectory), 13);
-  EXPECT_EQ(Slot(&AppSettings::AgentDataPath), 14);
-  EXPECT_EQ(Slot(&AppSettings::RouterInfoPath), 15);
-  EXPECT_EQ(Slot(&AppSettings::DeviceDiscoveryPath), 16);
-  EXPECT_EQ(Slot(&AppSettings::RootPrefix), 17);
+  for (const Setting& setting : kSettings) {
+    EXPECT_EQ(setting.slotOfGetter, setting.slot) << setting.key;
+  }
 }
 
 // --- the file
 
 TEST_F(SettingsFile, SetsEveryKey) {
-  EXPECT_TRUE(Load(kEveryKeyInAnotherOrder));
+  EXPECT_TRUE(Load(EveryKey()));
   EXPECT_TRUE(changed_);
-  EXPECT_EQ(settings_.AgentDstPort(), 1);
-  EXPECT_EQ(settings_.AgentHttpPort(), 2);
-  EXPECT_EQ(settings_.AgentHttpsPort(), 3);
-  EXPECT_EQ(settings_.LanInterface(), "lan0");
-  EXPECT_EQ(settings_.AgentDstAddr(), "192.0.2.1");
-  EXPECT_EQ(settings_.AgentPrefix(), "/p");
-  EXPECT_EQ(settings_.AgentUser(), "u");
-  EXPECT_EQ(settings_.AgentDataPath(), "/d");
-  EXPECT_EQ(settings_.AgentDirectory(), "/a");
-  EXPECT_EQ(settings_.InternalHooksDirectory(), "/i");
-  EXPECT_EQ(settings_.ExternalHooksDirectory(), "/e");
-  EXPECT_EQ(settings_.RouterInfoPath(), "/ri");
-  EXPECT_EQ(settings_.DeviceDiscoveryPath(), "/dd");
-  EXPECT_EQ(settings_.RootPrefix(), "/r");
+  for (const Setting& setting : kSettings) {
+    EXPECT_EQ(setting.get(settings_), setting.Other()) << setting.key;
+  }
 }
 
 TEST_F(SettingsFile, SetsEachKeyOnItsOwn) {
-  for (const KeyAndValue& set : kDefaults) {
+  for (const Setting& set : kSettings) {
     AppSettings settings;
-    const std::string json = Member(set.key, set.IsPort() ? "80" : R"("80")");
+    const std::string json = Member(set.key, set.OtherAsJson());
     EXPECT_TRUE(settings.LoadConfigFile(Write("{" + json + "}"), nullptr));
-    for (const KeyAndValue& other : kDefaults) {
-      EXPECT_EQ(Value(settings, other.key), other.key == set.key ? "80" : other.value)
+    for (const Setting& other : kSettings) {
+      EXPECT_EQ(Value(settings, other.key), other.key == set.key ? set.Other() : other.byDefault)
           << other.key << " after setting " << set.key;
     }
   }
@@ -378,8 +388,8 @@ class SettingsTextIgnored : public Settings, public testing::WithParamInterface<
 
 TEST_P(SettingsTextIgnored, WithoutAMessage) {
   std::string json;
-  for (const KeyAndValue& entry : kDefaults) {
-    if (!entry.IsPort()) {
+  for (const Setting& entry : kSettings) {
+    if (!entry.isPort) {
       json += Member(entry.key, GetParam()) + ",";
     }
   }
@@ -426,7 +436,7 @@ TEST_F(SettingsText, IsHandedOutAsACopy) {
 // --- the change flag
 
 TEST_F(SettingsChange, IsToldTheFirstTimeOnly) {
-  const std::string path = Write(kEveryKeyInAnotherOrder);
+  const std::string path = Write(EveryKey());
   bool changed = false;
   EXPECT_TRUE(settings_.LoadConfigFile(path, &changed));
   EXPECT_TRUE(changed);
@@ -476,16 +486,13 @@ TEST_F(SettingsChange, NeedNotBeAskedFor) {
 // --- the log
 
 TEST_F(SettingsLog, TellsEachValueInTheOrderOfReading) {
-  EXPECT_TRUE(Load(kEveryKeyInAnotherOrder));
-  EXPECT_THAT(
-      log_.Lines(),
-      ElementsAre(Debug("Enter"), Debug("Reading config file " + path_), Debug("agentDstPort=1"),
-                  Debug("agentHttpPort=2"), Debug("agentHttpsPort=3"), Debug("lanInterface=lan0"),
-                  Debug("agentDstAddr=192.0.2.1"), Debug("agentPrefix=/p"), Debug("agentUser=u"),
-                  Debug("routerInfoPath=/ri"), Debug("agentDataPath=/d"),
-                  Debug("agentDirectory=/a"), Debug("internalHooksDirectory=/i"),
-                  Debug("externalHooksDirectory=/e"), Debug("deviceDiscoveryPath=/dd"),
-                  Debug("rootPrefix=/r"), Debug("Leave")));
+  EXPECT_TRUE(Load(EveryKey()));
+  std::vector<std::string> lines = {Debug("Enter"), Debug("Reading config file " + path_)};
+  for (const Setting& setting : kSettings) {
+    lines.push_back(Debug(setting.key + "=" + setting.Other()));
+  }
+  lines.push_back(Debug("Leave"));
+  EXPECT_EQ(log_.Lines(), lines);
 }
 
 TEST_F(SettingsLog, TellsAValueThatIsUnchangedToo) {

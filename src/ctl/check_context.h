@@ -1,0 +1,44 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "ctl/daemon_user.h"
+#include "ctl/findings.h"
+#include "settings/app_settings.h"
+
+namespace tavlo::ctl {
+
+/// What each concern of a check goes by. All functions that get it add what they find, in a fixed
+/// order.
+struct CheckContext {
+  const AppSettings& settings;
+  const DaemonUser& user;
+  Findings* findings;
+};
+
+/// A file or directory that the daemon cannot do without.
+struct Need {
+  std::string path;
+  int mode;                 ///< what its user must be able to do, as for access(2)
+  std::string consequence;  ///< what happens otherwise
+  std::string cure;         ///< for when it is missing
+};
+
+/// Returns whether it is there; adds a finding when it is not, and when the daemon's user may not
+/// do what it must.
+bool CheckNeed(const CheckContext& context, const Need& need);
+
+/// Adds a finding when others than root and the daemon's user may write to the directory or file,
+/// which is there.
+void CheckWriters(const CheckContext& context, const std::string& path,
+                  const std::string& consequence);
+
+/// The content of a file that is there, of at most 1 MiB. Nothing where it cannot be read; that is
+/// noted unless the daemon's user may not read it either.
+std::optional<std::string> ReadContent(const CheckContext& context, const std::string& path);
+
+/// "LINE:COLUMN" of the byte at `offset`, counted from 1, columns in bytes.
+std::string LineAndColumn(const std::string& text, size_t offset);
+
+}  // namespace tavlo::ctl

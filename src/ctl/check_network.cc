@@ -1,0 +1,144 @@
+// What the daemon listens on, and whom it forwards to.
+
+#include <cerrno>
+#include <fstream>
+#include <string>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "ctl/checks.h"
+#include "ctl/destination.h"
+#include "ctl/port_owner.h"
+#include "util/descriptor.h"
+#include "util/error_text.h"
+#include "util/router_util.h"
+
+namespace tavlo::ctl {
+
+namespace {
+
+constexpr const char* kLoopback = "127.0.0.1";
+constexpr int kUsualUnprivilegedStart = 1024;
+
+struct Listener {
+  const char* key;
+  uint16_t port;
+};
+
+std::string Endpoint(const std::string& address, uint16_t port) {
+  return address + ":" + std::to_string(port);
+}
+
+// Empty when the interface has none.
+std::string LanAddress(const CheckContext& context, std::string* why) {
+  std::string address;
+  unsigned char prefixLength = 0;
+  const Orx::Status status = Orx::RouterUtil::GetIpAddrAndPrefix(context.settings.LanInterface(),
+                                                                 AF_INET, &address, &prefixLength);
+  *why = status.Message();
+  return status.IsOk() ? address : std::string();
+}
+
+// Ports below it are for root.
+int UnprivilegedStart() {
+  int port = kUsualUnprivilegedStart;
+  std::ifstream("/proc/sys/net/ipv4/ip_unprivileged_port_start") >> port;
+  return port;
+}
+
+// Takes the port for a moment, without listening. Returns the error number, or 0.
+int TryToBind(const std::string& address, uint16_t port) {
+  const stdext::descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const int on = 1;
+  sockaddr_in name = {};
+  name.sin_family = AF_INET;
+  name.sin_port = htons(port);
+  ::inet_pton(AF_INET, address.c_str(), &name.sin_addr);
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  return ::bind(socket.get(), reinterpret_cast<sockaddr*>(&name), sizeof name) == 0 ? 0 : errno;
+}
+
+void AddBindFailure(const CheckContext& context, const Listener& listener,
+                    const std::string& address, int error, const std::string& consequence) {
+  const std::string cure = std::string("choose another \"") + listener.key + "\"";
+  if (error != EADDRINUSE) {
+    context.findings->Add(
+        Endpoint(address, listener.port),
+        "the port cannot be taken: " + stdext::error_number_and_text(error) + ": " + consequence,
+        cure + ", or start the daemon as root");
+    return;
+  }
+  const PortOwner owner = FindPortOwner(listener.port);
+  if (owner.name != "tavlo") {  // the daemon itself may be at work
+    context.findings->Add(Endpoint(address, listener.port),
+                          "the port is taken by " + owner.Text() + ": " + consequence,
+                          "end that program, or " + cure);
+  }
+}
+
+void CheckPort(const CheckContext& context, const Listener& listener) {
+  const int error = TryToBind(kLoopback, listener.port);
+  std::string why;
+  const std::string lan = LanAddress(context, &why);
+  if (error != 0) {
+    AddBindFailure(context, listener, kLoopback, error, "the daemon does not start");
+  } else if (!context.user.IsRoot() && listener.port < UnprivilegedStart()) {
+    context.findings->Add(Endpoint(lan.empty() ? "LAN" : lan, listener.port),
+                          "user '" + context.user.Name() + "' may not take a port below " +
+                              std::to_string(UnprivilegedStart()) +
+                              ", which happens after the start: no client in the LAN is served",
+                          std::string("choose another \"") + listener.key + "\"");
+  } else if (!lan.empty()) {
+    const int lanError = TryToBind(lan, listener.port);
+    if (lanError != 0) {
+      AddBindFailure(context, listener, lan, lanError, "no client in the LAN is served");
+    }
+  }
+}
+
+}  // namespace
+
+void CheckLanInterface(const CheckContext& context) {
+  std::string why;
+  if (LanAddress(context, &why).empty()) {
+    context.findings->Add(context.settings.LanInterface(), why + ": no client in the LAN is served",
+                          "give it an IPv4 address, or fix \"lanInterface\"");
+  }
+}
+
+void CheckPorts(const CheckContext& context) {
+  const Listener plain = {"agentHttpPort", context.settings.AgentHttpPort()};
+  const Listener tls = {"agentHttpsPort", context.settings.AgentHttpsPort()};
+  const uint16_t destination = context.settings.AgentDstPort();
+  CheckPort(context, plain);
+  if (context.settings.AgentDstAddr() == kLoopback &&
+      (destination == plain.port || destination == tls.port)) {
+    context.findings->Add(Endpoint(kLoopback, destination),
+                          "requests are forwarded to the daemon's own port: they never get out",
+                          R"(set "agentDstPort" to the port of the SDK REST host)");
+  }
+  if (plain.port == tls.port) {
+    context.findings->Add(Endpoint(kLoopback, tls.port),
+                          "both listeners want the port: the daemon does not start",
+                          R"(choose another "agentHttpsPort")");
+    return;
+  }
+  CheckPort(context, tls);
+}
+
+void CheckDestination(const CheckContext& context) {
+  const std::string address = context.settings.AgentDstAddr();
+  const uint16_t port = context.settings.AgentDstPort();
+  const Orx::Status status =
+      AskDestination(address, port, context.settings.AgentPrefix() + "/api/version");
+  if (!status.IsOk()) {
+    context.findings->Add(Endpoint(address, port),
+                          "the SDK REST host does not answer (" + status.Message() +
+                              "): clients are answered with 500",
+                          R"(start it, or fix "agentDstAddr" and "agentDstPort")");
+  }
+}
+
+}  // namespace tavlo::ctl

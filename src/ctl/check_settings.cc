@@ -1,0 +1,209 @@
+// The configuration file: what the daemon cannot parse, and what it passes over without a word.
+
+#include <algorithm>
+#include <cctype>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include <json-c/json.h>
+
+#include "ctl/checks.h"
+#include "ctl/json_keys.h"
+#include "util/file.h"
+
+namespace tavlo::ctl {
+
+namespace {
+
+// More wrong letters are another word.
+constexpr size_t kMostWrongLetters = 4;
+
+// For editors, and passed over by the daemon on purpose.
+constexpr const char* kSchemaKey = "$schema";
+
+using JsonTree = std::unique_ptr<json_object, decltype(&json_object_put)>;
+
+struct ConfigFile {
+  const std::string& path;
+  const std::string& text;
+  std::vector<JsonKey> keys;
+
+  // The place of the key that counts, the last one of that name.
+  std::string Place(const std::string& name) const {
+    const auto found = std::find_if(keys.rbegin(), keys.rend(),
+                                    [&](const JsonKey& key) { return key.name == name; });
+    return found == keys.rend() ? path : path + ":" + LineAndColumn(text, found->offset);
+  }
+};
+
+// As the daemon does it: the terminating NUL is parsed too.
+JsonTree Parse(const ConfigFile& file, Findings* findings) {
+  const std::unique_ptr<json_tokener, decltype(&json_tokener_free)> tokener(json_tokener_new(),
+                                                                            json_tokener_free);
+  JsonTree root(json_tokener_parse_ex(tokener.get(), file.text.c_str(),
+                                      static_cast<int>(file.text.size()) + 1),
+                json_object_put);
+  if (root == nullptr) {
+    const json_tokener_error error = json_tokener_get_error(tokener.get());
+    const std::string reason = error == json_tokener_success
+                                   ? "it holds nothing but null"
+                                   : std::string("no JSON: ") + json_tokener_error_desc(error);
+    const size_t offset = std::min(json_tokener_get_parse_end(tokener.get()), file.text.size());
+    findings->Add(file.path + ":" + LineAndColumn(file.text, offset),
+                  reason + ": the daemon does not start",
+                  "mend it there or just before: a comma, a quote or a bracket, mostly");
+  }
+  return root;
+}
+
+size_t EditDistance(const std::string& one, const std::string& other) {
+  std::vector<size_t> row(other.size() + 1);
+  for (size_t i = 0; i <= other.size(); ++i) {
+    row[i] = i;
+  }
+  for (size_t i = 0; i < one.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i + 1;
+    for (size_t j = 0; j < other.size(); ++j) {
+      const bool same = std::tolower(static_cast<unsigned char>(one[i])) ==
+                        std::tolower(static_cast<unsigned char>(other[j]));
+      const size_t replaced = diagonal + (same ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
+    }
+  }
+  return row.back();
+}
+
+// Empty when no key is like it.
+std::string MostLike(const std::string& name, const std::vector<AppSettings::Key>& keys) {
+  std::string best;
+  size_t least = kMostWrongLetters + 1;
+  for (const AppSettings::Key& key : keys) {
+    const size_t distance = EditDistance(name, key.name);
+    if (distance < least) {
+      least = distance;
+      best = key.name;
+    }
+  }
+  return best;
+}
+
+std::string Quoted(const std::string& text) {
+  return '"' + text + '"';
+}
+
+std::string KindOf(json_object* value) {
+  switch (json_object_get_type(value)) {
+    case json_type_null:
+      return "null";
+    case json_type_boolean:
+      return "true or false";
+    case json_type_double:
+      return "a number with a fraction";
+    case json_type_int:
+      return "a number";
+    case json_type_string:
+      return "a text in quotes";
+    case json_type_array:
+      return "a list";
+    default:
+      return "an object";
+  }
+}
+
+std::string TextOf(json_object* value) {
+  return {json_object_get_string(value), static_cast<size_t>(json_object_get_string_len(value))};
+}
+
+std::string WhatIsRight(const AppSettings::Key& key) {
+  return key.isNumber ? "a number from " + std::to_string(key.smallest) + " to " +
+                            std::to_string(key.largest) + ", without quotes"
+                      : "a text in quotes";
+}
+
+// What the file says for a known key, beside what is in force.
+void CheckValue(const ConfigFile& file, const AppSettings::Key& key, json_object* value,
+                const AppSettings& settings, Findings* findings) {
+  std::string inForce;
+  settings.GetConfigValue(key.name, &inForce);
+  const bool isProperType =
+      json_object_is_type(value, key.isNumber ? json_type_int : json_type_string) != 0;
+  if (isProperType && (key.isNumber ? json_object_get_string(value) : TextOf(value)) == inForce) {
+    return;
+  }
+  const std::string reason = isProperType
+                                 ? json_object_get_string(value) + std::string(" is out of range")
+                                 : "it is " + KindOf(value);
+  findings->Add(file.Place(key.name),
+                Quoted(key.name) + " is ignored, as " + reason + ": " +
+                    (key.isNumber ? inForce : Quoted(inForce)) + " is in force",
+                "write " + WhatIsRight(key));
+}
+
+void CheckUnknownKey(const ConfigFile& file, const std::string& name,
+                     const std::vector<AppSettings::Key>& keys, Findings* findings) {
+  const std::string meant = MostLike(name, keys);
+  findings->Add(file.Place(name), Quoted(name) + " is not known, and ignored",
+                meant.empty() ? "take it out" : "did you mean " + Quoted(meant) + "?");
+}
+
+void CheckRepeatedKeys(const ConfigFile& file, Findings* findings) {
+  for (auto key = file.keys.begin(); key != file.keys.end(); ++key) {
+    if (std::any_of(key + 1, file.keys.end(),
+                    [&](const JsonKey& later) { return later.name == key->name; })) {
+      findings->Add(file.path + ":" + LineAndColumn(file.text, key->offset),
+                    Quoted(key->name) + " is ignored, as it comes again below",
+                    "take one of them out");
+    }
+  }
+}
+
+void CheckMembers(const ConfigFile& file, json_object* root, const AppSettings& settings,
+                  Findings* findings) {
+  const std::vector<AppSettings::Key> keys = settings.Keys();
+  json_object_iterator member = json_object_iter_begin(root);
+  const json_object_iterator end = json_object_iter_end(root);
+  for (; json_object_iter_equal(&member, &end) == 0; json_object_iter_next(&member)) {
+    const std::string name = json_object_iter_peek_name(&member);
+    const auto key = std::find_if(keys.begin(), keys.end(),
+                                  [&](const AppSettings::Key& each) { return each.name == name; });
+    if (key != keys.end()) {
+      CheckValue(file, *key, json_object_iter_peek_value(&member), settings, findings);
+    } else if (name != kSchemaKey) {
+      CheckUnknownKey(file, name, keys, findings);
+    }
+  }
+}
+
+}  // namespace
+
+bool CheckSettings(const std::string& path, AppSettings* settings, Findings* findings) {
+  if (path.empty()) {
+    return true;
+  }
+  std::string text;
+  const Orx::Status status = stdext::file::without_lock(path).read(stdext::kMaxFileSize, &text);
+  if (!status.IsOk()) {
+    findings->AddUnseen(path, status.Message());
+    return false;
+  }
+  const ConfigFile file = {path, text, TopLevelKeys(text)};
+  const JsonTree root = Parse(file, findings);
+  if (root == nullptr || !settings->LoadConfigFile(path, nullptr)) {
+    return false;
+  }
+  if (json_object_is_type(root.get(), json_type_object) == 0) {
+    findings->Add(path + ":1:1",
+                  "every key is ignored, as the whole is " + KindOf(root.get()) +
+                      ": all settings have their defaults",
+                  "put the keys into an object: { ... }");
+    return true;
+  }
+  CheckRepeatedKeys(file, findings);
+  CheckMembers(file, root.get(), *settings, findings);
+  return true;
+}
+
+}  // namespace tavlo::ctl

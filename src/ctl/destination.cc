@@ -1,0 +1,93 @@
+#include "ctl/destination.h"
+
+#include <cerrno>
+#include <chrono>
+#include <memory>
+
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "util/descriptor.h"
+#include "util/error_text.h"
+
+namespace tavlo::ctl {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kPatience(3);
+constexpr const char* kBeginning = "HTTP/1.";
+
+std::string ErrorText(int error) {
+  return stdext::error_number_and_text(error);
+}
+
+// One connection, and until when something has to come of it.
+class Conversation {
+ public:
+  explicit Conversation(const addrinfo& target)
+      : end_(Clock::now() + kPatience),
+        socket_(::socket(target.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+    const bool isUnderWay =
+        ::connect(socket_.get(), target.ai_addr, target.ai_addrlen) == 0 || errno == EINPROGRESS;
+    error_ = isUnderWay ? 0 : errno;
+  }
+
+  // Empty when an answer has begun, else what went wrong.
+  std::string Ask(const std::string& request) {
+    int error = error_;
+    socklen_t size = sizeof error;
+    if (error != 0 || !Wait(POLLOUT) ||
+        ::getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0) {
+      return error != 0 ? ErrorText(error) : "it takes no connection";
+    }
+    if (::send(socket_.get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) {
+      return ErrorText(errno);
+    }
+    char answer[7] = {};
+    if (!Wait(POLLIN)) {
+      return "it takes the request and says nothing";
+    }
+    const ssize_t count = ::recv(socket_.get(), answer, sizeof answer, 0);
+    if (count < 0) {
+      return ErrorText(errno);
+    }
+    return std::string(answer, static_cast<size_t>(count)) == kBeginning
+               ? std::string()
+               : "what it says is not HTTP/1";
+  }
+
+ private:
+  bool Wait(short event) const {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end_ - Clock::now());
+    pollfd entry = {socket_.get(), event, 0};
+    return left.count() > 0 && ::poll(&entry, 1, static_cast<int>(left.count())) == 1;
+  }
+
+  Clock::time_point end_;
+  stdext::descriptor socket_;
+  int error_ = 0;
+};
+
+}  // namespace
+
+Orx::Status AskDestination(const std::string& address, uint16_t port, const std::string& uri) {
+  addrinfo hints = {};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  const int error = ::getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found);
+  if (error != 0) {
+    return Orx::Status::Failure(::gai_strerror(error));
+  }
+  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> targets(found, freeaddrinfo);
+  const std::string trouble =
+      Conversation(*targets).Ask("GET " + uri + " HTTP/1.1\r\nHost: " + address + ":" +
+                                 std::to_string(port) + "\r\nConnection: close\r\n\r\n");
+  return trouble.empty() ? Orx::Status::Ok() : Orx::Status::Failure(trouble);
+}
+
+}  // namespace tavlo::ctl

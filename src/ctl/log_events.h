@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "ctl/log_entry.h"
+#include "ctl/log_report.h"
+
+namespace tavlo::ctl {
+
+/// Counts what is no request: starts of the daemon, clients that were ended for others, hook
+/// scripts.
+class EventCounter {
+ public:
+  /// More scripts, or more reasons, than these are counted as "other".
+  static constexpr size_t kMostRows = 256;
+
+  void Take(const LogEntry& entry);
+  void Report(LogReport* report) const;
+
+ private:
+  void TakeEndedClients(const LogEntry& entry);
+  void TakeScript(const LogEntry& entry);
+  void TakeFailedScript(const LogEntry& entry);
+  void AddFailure(std::string_view path, const std::string& reason, int64_t time);
+
+  Occurrences starts_;
+  std::map<std::string, LogReport::EndedClients> endedClients_;
+  std::map<std::string, LogReport::Script> scripts_;
+};
+
+}  // namespace tavlo::ctl

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace tavlo::ctl {
+
+/// A process that listens on a port.
+struct PortOwner {
+  std::string name;  ///< empty when it cannot be found out: root alone sees others' sockets
+  std::string pid;
+
+  /// As a message names it.
+  std::string Text() const {
+    return name.empty() ? "a program that root alone can see" : "'" + name + "', process " + pid;
+  }
+};
+
+/// Looks through /proc for who listens on the TCP port, whatever the address.
+PortOwner FindPortOwner(uint16_t port);
+
+}  // namespace tavlo::ctl

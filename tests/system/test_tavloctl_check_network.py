@@ -1,0 +1,159 @@
+"""`tavloctl check`: ports, the LAN interface and the SDK REST host, in a network of the test's own."""
+
+import socket
+import threading
+
+import pytest
+
+from conftest import daemons
+from support.network_namespace import NetworkNamespace
+from support.tavloctl import check
+from support.waiting import wait_until
+
+NOT_STARTED = "the daemon does not start"
+NOT_SERVED = "no client in the LAN is served"
+HOST_IS_SILENT = "clients are answered with 500"
+FIX_DESTINATION = 'start it, or fix "agentDstAddr" and "agentDstPort"'
+
+LISTEN = """
+import socket, sys, time
+with socket.create_server((sys.argv[1], int(sys.argv[2]))):
+    time.sleep(600)
+"""
+
+
+@pytest.fixture
+def lan(root):
+    with NetworkNamespace() as network:
+        network.add_interface("lan0", "192.0.2.1/24")
+        root.settings["lanInterface"] = "lan0"
+        yield network
+
+
+def findings(root, *arguments, prefix=()):
+    found, unseen = check(root, *arguments, prefix=prefix)
+    assert unseen == []
+    return found
+
+
+def test_an_interface_that_there_is_not(root):
+    root.settings["lanInterface"] = "lan17"
+    assert findings(root) == [
+        ("lan17", f"Failed to get the index of iface 'lan17' as 19 No such device: {NOT_SERVED}",
+         'give it an IPv4 address, or fix "lanInterface"')]
+
+
+def test_an_interface_without_an_address(root, lan):
+    lan.ip("address", "flush", "dev", "lan0")
+    assert findings(root, prefix=lan.prefix) == [
+        ("lan0", f"Could not find active IPv4 address from interface 'lan0': {NOT_SERVED}",
+         'give it an IPv4 address, or fix "lanInterface"')]
+
+
+@pytest.mark.parametrize("key", ["agentHttpPort", "agentHttpsPort"])
+@pytest.mark.parametrize("address, consequence", [
+    ("127.0.0.1", NOT_STARTED), ("192.0.2.1", NOT_SERVED)])
+def test_a_port_that_is_taken(root, lan, key, address, consequence):
+    port = root.settings[key]
+    with lan.start("python3", "-c", LISTEN, address, port) as other:
+        wait_until(lambda: (address, port) in lan.listening(), "the other program")
+        [(where, what, cure)] = findings(root, prefix=lan.prefix)
+    assert where == f"{address}:{port}"
+    assert what == f"the port is taken by 'python3', process {other.pid}: {consequence}"
+    assert cure == f'end that program, or choose another "{key}"'
+
+
+def test_ports_that_the_daemon_itself_has_are_no_finding(root, lan):
+    with daemons(root) as make_daemon:
+        daemon = make_daemon(prefix=lan.prefix).start()
+        daemon.wait_for_log(f"Listen to endpoint '192.0.2.1:{root.https_port}'")
+        assert findings(root, prefix=lan.prefix) == []
+
+
+def test_one_port_for_both_listeners(root, lan):
+    root.settings["agentHttpsPort"] = root.http_port
+    assert findings(root, prefix=lan.prefix) == [
+        (f"127.0.0.1:{root.http_port}", f"both listeners want the port: {NOT_STARTED}",
+         'choose another "agentHttpsPort"')]
+
+
+@pytest.mark.parametrize("key", ["agentHttpPort", "agentHttpsPort"])
+def test_a_destination_that_is_the_daemon_itself(root, lan, key):
+    root.settings["agentDstPort"] = root.settings[key]
+    assert findings(root, prefix=lan.prefix) == [
+        (f"127.0.0.1:{root.settings[key]}",
+         "requests are forwarded to the daemon's own port: they never get out",
+         'set "agentDstPort" to the port of the SDK REST host')]
+
+
+@pytest.mark.parametrize("port, is_found", [(1023, True), (1024, False)])
+def test_a_port_below_1024_for_a_user(root, lan, port, is_found):
+    root.directory.chmod(0o777)
+    for path in root.directory.rglob("*"):
+        path.chmod(0o777)
+    root.settings |= {"agentHttpPort": port, "agentUser": "nobody"}
+    found = [each for each in findings(root, prefix=lan.prefix) if each[0].endswith(f":{port}")]
+    assert found == ([
+        ("192.0.2.1:1023", "user 'nobody' may not take a port below 1024, which happens after the "
+         f"start: {NOT_SERVED}", 'choose another "agentHttpPort"')] if is_found else [])
+
+
+def test_a_port_below_1024_for_root(root, lan):
+    root.settings["agentHttpPort"] = 1023
+    assert findings(root, prefix=lan.prefix) == []
+
+
+def test_a_port_that_a_start_without_root_cannot_have(root, lan):
+    root.settings["agentHttpPort"] = 1023
+    as_nobody = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"]
+    root.write_config()
+    root.directory.chmod(0o755)
+    found, _ = check(root, prefix=[*lan.prefix, *as_nobody])
+    assert ("127.0.0.1:1023", f"the port cannot be taken: 13 Permission denied: {NOT_STARTED}",
+            'choose another "agentHttpPort", or start the daemon as root') in found
+
+
+# --- the SDK REST host ---
+
+def test_the_destination_is_asked_only_with_connect(root, sdk_host):
+    assert findings(root) == []
+    assert sdk_host.requests == []
+    assert findings(root, "--connect") == []
+    assert [(each.method, each.path) for each in sdk_host.requests] == [("GET", "/api/version")]
+
+
+def test_it_is_asked_below_the_prefix(root, sdk_host):
+    root.settings["agentPrefix"] = "/rest"
+    assert findings(root, "--connect") == []
+    assert sdk_host.requests[0].path == "/rest/api/version"
+
+
+def silent(root, reason):
+    return (f"127.0.0.1:{root.destination_port}",
+            f"the SDK REST host does not answer ({reason}): {HOST_IS_SILENT}", FIX_DESTINATION)
+
+
+def test_nobody_at_the_destination(root):
+    assert findings(root) == []
+    assert findings(root, "--connect") == [silent(root, "111 Connection refused")]
+
+
+def test_a_destination_that_says_nothing(root):
+    with socket.create_server(("127.0.0.1", root.destination_port)):
+        assert findings(root, "--connect") == [silent(root, "it takes the request and says nothing")]
+
+
+def test_a_destination_that_speaks_something_else(root):
+    with socket.create_server(("127.0.0.1", root.destination_port)) as server:
+        server.settimeout(30)
+
+        def greet():
+            connection, _ = server.accept()
+            connection.sendall(b"220 ready\r\n")
+            connection.close()
+
+        thread = threading.Thread(target=greet)
+        thread.start()
+        found = findings(root, "--connect")
+        thread.join()
+    assert found == [silent(root, "what it says is not HTTP/1")]
