@@ -31,14 +31,11 @@ std::string Endpoint(const std::string& address, uint16_t port) {
   return address + ":" + std::to_string(port);
 }
 
-// Empty when the interface has none.
-std::string LanAddress(const CheckContext& context, std::string* why) {
-  std::string address;
+// As the daemon finds it; `address` stays empty when there is none.
+Orx::Status FindLanAddress(const CheckContext& context, std::string* address) {
   unsigned char prefixLength = 0;
-  const Orx::Status status = Orx::RouterUtil::GetIpAddrAndPrefix(context.settings.LanInterface(),
-                                                                 AF_INET, &address, &prefixLength);
-  *why = status.Message();
-  return status.IsOk() ? address : std::string();
+  return Orx::RouterUtil::GetIpAddrAndPrefix(context.settings.LanInterface(), AF_INET, address,
+                                             &prefixLength);
 }
 
 // Ports below it are for root.
@@ -80,8 +77,8 @@ void AddBindFailure(const CheckContext& context, const Listener& listener,
 
 void CheckPort(const CheckContext& context, const Listener& listener) {
   const int error = TryToBind(kLoopback, listener.port);
-  std::string why;
-  const std::string lan = LanAddress(context, &why);
+  std::string lan;
+  FindLanAddress(context, &lan);
   if (error != 0) {
     AddBindFailure(context, listener, kLoopback, error, "the daemon does not start");
   } else if (!context.user.IsRoot() && listener.port < UnprivilegedStart()) {
@@ -101,9 +98,11 @@ void CheckPort(const CheckContext& context, const Listener& listener) {
 }  // namespace
 
 void CheckLanInterface(const CheckContext& context) {
-  std::string why;
-  if (LanAddress(context, &why).empty()) {
-    context.findings->Add(context.settings.LanInterface(), why + ": no client in the LAN is served",
+  std::string address;
+  const Orx::Status status = FindLanAddress(context, &address);
+  if (!status.IsOk()) {
+    context.findings->Add(context.settings.LanInterface(),
+                          status.Message() + ": no client in the LAN is served",
                           "give it an IPv4 address, or fix \"lanInterface\"");
   }
 }

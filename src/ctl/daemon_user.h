@@ -24,7 +24,6 @@ class DaemonUser {
   /// neither root nor that user.
   bool CanBeAsked() const { return canBeAsked_; }
 
-  /// Of a daemon that gives up root's rights.
   bool IsRoot() const { return uid_ == 0; }
 
   const std::string& Name() const { return name_; }

@@ -7,8 +7,8 @@ import pytest
 
 from conftest import daemons
 from support.network_namespace import NetworkNamespace
-from support.tavloctl import check
-from support.waiting import wait_until
+from support.tavloctl import check, check_as_nobody
+from support.waiting import EMULATOR, wait_until
 
 NOT_STARTED = "the daemon does not start"
 NOT_SERVED = "no client in the LAN is served"
@@ -63,6 +63,7 @@ def test_a_port_that_is_taken(root, lan, key, address, consequence):
     assert cure == f'end that program, or choose another "{key}"'
 
 
+@pytest.mark.skipif(EMULATOR != "", reason="the process has the emulator's name")
 def test_ports_that_the_daemon_itself_has_are_no_finding(root, lan):
     with daemons(root) as make_daemon:
         daemon = make_daemon(prefix=lan.prefix).start()
@@ -105,10 +106,7 @@ def test_a_port_below_1024_for_root(root, lan):
 
 def test_a_port_that_a_start_without_root_cannot_have(root, lan):
     root.settings["agentHttpPort"] = 1023
-    as_nobody = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"]
-    root.write_config()
-    root.directory.chmod(0o755)
-    found, _ = check(root, prefix=[*lan.prefix, *as_nobody])
+    found, _ = check_as_nobody(root, prefix=lan.prefix)
     assert ("127.0.0.1:1023", f"the port cannot be taken: 13 Permission denied: {NOT_STARTED}",
             'choose another "agentHttpPort", or start the daemon as root') in found
 

@@ -7,7 +7,7 @@ import time
 import pytest
 
 from support.network_namespace import NetworkNamespace
-from support.tavloctl import LOOPBACK_IS_NO_LAN, check, run_tavloctl
+from support.tavloctl import LOOPBACK_IS_NO_LAN, check, check_as_nobody, run_tavloctl
 from support.waiting import EMULATOR, SANITIZER
 
 NOT_STARTED = ": the daemon does not start"
@@ -193,7 +193,6 @@ def test_a_place_is_that_of_the_outermost_object(root):
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="only root can give a test another user")
 def test_who_may_not_ask_for_the_user_is_told_so(root):
-    root.directory.chmod(0o755)
     root.settings["agentUser"] = "daemon"
-    _, unseen = check(root, prefix=["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"])
+    _, unseen = check_as_nobody(root)
     assert ("agentUser", "what user 'daemon' may do: run this as root or that user") in unseen

@@ -3,6 +3,7 @@
 import json
 import os
 import shlex
+import shutil
 import subprocess
 
 from support.daemon import DIE_WITH_PARENT, assert_no_sanitizer_report
@@ -17,13 +18,22 @@ LOOPBACK_IS_NO_LAN = (
     'give it an IPv4 address, or fix "lanInterface"')
 
 
-def run_tavloctl(*arguments, prefix=(), **options):
+def run_tavloctl(*arguments, prefix=(), binary=BINARY, **options):
     """Runs it to its end; `prefix` is a command that starts it."""
-    result = subprocess.run([*DIE_WITH_PARENT, *prefix, *PROGRAM, *map(str, arguments)],
+    program = [*shlex.split(EMULATOR), binary]
+    result = subprocess.run([*DIE_WITH_PARENT, *prefix, *program, *map(str, arguments)],
                             capture_output=True, text=True, timeout=DEFAULT_LIMIT, check=False,
                             **options)
     assert_no_sanitizer_report(result.stderr.encode())
     return result
+
+
+def check_as_nobody(root, *arguments, prefix=()):
+    """`check`, by somebody who may not get into the directory of the build."""
+    copy = shutil.copy(BINARY, root.directory)
+    root.directory.chmod(0o755)
+    as_nobody = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"]
+    return check(root, *arguments, prefix=[*prefix, *as_nobody], binary=copy)
 
 
 def check(root, *arguments, prefix=(), **options):
