@@ -4,10 +4,14 @@
 _tavloctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} words
   if ((COMP_CWORD == 1)); then
-    words="check log --help --version"
+    words="check hook log --help --version"
   else
     case ${COMP_WORDS[1]} in
       check) words="-c -f --connect --json --help" ;;
+      hook)
+        words="agent block_device device_detected dns_block http_block iot_protection settings_update
+          -c --action --data --detail --hostname --mac --method --reason --uri --url --quiet --help"
+        ;;
       log)
         words="--since --json --plot --help"
         [[ $current == -* ]] || previous=-f # a log
@@ -15,7 +19,7 @@ _tavloctl() {
     esac
   fi
   case $previous in
-    -c | -f | --plot)
+    -c | -f | --data | --plot)
       compopt -o filenames
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       ;;

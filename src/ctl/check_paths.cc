@@ -82,7 +82,8 @@ void CheckLogFile(const CheckContext& context, const std::string& path) {
   const std::string& user = context.user.Name();
   if (::stat(path.c_str(), &info) == 0) {
     CheckNeed(context, {path, W_OK, consequence, std::string()});
-  } else if (CheckNeed(context, {DirectoryOf(path), W_OK | X_OK, consequence,
+  } else if (CheckNeed(context, {DirectoryOf(path), W_OK | X_OK,
+                                 "the daemon goes on without a log, and without an error",
                                  "install -d -m 750 -o " + user + " " + DirectoryOf(path)}) &&
              ::geteuid() == 0 && !context.user.IsRoot()) {
     context.findings->Add(

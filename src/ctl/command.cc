@@ -7,6 +7,7 @@
 
 #include "ctl/build_id.h"
 #include "ctl/check.h"
+#include "ctl/hook.h"
 #include "ctl/log.h"
 
 namespace tavlo::ctl {
@@ -15,6 +16,7 @@ namespace {
 
 constexpr const Command* kCommands[] = {
     &kCheck,
+    &kHook,
     &kLog,
 };
 
@@ -32,7 +34,8 @@ void PrintHelp(std::ostream& out) {
     out << "  " << name << command->summary << '\n';
   }
   out << "\n"
-         "Exit status: 0 all is well, 1 something was found, 2 it could not look.\n";
+         "Exit status: 0 all is well, 1 something was found, 2 it could not look; a\n"
+         "command's own help says what that means, and what else there is.\n";
 }
 
 int PrintVersion() {

@@ -2,7 +2,7 @@
 
 namespace tavlo::ctl {
 
-/// How every command ends; scripts rely on it.
+/// How every command ends, as far as its usage says no more; scripts rely on it.
 enum ExitStatus : int {
   kClean = 0,         ///< all is well
   kFindings = 1,      ///< it was done, and found something

@@ -242,7 +242,7 @@ std::optional<int64_t> ParseSince(std::string_view text, int64_t now) {
 }
 
 std::string FormatTime(int64_t time) {
-  const time_t seconds = static_cast<time_t>(time / kSecond);
+  const auto seconds = static_cast<time_t>(time / kSecond);
   tm utc = {};
   std::array<char, 32> text = {};
   if (::gmtime_r(&seconds, &utc) == nullptr ||

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <map>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -10,41 +8,42 @@
 
 namespace tavlo::ctl {
 
-/// Which thread is which listener. The log does not say so itself; some lines are only ever one
-/// listener's, and a process has one of each.
+/// Which thread is which listener. Some lines are only ever one listener's, and a process has one
+/// of each.
 class Listeners {
  public:
-  /// What is no listener's, or of one too many.
-  static constexpr size_t kUnknown = 0;
-  static constexpr size_t kMost = 64;
+  /// The numbers of listeners; those of the present process's threads follow.
+  enum Number : size_t { kUnknown, kPlain, kTls, kFirstThread };
 
-  Listeners();
+  /// Further threads have no number of their own.
+  static constexpr size_t kMostThreads = 8;
 
-  /// Learns from a line; returns the number of the listener whose thread wrote it.
+  /// Whether a line is the first one of another process, which is to be settled first.
+  bool BeginsProcess(const LogEntry& entry);
+
+  /// What each number turned out to be: unknown, plain or TLS. The threads are forgotten: another
+  /// process may have the same numbers, as on a router after each boot.
+  std::vector<size_t> Settle();
+
+  /// Learns from a line; returns the number of the listener that wrote it, or `kUnknown`.
   size_t Take(const LogEntry& entry);
 
-  /// By their numbers: "plain", "TLS", the thread of one that did not show what it is, or
-  /// "unknown", as are those threads where they are many.
+  /// By their numbers: "unknown", "plain", "TLS", or the thread of one that has not shown which it
+  /// is.
   std::vector<std::string> Names() const;
 
  private:
-  enum class Role { kUnknown, kPlain, kTls };
-
-  struct Listener {
+  struct Thread {
     std::string process;
-    std::string thread;
-    Role role;
-    size_t start;  // of the daemon, as counted here
+    std::string name;
+    Number listener;
   };
 
-  static Role RoleIn(const LogEntry& entry);
-  bool BeginsAnotherProcess(const LogEntry& entry);
+  static Number ListenerIn(const LogEntry& entry);
   size_t NumberOf(const LogEntry& entry);
-  Role RoleOf(const Listener& listener) const;
+  Number ListenerOf(const Thread& thread) const;
 
-  std::vector<Listener> listeners_;
-  std::map<std::string, size_t, std::less<>> numbers_;  // by their threads, since the last start
-  size_t starts_ = 0;
+  std::vector<Thread> threads_;
   std::string beginning_;  // the process that has begun and not said yet that it has started
 };
 

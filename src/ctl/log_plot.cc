@@ -82,7 +82,7 @@ void PrintPanel(const Panel& panel, const Timeline& timeline, int top, std::ostr
   const int bottom = top + kPlotHeight;
   const double highest = HighestOf(panel, timeline);
   out << Text(kLeft, top - 8, "start", panel.title);
-  out << "<path stroke=\"#888\" fill=\"none\" d=\"M" << kLeft << ' ' << top << 'V' << bottom << 'h'
+  out << R"(<path stroke="#888" fill="none" d="M)" << kLeft << ' ' << top << 'V' << bottom << 'h'
       << kPlotWidth << "\"/>\n";
   out << Text(kLeft - 6, bottom, "end", "0") << Text(kLeft - 6, top + 10, "end", Number(highest));
   if (!timeline.Steps().empty()) {
@@ -101,7 +101,7 @@ void PrintTimes(const LogReport& report, std::ostream& out) {
 }  // namespace
 
 void PrintPlot(const LogReport& report, std::ostream& out) {
-  out << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << kWidth << "\" height=\"" << kHeight
+  out << R"(<svg xmlns="http://www.w3.org/2000/svg" width=")" << kWidth << "\" height=\"" << kHeight
       << "\" viewBox=\"0 0 " << kWidth << ' ' << kHeight
       << "\" font-family=\"sans-serif\" font-size=\"12\">\n<rect width=\"100%\" height=\"100%\" "
          "fill=\"white\"/>\n";

@@ -83,7 +83,7 @@ class Splitter {
 // What went wrong with the file; empty if nothing did, its end included.
 std::string FailureOf(gzFile file) {
   int error = Z_OK;
-  const std::string text = ::gzerror(file, &error);
+  const char* const text = ::gzerror(file, &error);
   switch (error) {
     case Z_OK:
     case Z_STREAM_END:

@@ -20,6 +20,10 @@ class RefusalCounter {
   static constexpr size_t kMostKeys = 1000;
 
   void Take(const LogEntry& entry, size_t listener, Step* step);
+
+  /// The listeners of before have ended.
+  void Settle() { faults_.clear(); }
+
   void Report(LogReport* report) const;
 
  private:

@@ -12,7 +12,7 @@ namespace tavlo::ctl {
 /// What a log says, ready to be shown. Texts that come from the log are printable.
 struct LogReport {
   struct Requests {
-    std::string listener;  ///< "plain", "TLS", a thread's number or "unknown"
+    std::string listener;  ///< "plain", "TLS", a thread or "unknown"
     std::string endpoint;  ///< method and path; empty for all of the listener's
     Traffic traffic;
   };

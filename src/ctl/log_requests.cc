@@ -145,6 +145,25 @@ void RequestCounter::ForgetTheRarest() {
   }
 }
 
+void RequestCounter::Settle(const std::vector<size_t>& numbers) {
+  std::map<Key, Traffic> endpoints;
+  for (const auto& [key, traffic] : endpoints_) {
+    endpoints[{numbers.at(key.first), key.second}].Add(traffic);
+  }
+  endpoints_.swap(endpoints);
+  std::map<size_t, Traffic> listeners;
+  for (const auto& [number, traffic] : listeners_) {
+    listeners[numbers.at(number)].Add(traffic);
+  }
+  listeners_.swap(listeners);
+  std::map<std::pair<size_t, int>, Durations> answers;
+  for (const auto& [key, times] : answers_) {
+    answers[{numbers.at(key.first), key.second}].Add(times);
+  }
+  answers_.swap(answers);
+  waiting_.clear();
+}
+
 void RequestCounter::Report(const std::vector<std::string>& names, LogReport* report) const {
   // Threads that turned out to be the same listener's, of one process after another, are one.
   std::map<std::pair<std::string, std::string>, Traffic> rows;

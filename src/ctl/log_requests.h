@@ -23,6 +23,9 @@ class RequestCounter {
   /// Takes a line of a listener's thread. `isDebug`: the daemon writes all that it does.
   void Take(const LogEntry& entry, size_t listener, bool isDebug, Step* step);
 
+  /// The listeners of before have ended; each is what `numbers` has in its place.
+  void Settle(const std::vector<size_t>& numbers);
+
   /// Names the listeners by their numbers.
   void Report(const std::vector<std::string>& names, LogReport* report) const;
 

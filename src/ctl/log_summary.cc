@@ -22,8 +22,12 @@ void LogSummary::Add(std::string_view line) {
     counted_.otherLines += isCounting_ ? 1 : 0;
     return;
   }
+  if (listeners_.BeginsProcess(*entry)) {
+    requests_.Settle(listeners_.Settle());
+    refusals_.Settle();
+  }
   const size_t listener = listeners_.Take(*entry);
-  if (entry->level == Orx::Log::kDebug && debugProcess_ != entry->process) {
+  if (entry->level == Orx::Log::kDebug) {
     debugProcess_ = entry->process;
   }
   isCounting_ = entry->time >= since_;

@@ -7,12 +7,13 @@ namespace tavlo::ctl {
 
 /// A process that listens on a port.
 struct PortOwner {
-  std::string name;  ///< empty when it cannot be found out: root alone sees others' sockets
+  std::string name;  ///< empty when it cannot be found out: only root sees others' sockets
   std::string pid;
 
   /// As a message names it.
   std::string Text() const {
-    return name.empty() ? "a program that root alone can see" : "'" + name + "', process " + pid;
+    return name.empty() ? "a program that cannot be seen from here, perhaps by root"
+                        : "'" + name + "', process " + pid;
   }
 };
 

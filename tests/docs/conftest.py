@@ -35,13 +35,18 @@ def session(tmp_path):
     from support.daemon import BINARY, Daemon
     from support.scratch_root import ScratchRoot
 
-    key = re.search(r'^PAIRING_KEY = "(\w+)"$', DEMONSTRATION.read_text(encoding="utf-8"), re.M)[1]
+    demonstration = DEMONSTRATION.read_text(encoding="utf-8")
+    key = re.search(r'^PAIRING_KEY = "(\w+)"$', demonstration, re.M)[1]
+    script = re.search(r'^AGENT_HOOK = """(.*?)"""$', demonstration, re.M | re.S)[1]
     (tmp_path / "build" / "release").mkdir(parents=True)
     for binary in (BINARY, tavloctl.BINARY):
         (tmp_path / "build" / "release" / Path(binary).name).symlink_to(Path(binary).resolve())
     (tmp_path / "build" / "demo").mkdir()
     scratch_root = ScratchRoot(tmp_path / "build" / "demo")
     scratch_root.write_pairing_key(key)
+    scratch_root.settings["agentDataPath"] = str(scratch_root.agent_data)
+    scratch_root.write_hook(scratch_root.internal_hooks, "10-demonstration", script)
+    (scratch_root.external_hooks / "agent").rmdir()
     daemon = Daemon(scratch_root)
     with ExitStack() as stack:
         stack.enter_context(SdkRestHost(scratch_root.destination_port))

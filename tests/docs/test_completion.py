@@ -72,14 +72,21 @@ def test_all_commands_of_tavloctl_are_offered():
 
 @pytest.mark.parametrize("command", commands_of_tavloctl())
 def test_all_options_of_its_commands_are_offered_and_no_others(command):
-    usage = run_tavloctl(command, "--help").stdout.partition("\n")[0]
-    options = [*re.findall(r"(?<![\w-])(--?[a-z]+)", usage), "--help"]
+    usage = run_tavloctl(command, "--help").stdout
+    options = {*re.findall(r"(?<![\w-])(--?[a-z]+)", usage), "--help"}
     shown = offered(command, "-", program="tavloctl")
     assert sorted(shown) == sorted(options)
 
 
-@pytest.mark.parametrize("words", [["check", "-c"], ["check", "-f"], ["log"], ["log", "--plot"],
-                                   ["log", "a file"]])
+def test_all_events_are_offered():
+    usage = run_tavloctl("hook", "--help").stdout
+    events = re.findall(r"^  ([a-z_]+) ", usage, re.M)
+    assert len(events) == 7
+    assert [word for word in offered("hook", "", program="tavloctl") if word[0] != "-"] == events
+
+
+@pytest.mark.parametrize("words", [["check", "-c"], ["check", "-f"], ["hook", "-c"], ["hook", "--data"],
+                                   ["log"], ["log", "--plot"], ["log", "a file"]])
 def test_files_are_offered_to_tavloctl(words, tmp_path):
     (tmp_path / "a file").touch()
     assert offered(*words, "a", cwd=tmp_path, program="tavloctl") == ["a file"]

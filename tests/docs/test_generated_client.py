@@ -63,8 +63,9 @@ def ask(client, root, daemon, sdk_host):
 
 
 def test_a_path_with_slashes_arrives_as_it_is(ask, sdk_host):
-    answers = ask(["getCollection", ["1", "profiles"]], ["deleteItem", ["1", "profiles", "7"]],
-                  ["putPart", ["1", "profiles", "7", "rules", {"ref": "x"}]])["answers"]
+    answers = ask(["getCollection", ["1", "profiles", {}]],
+                  ["deleteItem", ["1", "profiles", "7", {}]],
+                  ["putPart", ["1", "profiles", "7", "rules", {"ref": "x"}, {}]])["answers"]
     assert [(each.method, each.path, each.body) for each in sdk_host.requests] == [
         ("GET", "/api/1/profiles", b""), ("DELETE", "/api/1/profiles/7", b""),
         ("PUT", "/api/1/profiles/7/rules", b'{"ref":"x"}')]
@@ -73,8 +74,13 @@ def test_a_path_with_slashes_arrives_as_it_is(ask, sdk_host):
 
 # Why the document has a parameter for each part.
 def test_a_slash_within_a_parameter_would_be_another_path(ask, sdk_host):
-    ask(["getName", ["1/profiles"]])
+    ask(["getName", ["1/profiles", {}]])
     assert [each.path for each in sdk_host.requests] == ["/api/1%2Fprofiles"]
+
+
+def test_a_query_arrives_as_it_is(ask, sdk_host):
+    ask(["getCollection", ["1", "profiles", {"query": {"all": "", "name": "a"}}]])
+    assert [each.path for each in sdk_host.requests] == ["/api/1/profiles?all=&name=a"]
 
 
 def test_it_asks_the_tls_listener_unless_it_is_told_otherwise(ask):

@@ -80,7 +80,8 @@ def example_path(template):
     """The path with the examples of its parameters."""
     for parameter in USABLE.tree["paths"][template].get("parameters", []):
         parameter = USABLE.resolve(parameter)
-        template = template.replace("{" + parameter["name"] + "}", parameter["example"])
+        if parameter["in"] == "path":
+            template = template.replace("{" + parameter["name"] + "}", parameter["example"])
     return template
 
 

@@ -3,6 +3,8 @@
 import os
 import re
 import signal
+import subprocess
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
@@ -10,6 +12,7 @@ from markdown import PROJECT
 from support.clients import ask
 from support.daemon import LOG_LINE
 from support.scratch_root import PAIRING_KEY
+from support.waiting import open_fifo_for_its_reader
 
 PAGE = (PROJECT / "docs" / "operations.md").read_text(encoding="utf-8")
 
@@ -47,6 +50,22 @@ def test_only_debug_lines_say_why_a_request_was_refused(root, make_daemon, optio
     assert {level for level, _ in texts} == levels
     reason = ("DEBUG", "Endpoint is not allowed with insecure connection")
     assert (reason in texts) == ("DEBUG" in levels)
+
+
+def test_the_command_that_is_shown_lists_the_scripts_that_run(root, make_daemon):
+    root.settings["agentDataPath"] = str(root.agent_data)
+    gate = root.directory / "gate"
+    os.mkfifo(gate)
+    script = root.write_hook(root.internal_hooks, "10-wait", f"#!/bin/sh\nread line <{gate}\n")
+    daemon = make_daemon().start()
+    command = re.search(r'^ {4}(pgrep .* "\$\(pidof tavlo\)")$', PAGE, re.M)[1]
+    with ThreadPoolExecutor(1) as pool:
+        request = pool.submit(ask, root.http_port, "GET", "/api/version")
+        with open_fifo_for_its_reader(gate):
+            shown = subprocess.run(command.replace("$(pidof tavlo)", str(daemon.pid)), shell=True,
+                                   check=True, capture_output=True, text=True).stdout
+            assert re.fullmatch(rf"\d+ /bin/sh {re.escape(str(script))} --method GET .*\n", shown)
+        request.result()
 
 
 def test_a_file_that_takes_the_place_of_the_router_information_is_read(root, daemon, sdk_host):

@@ -5,6 +5,8 @@ import os
 import re
 import subprocess
 
+import pytest
+
 from conftest import DEMONSTRATION
 from markdown import PROJECT, fenced_blocks
 from support.waiting import DEFAULT_LIMIT
@@ -20,13 +22,25 @@ def test_a_request_of_ones_own(session):
     assert json.loads(result.stdout) == json.loads(shown)
 
 
-def test_tavloctl_finds_what_is_shown(session):
-    [(command, shown)] = re.findall(r"^ {4}\$ (build/\S+tavloctl .+)\n((?: {4}.+\n)+)",
-                                    README.read_text(encoding="utf-8"), re.M)
+SHOWN = re.findall(r"^ {4}\$ (build/\S+tavloctl (\w+).*)\n((?: {4}.+\n)+)",
+                   README.read_text(encoding="utf-8"), re.M)
+
+
+def without_times(text):
+    return re.sub(r"\b\d+ ms$", "N ms", text, flags=re.M)
+
+
+def test_each_command_of_tavloctl_is_shown_once():
+    assert [name for _, name, _ in SHOWN] == ["check", "hook"]
+
+
+@pytest.mark.parametrize("command, name, output", SHOWN, ids=[name for _, name, _ in SHOWN])
+def test_tavloctl_prints_what_is_shown(session, command, name, output):
     result = subprocess.run(command.split(), cwd=session, capture_output=True, text=True, check=False,
                             timeout=DEFAULT_LIMIT)
-    assert (result.returncode, result.stderr) == (1, "")
-    assert result.stdout.replace(f"{session}/", "") == re.sub(r"^ {4}", "", shown, flags=re.M)
+    assert (result.returncode, result.stderr) == ({"check": 1, "hook": 3}[name], "")
+    assert (without_times(result.stdout.replace(f"{session}/", ""))
+            == without_times(re.sub(r"^ {4}", "", output, flags=re.M)))
 
 
 def test_the_demonstration_has_its_files_where_the_readme_looks():

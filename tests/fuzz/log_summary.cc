@@ -42,6 +42,11 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     summary.Add(LineOf(&input));
   }
   const tavlo::ctl::LogReport report = summary.Report();
+  uint64_t requests = 0;
+  for (const auto& row : report.endpoints) {
+    requests += row.traffic.count;
+  }
+  fuzz::Require(requests == report.RequestCount(), "each request is one of a listener's endpoint");
   for (const auto print : {tavlo::ctl::PrintText, tavlo::ctl::PrintJson, tavlo::ctl::PrintPlot}) {
     std::ostringstream out;
     print(report, out);

@@ -1,7 +1,5 @@
 // The configuration file.
 
-#include <array>
-
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -12,26 +10,11 @@
 
 namespace {
 
-constexpr std::array<const char*, 14> kKeys = {"agentDstPort",
-                                               "agentHttpPort",
-                                               "agentHttpsPort",
-                                               "lanInterface",
-                                               "agentDstAddr",
-                                               "agentPrefix",
-                                               "agentUser",
-                                               "routerInfoPath",
-                                               "agentDataPath",
-                                               "agentDirectory",
-                                               "internalHooksDirectory",
-                                               "externalHooksDirectory",
-                                               "deviceDiscoveryPath",
-                                               "rootPrefix"};
-
 std::string Values(const tavlo::AppSettings& settings) {
   std::string all;
-  for (const char* key : kKeys) {
+  for (const tavlo::AppSettings::Key& key : settings.Keys()) {
     std::string value;
-    fuzz::Require(settings.GetConfigValue(key, &value), "every key has a value");
+    fuzz::Require(settings.GetConfigValue(key.name, &value), "every key has a value");
     all += std::to_string(value.size()) + ":" + value;
   }
   return all;

@@ -20,12 +20,13 @@ Usage: tavlo [-d] [-s] [-f path] [-c path]
 
 SCHEMA = Path(__file__).resolve().parents[2] / "tavlo.schema.json"
 # What each default is, a unit test of the settings says for itself.
-DEFAULTS = {key: str(value["default"])
-            for key, value in json.loads(SCHEMA.read_text(encoding="utf-8"))["properties"].items()
-            if "default" in value}
+PROPERTIES = {key: value
+              for key, value in json.loads(SCHEMA.read_text(encoding="utf-8"))["properties"].items()
+              if "default" in value}
+DEFAULTS = {key: str(value["default"]) for key, value in PROPERTIES.items()}
 
-OTHER_VALUES = {key: f"of {key}" for key in DEFAULTS} | {
-    "agentDstPort": 1,
+OTHER_VALUES = {key: value["minimum"] if "minimum" in value else f"of {key}"
+                for key, value in PROPERTIES.items()} | {
     "agentHttpPort": 65535,
     "agentHttpsPort": 4443,
     "agentPrefix": "/rest v1",

@@ -268,7 +268,8 @@ def test_a_file_that_is_there_already_and_not_the_users(owned, place):
 
 
 @pytest.mark.parametrize("plant", [
-    lambda path: path.symlink_to("/dev/null"), lambda path: path.mkdir(), os.mkfifo,
+    lambda path: path.symlink_to(path.parent.parent / "tavlo.json"),
+    lambda path: path.mkdir(), os.mkfifo,
     lambda path: path.hardlink_to(path.parent.parent / "tavlo.json")],
     ids=["link", "directory", "fifo", "second name"])
 def test_a_file_that_is_none(root, plant):
@@ -307,10 +308,18 @@ def test_a_log_that_root_would_make(owned):
 
 
 @as_root
+def test_a_log_in_a_directory_that_the_user_may_not_write_to(owned):
+    directory = owned.directory / "logs"
+    directory.mkdir(mode=0o755)
+    assert findings(owned, "-f", directory / "log")[0] == cannot(
+        directory, "write to", "the daemon goes on without a log, and without an error")
+
+
+@as_root
 def test_a_log_whose_directory_is_missing(owned):
     log = owned.directory / "none/log"
     assert findings(owned, "-f", log) == [
-        missing(log.parent, LOST, f"install -d -m 750 -o {USER} {log.parent}")]
+        missing(log.parent, "the daemon goes on without a log, and without an error", f"install -d -m 750 -o {USER} {log.parent}")]
 
 
 def test_a_log_that_the_daemons_own_user_makes_is_no_finding(root):

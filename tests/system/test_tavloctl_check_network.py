@@ -63,6 +63,16 @@ def test_a_port_that_is_taken(root, lan, key, address, consequence):
     assert cure == f'end that program, or choose another "{key}"'
 
 
+def test_a_port_that_is_taken_by_a_stranger(root, lan):
+    """Only root sees whose it is."""
+    with lan.start("python3", "-c", LISTEN, "127.0.0.1", root.http_port):
+        wait_until(lambda: ("127.0.0.1", root.http_port) in lan.listening(), "the other program")
+        found, _ = check_as_nobody(root, prefix=lan.prefix)
+    assert (f"127.0.0.1:{root.http_port}",
+            "the port is taken by a program that cannot be seen from here, perhaps by root: "
+            f"{NOT_STARTED}", 'end that program, or choose another "agentHttpPort"') in found
+
+
 @pytest.mark.skipif(EMULATOR != "", reason="the process has the emulator's name")
 def test_ports_that_the_daemon_itself_has_are_no_finding(root, lan):
     with daemons(root) as make_daemon:

@@ -187,8 +187,9 @@ def test_what_the_daemon_takes_is_no_finding(root, text):
 
 
 def test_a_place_is_that_of_the_outermost_object(root):
-    text = '{"comment": {\n"agentDstPort": 1},\n/* "agentDstPort": 2 */\n\'agentDstPort\': 0}'
-    assert config_of(root, text)[1][1][0] == "FILE:4:1"
+    text = ('{"agentPrefix": "\\"", "comment": {\n"agentDstPort": 1},\n'
+            '/* "agentDstPort": 2 */\n\'agentDstPort\': 0}')
+    assert [where for where, _, _ in config_of(root, text)[1]] == ["FILE:1:23", "FILE:4:1"]
 
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="only root can give a test another user")

@@ -91,7 +91,7 @@ TEST(Since, IsAMomentOfAnyPrecision) {
 TEST(Since, IsADurationBeforeNow) {
   constexpr int64_t kNow = 1795275980000;
   EXPECT_EQ(ParseSince("90s", kNow), kNow - 90000);
-  EXPECT_EQ(ParseSince("30m", kNow), kNow - 30 * 60000);
+  EXPECT_EQ(ParseSince("30m", kNow), kNow - int64_t{30} * 60000);
   EXPECT_EQ(ParseSince("12h", kNow), kNow - int64_t{12} * 3600000);
   EXPECT_EQ(ParseSince("7d", kNow), kNow - int64_t{7} * 86400000);
 }

@@ -188,10 +188,10 @@ TEST_F(SettingsLookUp, OfAnUnknownKeyFailsAndLeavesTheOutputAlone) {
 
 TEST_F(SettingsLookUp, KnowsWhatAFileMaySayForEachKey) {
   const std::vector<AppSettings::Key> keys = settings_.Keys();
-  ASSERT_EQ(keys.size(), std::size(kDefaults));
+  ASSERT_EQ(keys.size(), std::size(kSettings));
   for (size_t i = 0; i < keys.size(); ++i) {
-    EXPECT_EQ(keys[i].name, kDefaults[i].key);
-    EXPECT_EQ(keys[i].isNumber, kDefaults[i].IsPort()) << keys[i].name;
+    EXPECT_EQ(keys[i].name, kSettings[i].key);
+    EXPECT_EQ(keys[i].isNumber, kSettings[i].isPort) << keys[i].name;
     EXPECT_EQ(keys[i].largest, keys[i].isNumber ? 65535 : 0) << keys[i].name;
     EXPECT_EQ(keys[i].smallest, keys[i].isNumber ? 1 : 0) << keys[i].name;
   }

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <array>
+#include <map>
+#include <string>
+
+#include "hooks/hook_invoker.h"
+
+namespace tavlo::ctl {
+
+/// The values of an event's flags; one that was not given is empty.
+using FlagValues = std::map<std::string, std::string>;
+
+/// One event that scripts can be run for.
+struct HookEvent {
+  const char* name;
+  std::array<const char*, 3> flags;  ///< without their dashes; null behind the last
+  bool isRequest;  ///< whether it is the daemon's own, and scripts may end the request
+  Orx::Status (*raise)(Orx::HookInvoker& hooks, FlagValues& values, int* exitCode);
+
+  bool Takes(const std::string& flag) const;
+};
+
+/// Null when there is none of that name.
+const HookEvent* FindHookEvent(const std::string& name);
+
+}  // namespace tavlo::ctl
