@@ -1,12 +1,14 @@
 # The front door: each target says in a line what it is for; the work is in CMake and tools/.
 
-.PHONY: all aarch64 bench build check clean deb format fuzz fuzz-coverage help install mutate prove \
-  run soak test uclibc uninstall
+.PHONY: all aarch64 armhf bench build check clean deb format fuzz fuzz-coverage help install musl \
+  mutate prove run soak targets test uclibc uninstall
 
 export DESTDIR PREFIX SYSCONFDIR
 
 # PUBLISH=1 notes in tests/by-hand.md that the target went well.
 note = @$(if $(PUBLISH),tools/by-hand note $@,:)
+# The same for the table of cross builds in docs/porting.md.
+note-target = @$(if $(PUBLISH),tools/target note $@,:)
 
 all: build
 
@@ -49,15 +51,35 @@ test:  ## run the tests whose names match ONLY=pattern; PRESET=asan, REPEAT=20, 
 	@tools/test '$(ONLY)' $(if $(PRESET),--preset $(PRESET)) $(if $(REPEAT),--repeat $(REPEAT)) \
 	  $(if $(LOAD),--load $(LOAD))
 
-aarch64:  ## build for AArch64 and run all tests of that build under an emulator
+aarch64:  ## build for AArch64, run all tests of that build under an emulator, and show a session
 	@tools/dependencies aarch64
 	@tools/check aarch64
+	$(note-target)
 	$(note)
 
-uclibc:  ## the same with uClibc-ng, whose toolchain it makes first: an hour, then it stays
+armhf:  ## the same for 32-bit ARM
+	@tools/dependencies armhf
+	@tools/check armhf
+	$(note-target)
+	$(note)
+
+musl:  ## the same for AArch64 with musl, whose toolchain it makes first: an hour, then it stays
+	@tools/dependencies musl
+	@tools/check musl
+	$(note-target)
+	$(note)
+
+uclibc:  ## the same with uClibc-ng
 	@tools/dependencies uclibc
 	@tools/check uclibc
+	$(note-target)
 	$(note)
+
+targets:  ## all four of them, one after another: some hours
+	@$(MAKE) aarch64
+	@$(MAKE) armhf
+	@$(MAKE) musl
+	@$(MAKE) uclibc
 
 fuzz:  ## feed made-up inputs to what reads foreign ones: a minute each, or TIME=seconds TARGET=name
 	@tools/dependencies prove

@@ -29,6 +29,11 @@ target_compile_options(tavlo_build_flags INTERFACE
 # tells what a listener's thread is.
 target_compile_options(tavlo_build_flags INTERFACE -fno-optimize-sibling-calls)
 
+# Times and file sizes of 64 bits where the processor has 32, for a router that runs past 2038.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  target_compile_definitions(tavlo_build_flags INTERFACE _TIME_BITS=64 _FILE_OFFSET_BITS=64)
+endif()
+
 # Out-of-line atomics ask the C library for __getauxval, which uClibc-ng may not have.
 target_compile_options(tavlo_build_flags INTERFACE
   $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},aarch64>:-mno-outline-atomics>)

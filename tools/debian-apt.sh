@@ -19,10 +19,11 @@ begin_debian_apt() {
   mkdir -p apt/lists/partial apt/archives/partial
   : >apt/status
   private_apt update
-  # Which of the machine's repositories are Debian's, by whatever mirror they come.
+  # Which of the machine's repositories are Debian's, by whatever mirror they come; the release itself
+  # before its security archive, whose list names files that it has given up.
   # shellcheck disable=SC2016 # the names are apt's
   private_apt indextargets 'Created-By: Packages' 'Origin: Debian' \
-    --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' | sort -u |
+    --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' | sort -u -k 2 |
     sed 's/.*/deb &\ndeb-src &/' >apt/sources.list
   debian_apt update
 }

@@ -15,8 +15,9 @@ from pathlib import Path
 PROJECT = Path(__file__).resolve().parent.parent
 # The tests wait more than they compute.
 TEST_JOBS = str(4 * (os.cpu_count() or 1))
-# How the unit tests and pytest say in their output why a test is skipped.
-SKIPPED = [re.compile(r": Skipped\n(.+)"), re.compile(r"^SKIPPED \[\d+\] \S+ (.+)", re.M)]
+# How the unit tests say in their output why one is skipped, and pytest why so many are.
+SKIPPED = [re.compile(r": Skipped\n(?P<reason>.+)"),
+           re.compile(r"^SKIPPED \[(?P<count>\d+)\] \S+ (?P<reason>.+)", re.M)]
 CTEST_PROGRESS = re.compile(r"^ *(\d+/\d+) Test ", re.M)
 POLL_SECS = 0.1
 SILENCE_SECS = 60  # on no terminal, after which a line says how far it is
@@ -81,6 +82,7 @@ class Tally:
         self.passed = self.skipped = 0
         self.failures = []
         self.reasons = set()
+        self.skipped_for = collections.Counter()
         self.seconds = collections.Counter()
 
     def add(self, step):
@@ -100,8 +102,9 @@ class Tally:
         """Counts the tests of CTest's report and prints what the failed ones said."""
         for case in xml.etree.ElementTree.parse(step.report).getroot().iter("testcase"):
             output = case.findtext("system-out", "")
-            self.reasons |= {(case.get("name"), reason)
-                             for pattern in SKIPPED for reason in pattern.findall(output)}
+            for found in (found for pattern in SKIPPED for found in pattern.finditer(output)):
+                self.reasons.add((case.get("name"), found["reason"]))
+                self.skipped_for[found["reason"]] += int(found.groupdict().get("count", 1))
             # Those within a file of system tests, which is one test to CTest.
             self.skipped += sum(map(int, re.findall(r"^SKIPPED \[(\d+)\]", output, re.M)))
             name = f"{step.name}: {case.get('name')}"

@@ -1,9 +1,11 @@
 #include "agent/agent_host.h"
 
 #include <cerrno>
+#include <ctime>
 #include <stdexcept>
 
 #include <event2/bufferevent.h>
+#include <event2/event-config.h>
 #include <event2/event.h>
 
 #include "agent/callback_guard.h"
@@ -14,6 +16,9 @@
 namespace tavlo {
 
 namespace {
+
+// It would take each time limit for another one.
+static_assert(sizeof(std::time_t) == EVENT__SIZEOF_TIME_T, "libevent has another time_t");
 
 constexpr const char* kLoopback = "127.0.0.1";
 constexpr timeval kHeartbeatPeriod = {30, 0};

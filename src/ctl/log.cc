@@ -1,6 +1,5 @@
 #include "ctl/log.h"
 
-#include <chrono>
 #include <fstream>
 #include <iostream>
 #include <limits>
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include <getopt.h>
+#include <sys/time.h>
 
 #include "ctl/log_entry.h"
 #include "ctl/log_reader.h"
@@ -45,9 +45,11 @@ struct Options {
   std::vector<std::string> files;
 };
 
+// In milliseconds. Not from the C++ library, whose times may have 32 bits, and end in 2038.
 int64_t Now() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+  timeval now = {};
+  ::gettimeofday(&now, nullptr);
+  return int64_t{now.tv_sec} * 1000 + now.tv_usec / 1000;
 }
 
 bool TakeSince(const char* text, Options* options) {

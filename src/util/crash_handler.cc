@@ -76,6 +76,11 @@ Registers ReadRegisters(const void* context) {
   registers.pc = ToPointer(machine.pc);
   registers.sp = ToPointer(machine.sp);
   registers.lr = ToPointer(machine.regs[30]);
+#elif defined(__arm__)
+  registers.faultAddress = ToPointer(machine.fault_address);
+  registers.pc = ToPointer(machine.arm_pc);
+  registers.sp = ToPointer(machine.arm_sp);
+  registers.lr = ToPointer(machine.arm_lr);
 #elif defined(__x86_64__)
   registers.faultAddress = ToPointer(machine.gregs[REG_CR2]);
   registers.pc = ToPointer(machine.gregs[REG_RIP]);
@@ -164,7 +169,7 @@ void WriteLine(int fd, const char* format, ...) {
   }
 }
 
-constexpr long kSecsADay = 24L * 60 * 60;
+constexpr int kSecsADay = 24 * 60 * 60;
 
 long DaysOfYear(long year) {
   return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0) ? 366 : 365;
@@ -181,8 +186,8 @@ struct UtcTime {
 
 // Not gmtime_r: it locks, and may be what the signal has interrupted.
 UtcTime ToUtc(std::time_t time) {
-  const long secs = time % kSecsADay;
-  long days = time / kSecsADay;
+  const auto secs = static_cast<long>(time % kSecsADay);
+  auto days = static_cast<long>(time / kSecsADay);
   long year = 1970;
   for (; days >= DaysOfYear(year); ++year) {
     days -= DaysOfYear(year);

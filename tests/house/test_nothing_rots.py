@@ -13,7 +13,7 @@ import pytest
 PROJECT = Path(__file__).resolve().parents[2]
 BY_HAND = PROJECT / "tests" / "by-hand.md"
 TARGET = re.compile(r"^([a-z0-9-]+):.*##.*\n((?:\t.*\n)*)", re.M)
-PROGRAM = re.compile(r"\b(?:tools|tests/system)/[\w-]+(?:\.py|/[\w-]+)?")
+PROGRAM = re.compile(r"\b(?:tools|tests/system)/[\w-]+(?:\.py|/[\w-]+(?:\.sh)?)?")
 DOCUMENTS = sorted(str(path.relative_to(PROJECT))
                    for pattern in ("*.md", "docs/*.md", "tests/*/*.md", "examples/**/*.md")
                    for path in PROJECT.glob(pattern))

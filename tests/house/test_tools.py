@@ -89,7 +89,7 @@ def test_a_name_that_no_test_has_is_a_failure(tmp_path, preset):
     assert status("unknown-name") != 0
 
 
-@pytest.mark.parametrize("name", ["aarch64-sysroot", "deb", "format", "install"])
+@pytest.mark.parametrize("name", ["deb", "debian-sysroot", "format", "install"])
 def test_a_script_that_takes_no_options_starts_nothing_when_it_is_given_one(tmp_path, name):
     (tmp_path / "tools").mkdir()
     tool = shutil.copy(PROJECT / "tools" / name, tmp_path / "tools")
@@ -126,7 +126,7 @@ SKIPPED [2] test_c.py:5: not under an emulator
 
 
 def test_a_check_counts_the_tests_and_tells_why_some_were_skipped(tmp_path):
-    programs = {"tools/aarch64-sysroot": "true", "tools/build": "true",
+    programs = {"tools/debian-sysroot": "true", "tools/build": "true", "tools/target": "true",
                 "programs/ctest": 'cp report build/aarch64/tests.xml; exit 8'}
     for name, script in programs.items():
         path = tmp_path / name
@@ -146,13 +146,13 @@ def test_a_check_counts_the_tests_and_tells_why_some_were_skipped(tmp_path):
         "skipped: system/c: not under an emulator",
         "skipped: unit/b: only root can do that",
         "failed: aarch64 tests: system/d",
-        "4 passed, 1 failed, 3 skipped"]
+        "5 passed, 1 failed, 3 skipped"]
 
 
 @pytest.mark.parametrize("argument, status", [("--help", 0), ("--unknown", 2)])
 @pytest.mark.parametrize("name", [
     "tests/system/soak.py", "tools/bench", "tools/by-hand", "tools/check", "tools/demonstration",
-    "tools/fuzz", "tools/mutate", "tools/test"])
+    "tools/fuzz", "tools/mutate", "tools/target", "tools/test"])
 def test_a_tool_tells_how_it_is_used_and_starts_nothing(name, argument, status):
     result = subprocess.run([PROJECT / name, argument], capture_output=True, text=True,
                             check=False, timeout=LIMIT_SECS,
@@ -162,11 +162,10 @@ def test_a_tool_tells_how_it_is_used_and_starts_nothing(name, argument, status):
 
 
 @pytest.mark.parametrize("name, maker", [
-    ("aarch64", "tools/aarch64-sysroot"), ("uclibc", "tools/uclibc/all")])
+    ("aarch64", "tools/debian-sysroot aarch64"), ("armhf", "tools/toolchain/all armhf"),
+    ("musl", "tools/toolchain/all musl"), ("uclibc", "tools/toolchain/all uclibc")])
 def test_a_cross_build_without_its_libraries_says_what_makes_them(tmp_path, name, maker):
-    toolchain = tmp_path / "cmake" / f"{name}.cmake"
-    toolchain.parent.mkdir()
-    shutil.copy(PROJECT / "cmake" / toolchain.name, toolchain)
+    toolchain = shutil.copytree(PROJECT / "cmake", tmp_path / "cmake") / f"{name}.cmake"
     (tmp_path / "CMakeLists.txt").write_text(
         "cmake_minimum_required(VERSION 3.25)\nproject(any LANGUAGES NONE)\n")
     result = subprocess.run(

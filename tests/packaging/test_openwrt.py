@@ -161,6 +161,8 @@ prepare:
 	$(call Build/Prepare)
 show:
 	@echo $(PKG_NAME) $(PKG_VERSION) $(CMAKE_OPTIONS)
+license:
+	@echo $(PKG_LICENSE) $(PKG_LICENSE_FILES)
 strip:
 	@$(RSTRIP) strips && $(STRIP) strips
 define BuildPackage
@@ -191,6 +193,12 @@ def test_its_version_is_the_builds(make):
     assert make("show").split() == [
         "tavlo", version, "-DBUILD_TESTING=OFF", "-DCMAKE_OBJCOPY=router-objcopy",
         "-DCMAKE_STRIP=router-strip"]
+
+
+def test_its_licence_is_what_the_source_gives(make):
+    name, path = make("license").split()
+    assert name == "NONE"
+    assert "The source gives no licence." in (SOURCE / path).read_text()
 
 
 @pytest.fixture(name="built")

@@ -8,15 +8,16 @@ NEW_KEY_OPTIONS = {
 }
 
 
-def _openssl(*arguments):
-    subprocess.run(["openssl", *map(str, arguments)], check=True, capture_output=True)
+def _openssl(*arguments, clock=()):
+    subprocess.run([*clock, "openssl", *map(str, arguments)], check=True, capture_output=True)
 
 
-def make_pair(certificate, key, name="tavlo", kind="P-256"):
-    """A self-signed certificate for 127.0.0.1 whose common name is `name`."""
+def make_pair(certificate, key, name="tavlo", kind="P-256", clock=()):
+    """A self-signed certificate for 127.0.0.1 whose common name is `name`. It holds from now on, or from
+    the time at which the command `clock` starts a program."""
     _openssl("req", "-x509", *NEW_KEY_OPTIONS[kind], "-nodes", "-days", "2",
              "-subj", f"/CN={name}", "-addext", "subjectAltName=IP:127.0.0.1",
-             "-keyout", key, "-out", certificate)
+             "-keyout", key, "-out", certificate, clock=clock)
 
 
 def make_issued_pair(certificate, key, directory):

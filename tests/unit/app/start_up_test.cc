@@ -167,7 +167,7 @@ TEST_F(StartUp, FailsWhenThereIsNoMemoryForAHost) {
   for (int before = 0; before < kMoreThanThereAre && !LogHas(line); ++before) {
     test::RunInChild([this, before] {
       try {
-        const Fault fault("_Znwm", ENOMEM, before, 1);
+        const Fault fault("operator_new", ENOMEM, before, 1);
         Init(configPath_);
       } catch (const std::bad_alloc&) {
       }

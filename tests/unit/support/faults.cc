@@ -128,16 +128,16 @@ ssize_t FailOrReadOne(int fd, void* data) {
 // process: it passes every call on, unless a Fault is alive for it. (The C++ name differs from the
 // symbol, so that it does not collide with the libraries' own declarations.)
 // NOLINTBEGIN(bugprone-macro-parentheses): parameters are a list, Result is a type
-#define FAULTY(Result, function, failure, parameters, arguments)                                 \
+#define FAULTY_AS(Result, function, symbol, failure, parameters, arguments)                      \
   static auto function##_real() {                                                                \
     static const auto real =                                                                     \
-        reinterpret_cast<Result(*) parameters>(::dlsym(RTLD_NEXT, #function));                   \
+        reinterpret_cast<Result(*) parameters>(::dlsym(RTLD_NEXT, symbol));                      \
     return real;                                                                                 \
   }                                                                                              \
   static FaultState function##_state;                                                            \
   static const Registration function##_registration(#function, &function##_state,                \
                                                     reinterpret_cast<void*>(function##_real())); \
-  extern "C" Result faulty_##function parameters __asm__(#function);                             \
+  extern "C" Result faulty_##function parameters __asm__(symbol);                                \
   Result faulty_##function parameters {                                                          \
     if (function##_state.ShouldFail()) {                                                         \
       return failure;                                                                            \
@@ -146,10 +146,21 @@ ssize_t FailOrReadOne(int fd, void* data) {
   }
 // NOLINTEND(bugprone-macro-parentheses)
 
+#define FAULTY(Result, function, failure, parameters, arguments) \
+  FAULTY_AS(Result, function, #function, failure, parameters, arguments)
+
+// For processors of 32 bits glibc has functions with times and file sizes of 64 bits under other names
+// than those of 32.
+#if defined(__GLIBC__) && __SIZEOF_POINTER__ == 4
+#define WIDE(symbol, wide) wide
+#else
+#define WIDE(symbol, wide) symbol
+#endif
+
 // The C library's. The failure value of pthread_sigmask is its error number.
-FAULTY(int, gettimeofday, FailOrFreeze(now), (timeval * now, void* zone), (now, zone))
-FAULTY(int, open, -1, (const char* path, int flags, unsigned mode), (path, flags, mode))
-FAULTY(off_t, lseek, -1, (int fd, off_t offset, int from), (fd, offset, from))
+FAULTY_AS(int, gettimeofday, WIDE("gettimeofday", "__gettimeofday64"), FailOrFreeze(now), (timeval * now, void* zone), (now, zone))
+FAULTY_AS(int, open, WIDE("open", "open64"), -1, (const char* path, int flags, unsigned mode), (path, flags, mode))
+FAULTY_AS(off_t, lseek, WIDE("lseek", "lseek64"), -1, (int fd, off_t offset, int from), (fd, offset, from))
 FAULTY(ssize_t, read, FailOrReadOne(fd, data), (int fd, void* data, size_t size), (fd, data, size))
 FAULTY(ssize_t, write, -1, (int fd, const void* data, size_t size), (fd, data, size))
 FAULTY(int, close, -1, (int fd), (fd))
@@ -165,10 +176,10 @@ FAULTY(const char*, inet_ntop, nullptr, (int family, const void* in, char* out, 
 FAULTY(int, accept4, -1, (int fd, void* address, unsigned* size, int flags),
        (fd, address, size, flags))
 FAULTY(int, flock, -1, (int fd, int operation), (fd, operation))
-FAULTY(int, nanosleep, RefusePause(wanted), (const timespec* wanted, timespec* left),
+FAULTY_AS(int, nanosleep, WIDE("nanosleep", "__nanosleep64"), RefusePause(wanted), (const timespec* wanted, timespec* left),
        (wanted, left))
 FAULTY(int, pthread_sigmask, errno, (int how, const void* set, void* old), (how, set, old))
-FAULTY(int, sigtimedwait, -1, (const void* set, void* info, const timespec* limit),
+FAULTY_AS(int, sigtimedwait, WIDE("sigtimedwait", "__sigtimedwait64"), -1, (const void* set, void* info, const timespec* limit),
        (set, info, limit))
 FAULTY(int, pipe2, -1, (int* fds, int flags), (fds, flags))
 FAULTY(pid_t, fork, -1, (), ())
@@ -179,10 +190,10 @@ FAULTY(int, epoll_wait, -1, (int fd, void* events, int count, int timeout),
        (fd, events, count, timeout))
 FAULTY(int, setgid, -1, (unsigned gid), (gid))
 FAULTY(int, setuid, -1, (unsigned uid), (uid))
-FAULTY(int, ftruncate, -1, (int fd, off_t length), (fd, length))
+FAULTY_AS(int, ftruncate, WIDE("ftruncate", "ftruncate64"), -1, (int fd, off_t length), (fd, length))
 FAULTY(char*, strsignal, nullptr, (int number), (number))
-FAULTY(time_t, time, frozenSeconds, (time_t * now), (now))
-FAULTY(tm*, gmtime_r, nullptr, (const time_t* time, tm* parts), (time, parts))
+FAULTY_AS(time_t, time, WIDE("time", "__time64"), frozenSeconds, (time_t * now), (now))
+FAULTY_AS(tm*, gmtime_r, WIDE("gmtime_r", "__gmtime64_r"), nullptr, (const time_t* time, tm* parts), (time, parts))
 
 // The C++ library's, and the compiler's.
 FAULTY(char*, __cxa_demangle, nullptr, (const char* name, char* text, size_t* size, int* status),
@@ -204,10 +215,11 @@ FAULTY(void*, signal, reinterpret_cast<void*>(SIG_ERR), (int number, void* handl
        (number, handler))
 
 // PassTime puts it forward.
-extern "C" int advanced_clock_gettime(int clock, timespec* now) __asm__("clock_gettime");
+#define CLOCK_GETTIME WIDE("clock_gettime", "__clock_gettime64")
+extern "C" int advanced_clock_gettime(int clock, timespec* now) __asm__(CLOCK_GETTIME);
 int advanced_clock_gettime(int clock, timespec* now) {
   static const auto real =
-      reinterpret_cast<int (*)(int, timespec*)>(::dlsym(RTLD_NEXT, "clock_gettime"));
+      reinterpret_cast<int (*)(int, timespec*)>(::dlsym(RTLD_NEXT, CLOCK_GETTIME));
   const int result = real(clock, now);
   if (result == 0) {
     Advance(clock, now);
@@ -215,8 +227,13 @@ int advanced_clock_gettime(int clock, timespec* now) {
   return result;
 }
 
-// The C++ library's operator new.
-FAULTY(void*, _Znwm, (throw std::bad_alloc(), nullptr), (size_t size), (size))
+// The C++ library's operator new, whose name tells what a size is.
+#if __SIZEOF_POINTER__ == 4
+#define OPERATOR_NEW "_Znwj"
+#else
+#define OPERATOR_NEW "_Znwm"
+#endif
+FAULTY_AS(void*, operator_new, OPERATOR_NEW, (throw std::bad_alloc(), nullptr), (size_t size), (size))
 
 // libevent's.
 FAULTY(void*, event_base_new_with_config, nullptr, (const void* config), (config))

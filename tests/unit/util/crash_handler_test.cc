@@ -41,6 +41,13 @@ __asm__(
     ".pushsection .text\n"
     ".globl crash_at_once\n"
     ".type crash_at_once, %function\n"
+#if defined(__arm__)
+    ".arm\n"
+    "crash_at_once:\n"
+    ".fnstart\n"
+    "udf #0\n"
+    ".fnend\n"
+#else
     "crash_at_once:\n"
     ".cfi_startproc\n"
 #if defined(__aarch64__)
@@ -49,6 +56,7 @@ __asm__(
     "ud2\n"
 #endif
     ".cfi_endproc\n"
+#endif
     ".size crash_at_once, . - crash_at_once\n"
     ".popsection\n");
 

@@ -11,7 +11,7 @@
 
 #include "support/crash_test.h"
 
-#if defined(__aarch64__) || defined(__x86_64__)
+#if defined(__aarch64__) || defined(__arm__) || defined(__x86_64__)
 
 extern "C" {
 // Writes to `address`, with `stack` as its stack and, where the processor has one, `link` in its
@@ -20,12 +20,23 @@ void write_to(uintptr_t address, uintptr_t stack, uintptr_t link);
 extern const char write_to_pc __attribute__((visibility("hidden")));
 }
 
-// Nobody has called it, as far as the unwinder can see: the return address is undefined.
+// Nobody has called it, as far as the unwinder can see: the return address is undefined, or one where
+// there is nothing.
 __asm__(
     ".pushsection .text\n"
     ".globl write_to, write_to_pc\n"
     ".hidden write_to_pc\n"
     ".type write_to, %function\n"
+#if defined(__arm__)
+    ".arm\n"
+    "write_to:\n"
+    ".fnstart\n"
+    "mov sp, r1\n"
+    "mov lr, r2\n"
+    "write_to_pc: strb r2, [r0]\n"
+    "udf #0\n"
+    ".fnend\n"
+#else
     "write_to:\n"
     ".cfi_startproc\n"
 #if defined(__aarch64__)
@@ -41,6 +52,7 @@ __asm__(
     "ud2\n"
 #endif
     ".cfi_endproc\n"
+#endif
     ".size write_to, . - write_to\n"
     ".popsection\n");
 
@@ -49,11 +61,13 @@ namespace {
 using testing::HasSubstr;
 
 constexpr uintptr_t kNowhere = 0x1231;
-constexpr uintptr_t kLink = 0x123456789abc;
+constexpr uintptr_t kLink = sizeof(uintptr_t) == 4 ? 0x12345678 : 0x123456789abc;
 constexpr size_t kStackSize = 1U << 20U;
 
 #if defined(__aarch64__)
 constexpr const char* kShownLink = "0x123456789abc";
+#elif defined(__arm__)
+constexpr const char* kShownLink = "0x12345678";
 #else
 constexpr const char* kShownLink = "(nil)";
 #endif

@@ -1,25 +1,36 @@
-# What the steps of tools/uclibc share; each of them reads it first.
-# shellcheck shell=sh disable=SC2034 # set here, used by the steps
+# What the steps of tools/toolchain share; each of them reads it first. A step's one argument is the
+# preset that the toolchain is for, of which the file of that name says what is different.
+# shellcheck shell=sh disable=SC2034,SC2154 # set here, used by the steps, or set by the preset's file
 set -eu
 
 tools=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$tools/../.." && pwd)
-place=$root/build/uclibc/toolchain
+case "$#:${1:-}" in
+  1:uclibc | 1:musl | 1:armhf) preset=$1 ;;
+  *) echo "usage: tools/toolchain/$(basename "$0") uclibc|musl|armhf" >&2; exit 2 ;;
+esac
+place=$root/build/$preset/toolchain
 packages=$place/packages    # as they came
 objects=$place/objects      # where they are built
 compiler=$place/compiler    # runs here
 sysroot=$place/sysroot      # what a router has, headers and what tests need
 stamps=$place/stamps
 logs=$place/logs
-
-target=aarch64-linux-uclibc
 jobs=$(nproc)
+
+# What holds unless the preset's file says something else.
+binary_packages="gcc-12-source googletest linux-libc-dev-arm64-cross rapidjson-dev"
+source_packages="json-c libevent openssl zlib"
+compiler_step=compiler  # after which there is a compiler and a C library
+openssl_target=linux-aarch64
 # Atomics inside a function, not in libgcc: there they ask the C library for the processor's
-# abilities, with a function that is not in it. Unwind tables, for crash records.
+# abilities, with a function that uClibc-ng has not got. Unwind tables, for crash records.
 target_flags="-O2 -mno-outline-atomics -funwind-tables"
 # Bound when it is loaded, not call by call: uClibc-ng's lazy binding breaks thread-local variables that
 # are asked for through a descriptor.
 link_flags="-Wl,-z,relro,-z,now"
+# shellcheck source=tools/toolchain/musl.sh
+. "$tools/$preset.sh"
 
 export PATH="$compiler/bin:$PATH"
 export PKG_CONFIG_SYSROOT_DIR="$sysroot" PKG_CONFIG_LIBDIR="$sysroot/usr/lib/pkgconfig"
@@ -27,8 +38,8 @@ export PKG_CONFIG_SYSROOT_DIR="$sysroot" PKG_CONFIG_LIBDIR="$sysroot/usr/lib/pkg
 # fingerprint NEEDED...: changes with the commands of the step, and with all that it is made from.
 fingerprint() {
   {
-    sed -e '/^ *#/d' -e '/^$/d' "$tools/$step_name"
-    echo "$target $target_flags $link_flags"
+    sed -e '/^ *#/d' -e '/^$/d' "$tools/$step_name" "$tools/$preset.sh"
+    echo "$target $target_flags $link_flags $binary_packages $source_packages"
     [ $# -eq 0 ] || cat "$@"
   } | cksum
 }
@@ -55,7 +66,7 @@ step() {
 
 step_failed() {
   tail -n 30 "$logs/$step_name" >&3
-  echo "tools/uclibc/$step_name has failed; all that it printed is in $logs/$step_name" >&3
+  echo "tools/toolchain/$step_name has failed; all that it printed is in $logs/$step_name" >&3
 }
 
 # say TEXT: shows it to the user and not in the log.
@@ -87,7 +98,7 @@ strip_libraries() {
 
 # build_with_cmake [OPTION...]: builds what is in the current folder and puts it into the sysroot.
 build_with_cmake() {
-  cmake -S . -B build -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/uclibc.cmake" \
+  cmake -S . -B build -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/$preset.cmake" \
     -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR=lib \
     -DCMAKE_C_FLAGS_RELEASE="$target_flags" -DCMAKE_CXX_FLAGS_RELEASE="$target_flags" \
     -DCMAKE_SHARED_LINKER_FLAGS="$link_flags" "$@"
