@@ -16,15 +16,20 @@ SHARED_BY_ALL = ("ld-linux", "libc.so", "libm.so", "libdl.so", "libpthread.so", 
                  "libcrypt.so", "libresolv.so", "libnss", "libssl.so", "libcrypto.so")
 
 
-def cpu_ns(server):
-    """What all threads of all its processes have used, and their children that have ended."""
+def _cpu_ns_of(pid):
     total = 0
-    for pid in server.pids():
+    try:
         for schedstat in Path(f"/proc/{pid}/task").glob("*/schedstat"):
             total += int(schedstat.read_text(encoding="ascii").split()[0])
         after_name = Path(f"/proc/{pid}/stat").read_text(encoding="ascii").rpartition(")")[2]
-        total += sum(map(int, after_name.split()[13:15])) * TICK_NS
-    return total
+        return total + sum(map(int, after_name.split()[13:15])) * TICK_NS
+    except (FileNotFoundError, ProcessLookupError):
+        return 0  # a script that has ended meanwhile
+
+
+def cpu_ns(server):
+    """What all threads of all its processes have used, and their children that have ended."""
+    return sum(map(_cpu_ns_of, server.pids()))
 
 
 def _proportional_kib(server):

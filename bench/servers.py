@@ -120,7 +120,10 @@ class Server:
         found = [self.process.pid]
         for pid in found:
             for children in Path(f"/proc/{pid}/task").glob("*/children"):
-                found += map(int, children.read_text(encoding="ascii").split())
+                try:
+                    found += map(int, children.read_text(encoding="ascii").split())
+                except (FileNotFoundError, ProcessLookupError):
+                    pass  # a script that has ended meanwhile
         return found
 
 
