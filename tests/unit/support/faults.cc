@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <map>
 #include <new>
 #include <stdexcept>
@@ -226,6 +227,21 @@ int advanced_clock_gettime(int clock, timespec* now) {
   }
   return result;
 }
+
+#if defined(__GLIBC__) && __SIZEOF_POINTER__ == 4
+// The C++ library's clocks ask the one with times of 32 bits.
+struct NarrowTime {
+  int32_t seconds;
+  int32_t nanoseconds;
+};
+extern "C" int advanced_narrow_clock_gettime(int clock, NarrowTime* now) __asm__("clock_gettime");
+int advanced_narrow_clock_gettime(int clock, NarrowTime* now) {
+  timespec wide = {};
+  const int result = advanced_clock_gettime(clock, &wide);
+  *now = {static_cast<int32_t>(wide.tv_sec), static_cast<int32_t>(wide.tv_nsec)};
+  return result;
+}
+#endif
 
 // The C++ library's operator new, whose name tells what a size is.
 #if __SIZEOF_POINTER__ == 4

@@ -97,7 +97,7 @@ class CrashRegisters : public test::CrashTest {
 };
 
 TEST_F(CrashRegisters, AreRecordedAsTheFaultLeftThem) {
-  EXPECT_THAT(Record(), HasSubstr("\nFault address: " + Shown(kNowhere) + " PC: " + pc_ +
+  EXPECT_THAT(Record(), HasSubstr("\nFault address: " + test::FaultAddress(kNowhere) + " PC: " + pc_ +
                                   " SP: " + Shown(stack_) + " LR: " + kShownLink + "\n"));
 }
 
