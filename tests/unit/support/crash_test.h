@@ -31,7 +31,8 @@ class CrashTest : public testing::Test {
   TemporaryDirectory directory_;
 };
 
-/// As ::raise, out of which the unwinder finds no way on 32-bit ARM: glibc has no tables for it there.
+/// As ::raise, out of which the unwinder finds no way on 32-bit ARM: glibc has no tables for it
+/// there.
 void Raise(int number);
 
 /// How a record's line of registers shows the address of a fault. qemu's user mode leaves it out of

@@ -36,8 +36,8 @@ extern "C" __attribute__((noinline)) void crash_under_a_c_name() {
   __asm__ volatile("");
 }
 
-// Faults at its first instruction. (A compiler would put something before it.) 32-bit ARM's unwinder
-// takes each address for one that a call returns to, and looks before it.
+// Faults at its first instruction. (A compiler would put something before it.) 32-bit ARM's
+// unwinder takes each address for one that a call returns to, and looks before it.
 #if !defined(__arm__)
 extern "C" void crash_at_once();
 __asm__(
