@@ -25,6 +25,12 @@ target_compile_options(tavlo_build_flags INTERFACE
   $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-branches>
   $<$<CXX_COMPILER_ID:GNU>:-Wlogical-op>)
 
+# On 32-bit ARM a function that throws nothing has no unwind table unasked, and a crash record ends there.
+# g++ before 7.1 passed some arguments differently there, which is said of each of them.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+  target_compile_options(tavlo_build_flags INTERFACE -funwind-tables -Wno-psabi)
+endif()
+
 # A function whose last call has become a jump is missing in a crash record, such as the one that
 # tells what a listener's thread is.
 target_compile_options(tavlo_build_flags INTERFACE -fno-optimize-sibling-calls)

@@ -16,7 +16,7 @@ import pytest
 
 from conftest import daemons
 from support.clients import Client, connect
-from support.daemon import BINARY, DIE_WITH_PARENT, PROGRAM
+from support.daemon import BINARY, DIE_WITH_PARENT, IS_FOR_32_BIT_ARM, PROGRAM
 from support.scratch_root import ScratchRoot
 from support.waiting import SANITIZER, wait_until
 
@@ -177,7 +177,9 @@ def test_a_crash_of_a_listener_thread_names_its_function(root, daemon, tls):
     thread = thread_that_serves(daemon, root.https_port if tls else root.http_port, tls)
     listener = identity_in_log(daemon, "GET /to-know-its-thread$")
     crash_thread(daemon, thread)
-    assert has_frame(record_of(root), "tavlo::AgentHost::Run()")
+    # There glibc has no unwind table for epoll_wait, which the thread is in, and the record ends.
+    if not IS_FOR_32_BIT_ARM:
+        assert has_frame(record_of(root), "tavlo::AgentHost::Run()")
     assert not has_frame(record_of(root), "Run()")
     assert identity_in_log(daemon, "CrashHandler: ") == listener
 

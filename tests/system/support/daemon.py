@@ -15,6 +15,9 @@ BINARY = os.environ["TAVLO_BINARY"]
 # One for another processor is started by an emulator.
 PROGRAM = [*shlex.split(EMULATOR), BINARY]
 
+# The processor that the ELF header names.
+IS_FOR_32_BIT_ARM = Path(BINARY).read_bytes()[18] == 40
+
 # Nothing that a test starts outlives it, even if the test itself is killed.
 DIE_WITH_PARENT = ["setpriv", "--pdeathsig", "KILL"]
 

@@ -1,13 +1,37 @@
 #include "support/crash_test.h"
 
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/child.h"
 #include "util/crash_handler.h"
+
+#if defined(__arm__)
+extern "C" void send_signal(int process, int thread, int number);
+__asm__(
+    ".pushsection .text\n"
+    ".arm\n"
+    ".globl send_signal\n"
+    ".type send_signal, %function\n"
+    "send_signal:\n"
+    ".fnstart\n"
+    "push {r7, lr}\n"
+    ".save {r7, lr}\n"
+    "mov r7, #268\n"  // tgkill
+    "svc #0\n"
+    "pop {r7, pc}\n"
+    ".fnend\n"
+    ".size send_signal, . - send_signal\n"
+    ".popsection\n");
+#endif
 
 namespace test {
 
@@ -45,6 +69,25 @@ void CrashTest::ExpectReported(int number, const std::string& text) const {
 void CrashTest::ExpectNotReported() const {
   EXPECT_THAT(log_.Lines(), Not(Contains(HasSubstr("CrashHandler"))));
   EXPECT_EQ(Console(), "");
+}
+
+void Raise(int number) {
+#if defined(__arm__)
+  send_signal(::getpid(), static_cast<int>(::syscall(SYS_gettid)), number);
+#else
+  ::raise(number);
+#endif
+}
+
+std::string FaultAddress(uintptr_t address) {
+  bool isLeftOut = false;
+#if defined(__arm__)
+  isLeftOut = std::getenv("TAVLO_EMULATOR") != nullptr;
+#endif
+  char text[32] = {};
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): it comes as a number
+  std::snprintf(text, sizeof text, "%p", reinterpret_cast<void*>(isLeftOut ? 0 : address));
+  return text;
 }
 
 size_t CountOf(const std::string& text, const std::string& part) {

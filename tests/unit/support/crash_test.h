@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -29,6 +30,14 @@ class CrashTest : public testing::Test {
   LogCapture log_;
   TemporaryDirectory directory_;
 };
+
+/// As ::raise, out of which the unwinder finds no way on 32-bit ARM: glibc has no tables for it
+/// there.
+void Raise(int number);
+
+/// How a record's line of registers shows the address of a fault. qemu's user mode leaves it out of
+/// 32-bit ARM's machine context.
+std::string FaultAddress(uintptr_t address);
 
 size_t CountOf(const std::string& text, const std::string& part);
 

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <map>
 #include <new>
 #include <stdexcept>
@@ -130,8 +131,7 @@ ssize_t FailOrReadOne(int fd, void* data) {
 // NOLINTBEGIN(bugprone-macro-parentheses): parameters are a list, Result is a type
 #define FAULTY_AS(Result, function, symbol, failure, parameters, arguments)                      \
   static auto function##_real() {                                                                \
-    static const auto real =                                                                     \
-        reinterpret_cast<Result(*) parameters>(::dlsym(RTLD_NEXT, symbol));                      \
+    static const auto real = reinterpret_cast<Result(*) parameters>(::dlsym(RTLD_NEXT, symbol)); \
     return real;                                                                                 \
   }                                                                                              \
   static FaultState function##_state;                                                            \
@@ -149,8 +149,8 @@ ssize_t FailOrReadOne(int fd, void* data) {
 #define FAULTY(Result, function, failure, parameters, arguments) \
   FAULTY_AS(Result, function, #function, failure, parameters, arguments)
 
-// For processors of 32 bits glibc has functions with times and file sizes of 64 bits under other names
-// than those of 32.
+// For processors of 32 bits glibc has functions with times and file sizes of 64 bits under other
+// names than those of 32.
 #if defined(__GLIBC__) && __SIZEOF_POINTER__ == 4
 #define WIDE(symbol, wide) wide
 #else
@@ -158,9 +158,12 @@ ssize_t FailOrReadOne(int fd, void* data) {
 #endif
 
 // The C library's. The failure value of pthread_sigmask is its error number.
-FAULTY_AS(int, gettimeofday, WIDE("gettimeofday", "__gettimeofday64"), FailOrFreeze(now), (timeval * now, void* zone), (now, zone))
-FAULTY_AS(int, open, WIDE("open", "open64"), -1, (const char* path, int flags, unsigned mode), (path, flags, mode))
-FAULTY_AS(off_t, lseek, WIDE("lseek", "lseek64"), -1, (int fd, off_t offset, int from), (fd, offset, from))
+FAULTY_AS(int, gettimeofday, WIDE("gettimeofday", "__gettimeofday64"), FailOrFreeze(now),
+          (timeval * now, void* zone), (now, zone))
+FAULTY_AS(int, open, WIDE("open", "open64"), -1, (const char* path, int flags, unsigned mode),
+          (path, flags, mode))
+FAULTY_AS(off_t, lseek, WIDE("lseek", "lseek64"), -1, (int fd, off_t offset, int from),
+          (fd, offset, from))
 FAULTY(ssize_t, read, FailOrReadOne(fd, data), (int fd, void* data, size_t size), (fd, data, size))
 FAULTY(ssize_t, write, -1, (int fd, const void* data, size_t size), (fd, data, size))
 FAULTY(int, close, -1, (int fd), (fd))
@@ -176,11 +179,11 @@ FAULTY(const char*, inet_ntop, nullptr, (int family, const void* in, char* out, 
 FAULTY(int, accept4, -1, (int fd, void* address, unsigned* size, int flags),
        (fd, address, size, flags))
 FAULTY(int, flock, -1, (int fd, int operation), (fd, operation))
-FAULTY_AS(int, nanosleep, WIDE("nanosleep", "__nanosleep64"), RefusePause(wanted), (const timespec* wanted, timespec* left),
-       (wanted, left))
+FAULTY_AS(int, nanosleep, WIDE("nanosleep", "__nanosleep64"), RefusePause(wanted),
+          (const timespec* wanted, timespec* left), (wanted, left))
 FAULTY(int, pthread_sigmask, errno, (int how, const void* set, void* old), (how, set, old))
-FAULTY_AS(int, sigtimedwait, WIDE("sigtimedwait", "__sigtimedwait64"), -1, (const void* set, void* info, const timespec* limit),
-       (set, info, limit))
+FAULTY_AS(int, sigtimedwait, WIDE("sigtimedwait", "__sigtimedwait64"), -1,
+          (const void* set, void* info, const timespec* limit), (set, info, limit))
 FAULTY(int, pipe2, -1, (int* fds, int flags), (fds, flags))
 FAULTY(pid_t, fork, -1, (), ())
 FAULTY(int, kill, -1, (pid_t pid, int signal), (pid, signal))
@@ -190,10 +193,12 @@ FAULTY(int, epoll_wait, -1, (int fd, void* events, int count, int timeout),
        (fd, events, count, timeout))
 FAULTY(int, setgid, -1, (unsigned gid), (gid))
 FAULTY(int, setuid, -1, (unsigned uid), (uid))
-FAULTY_AS(int, ftruncate, WIDE("ftruncate", "ftruncate64"), -1, (int fd, off_t length), (fd, length))
+FAULTY_AS(int, ftruncate, WIDE("ftruncate", "ftruncate64"), -1, (int fd, off_t length),
+          (fd, length))
 FAULTY(char*, strsignal, nullptr, (int number), (number))
 FAULTY_AS(time_t, time, WIDE("time", "__time64"), frozenSeconds, (time_t * now), (now))
-FAULTY_AS(tm*, gmtime_r, WIDE("gmtime_r", "__gmtime64_r"), nullptr, (const time_t* time, tm* parts), (time, parts))
+FAULTY_AS(tm*, gmtime_r, WIDE("gmtime_r", "__gmtime64_r"), nullptr, (const time_t* time, tm* parts),
+          (time, parts))
 
 // The C++ library's, and the compiler's.
 FAULTY(char*, __cxa_demangle, nullptr, (const char* name, char* text, size_t* size, int* status),
@@ -227,13 +232,29 @@ int advanced_clock_gettime(int clock, timespec* now) {
   return result;
 }
 
+#if defined(__GLIBC__) && __SIZEOF_POINTER__ == 4
+// The C++ library's clocks ask the one with times of 32 bits.
+struct NarrowTime {
+  int32_t seconds;
+  int32_t nanoseconds;
+};
+extern "C" int advanced_narrow_clock_gettime(int clock, NarrowTime* now) __asm__("clock_gettime");
+int advanced_narrow_clock_gettime(int clock, NarrowTime* now) {
+  timespec wide = {};
+  const int result = advanced_clock_gettime(clock, &wide);
+  *now = {static_cast<int32_t>(wide.tv_sec), static_cast<int32_t>(wide.tv_nsec)};
+  return result;
+}
+#endif
+
 // The C++ library's operator new, whose name tells what a size is.
 #if __SIZEOF_POINTER__ == 4
 #define OPERATOR_NEW "_Znwj"
 #else
 #define OPERATOR_NEW "_Znwm"
 #endif
-FAULTY_AS(void*, operator_new, OPERATOR_NEW, (throw std::bad_alloc(), nullptr), (size_t size), (size))
+FAULTY_AS(void*, operator_new, OPERATOR_NEW, (throw std::bad_alloc(), nullptr), (size_t size),
+          (size))
 
 // libevent's.
 FAULTY(void*, event_base_new_with_config, nullptr, (const void* config), (config))

@@ -20,34 +20,30 @@
 
 // With external linkage, so that the record can name them.
 __attribute__((noinline)) void CrashHere(int number) {
-  ::raise(number);
+  test::Raise(number);
   __asm__ volatile("");  // no tail call
 }
 
 // Its name, written out, has more than 299 characters.
-__attribute__((noinline)) void CrashUnderALongName(std::make_index_sequence<100> /*numbers*/) {
-  ::raise(SIGSEGV);
+__attribute__((noinline)) void CrashUnderALongName(
+    std::make_integer_sequence<unsigned long, 100> /*numbers*/) {
+  test::Raise(SIGSEGV);
   __asm__ volatile("");
 }
 
 extern "C" __attribute__((noinline)) void crash_under_a_c_name() {
-  ::raise(SIGSEGV);
+  test::Raise(SIGSEGV);
   __asm__ volatile("");
 }
 
-// Faults at its first instruction. (A compiler would put something before it.)
+// Faults at its first instruction. (A compiler would put something before it.) 32-bit ARM's
+// unwinder takes each address for one that a call returns to, and looks before it.
+#if !defined(__arm__)
 extern "C" void crash_at_once();
 __asm__(
     ".pushsection .text\n"
     ".globl crash_at_once\n"
     ".type crash_at_once, %function\n"
-#if defined(__arm__)
-    ".arm\n"
-    "crash_at_once:\n"
-    ".fnstart\n"
-    "udf #0\n"
-    ".fnend\n"
-#else
     "crash_at_once:\n"
     ".cfi_startproc\n"
 #if defined(__aarch64__)
@@ -56,9 +52,9 @@ __asm__(
     "ud2\n"
 #endif
     ".cfi_endproc\n"
-#endif
     ".size crash_at_once, . - crash_at_once\n"
     ".popsection\n");
+#endif
 
 #if defined(__x86_64__)
 // Faults at its second byte, which is as near to the start as can be told from it.
@@ -78,7 +74,7 @@ __asm__(
 
 // NOLINTNEXTLINE(misc-no-recursion): a deep stack is the point
 __attribute__((noinline)) int CrashAtDepth(int depth) {
-  const int result = depth == 0 ? (::raise(SIGSEGV), 0) : CrashAtDepth(depth - 1);
+  const int result = depth == 0 ? (test::Raise(SIGSEGV), 0) : CrashAtDepth(depth - 1);
   __asm__ volatile("");
   return result + 1;
 }
@@ -135,7 +131,8 @@ TEST_F(CrashHandlerTest, ARealFaultIsRecordedWithItsAddress) {
                   *nowhere = 1;
                 }),
                 SIGSEGV);
-  EXPECT_THAT(Record(), HasSubstr("\nFault Address: 0x1230\nFault address: 0x1230 PC: 0x"));
+  EXPECT_THAT(Record(), HasSubstr("\nFault Address: 0x1230\nFault address: " +
+                                  test::FaultAddress(0x1230) + " PC: 0x"));
 }
 
 TEST_F(CrashHandlerTest, ASignalThatWasSentHasNoFaultAddressFromTheProcessor) {
@@ -198,10 +195,12 @@ TEST_F(CrashHandlerTest, ANameThatIsNoMangledOneIsShownAsItIs) {
   EXPECT_THAT(Record(), ContainsRegex("\n0x[0-9a-f]+ crash_under_a_c_name \\+ 0x[0-9a-f]+\n"));
 }
 
+#if !defined(__arm__)
 TEST_F(CrashHandlerTest, AnAddressThatIsTheFunctionsStartHasNoSign) {
   ExpectEndedBy(Crash([] { crash_at_once(); }), SIGILL);
   EXPECT_THAT(Record(), ContainsRegex("\n0x[0-9a-f]+ crash_at_once  0\n"));
 }
+#endif
 
 #if defined(__x86_64__)
 TEST_F(CrashHandlerTest, AnAddressBehindTheFunctionsStartHasASign) {

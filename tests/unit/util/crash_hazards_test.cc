@@ -339,7 +339,7 @@ TEST_F(CrashHazards, FaultsInTwoThreadsAtOnceEndTheProcess) {
 }  // namespace
 
 __attribute__((noinline)) void CrashByNumber(int number) {
-  ::raise(number);
+  test::Raise(number);
   __asm__ volatile("");  // no tail call
 }
 
@@ -412,6 +412,13 @@ TEST_F(CrashHazards, WhereTheLibraryCannotTellTheDateTheRecordHasIt) {
 }
 
 #if defined(__GLIBC__) && !defined(TAVLO_SANITIZED)
+// Out of abort the unwinder finds no way there, as out of raise.
+#if defined(__arm__)
+constexpr const char* kAbortInMalloc = "signal: 6\nFault Address: ";
+#else
+constexpr const char* kAbortInMalloc = "signal: 6\nFault Address: .*\n.* malloc \\+ 0x";
+#endif
+
 // The next allocation that takes more than what there is finds a top of the heap that cannot be.
 void DamageTheHeap() {
   constexpr size_t kSize = 100000;
@@ -435,7 +442,7 @@ TEST_F(CrashHazards, ADamagedHeapLeavesARecordEachTimeWhateverOtherThreadsDo) {
       std::thread(DamageTheHeap).join();
     });
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
-    ASSERT_THAT(Record(), ContainsRegex("signal: 6\nFault Address: .*\n.* malloc \\+ 0x"));
+    ASSERT_THAT(Record(), ContainsRegex(kAbortInMalloc));
     ASSERT_THAT(Record(), EndsWith(kRecordEnd));
   }
 }
@@ -445,7 +452,7 @@ TEST_F(CrashHazards, ADamagedHeapLeavesARecordEachTimeWhateverOtherThreadsDo) {
 
 // NOLINTNEXTLINE(misc-no-recursion): that is what overflows
 __attribute__((noinline)) int Descend(int depth) {
-  volatile char block[4096] = {};
+  volatile char block[256] = {};  // where it meets the end there is no room for a handler
   block[0] = 1;
   return depth == 0 ? 0 : Descend(depth - 1) + block[0];
 }

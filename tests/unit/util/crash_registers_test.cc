@@ -20,8 +20,8 @@ void write_to(uintptr_t address, uintptr_t stack, uintptr_t link);
 extern const char write_to_pc __attribute__((visibility("hidden")));
 }
 
-// Nobody has called it, as far as the unwinder can see: the return address is undefined, or one where
-// there is nothing.
+// Nobody has called it, as far as the unwinder can see: the return address is undefined, or one
+// where there is nothing.
 __asm__(
     ".pushsection .text\n"
     ".globl write_to, write_to_pc\n"
@@ -97,8 +97,8 @@ class CrashRegisters : public test::CrashTest {
 };
 
 TEST_F(CrashRegisters, AreRecordedAsTheFaultLeftThem) {
-  EXPECT_THAT(Record(), HasSubstr("\nFault address: " + Shown(kNowhere) + " PC: " + pc_ +
-                                  " SP: " + Shown(stack_) + " LR: " + kShownLink + "\n"));
+  EXPECT_THAT(Record(), HasSubstr("\nFault address: " + test::FaultAddress(kNowhere) + " PC: " +
+                                  pc_ + " SP: " + Shown(stack_) + " LR: " + kShownLink + "\n"));
 }
 
 TEST_F(CrashRegisters, GiveTheSameFaultAddressAsTheSignal) {
