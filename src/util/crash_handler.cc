@@ -126,6 +126,16 @@ void SetName(size_t index, const char* name) {
   std::snprintf(state.names[index], kMaxNameSize, "%s", name);
 }
 
+// On 32-bit ARM the lowest bit of a function's address says that it is Thumb code.
+uintptr_t StartOf(const Dl_info& symbol) {
+  const auto start = reinterpret_cast<uintptr_t>(symbol.dli_saddr);
+#if defined(__arm__)
+  return start & ~uintptr_t{1};
+#else
+  return start;
+#endif
+}
+
 // dladdr is not safe in a signal handler, since it locks; names are worth it, and the alarm bounds
 // the harm.
 void LookUp(size_t index) {
@@ -138,7 +148,7 @@ void LookUp(size_t index) {
   }
   state.symbols[index] = info.dli_sname;
   state.offsets[index] =
-      static_cast<char*>(state.frames[index]) - static_cast<char*>(info.dli_saddr);
+      static_cast<ptrdiff_t>(reinterpret_cast<uintptr_t>(state.frames[index]) - StartOf(info));
   SetName(index, info.dli_sname);
 }
 
