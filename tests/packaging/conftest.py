@@ -37,6 +37,16 @@ def setting_names():
     return properties.keys() - {"$schema"}
 
 
+def assert_daemon_reads_as_written(path):
+    """A configuration that ships: each setting is there, and none is ignored."""
+    settings = json.loads(path.read_text())
+    assert settings.keys() == setting_names()
+    for key, value in settings.items():
+        printed = subprocess.run([BUILD / "tavlo", "-c", path, "-p", key], check=True,
+                                 capture_output=True, text=True).stdout
+        assert printed == f"{value}\n", key
+
+
 def listing(root):
     """Path -> mode, as text, of every file and every empty directory below `root`."""
     return {f"/{path.relative_to(root)}": stat.filemode(path.stat().st_mode)

@@ -9,7 +9,7 @@ import socket
 import subprocess
 
 import pytest
-from conftest import BUILD, SOURCE, listing, setting_names, wait_for
+from conftest import BUILD, SOURCE, assert_daemon_reads_as_written, listing, wait_for
 
 PACKAGE = SOURCE / "packaging/openwrt"
 # What rc.common gives an init script. Each call of procd's functions is a line of the record.
@@ -247,10 +247,4 @@ def test_it_is_built_from_this_tree_without_what_was_built_before(make, tmp_path
 
 
 def test_the_daemon_reads_its_configuration_as_it_is_written():
-    path = PACKAGE / "files/tavlo.json"
-    settings = json.loads(path.read_text())
-    assert settings.keys() == setting_names()
-    for key, value in settings.items():
-        printed = subprocess.run([BUILD / "tavlo", "-c", path, "-p", key], check=True,
-                                 capture_output=True, text=True).stdout
-        assert printed == f"{value}\n", key
+    assert_daemon_reads_as_written(PACKAGE / "files/tavlo.json")
