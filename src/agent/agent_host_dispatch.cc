@@ -13,6 +13,7 @@
 #include "agent/access.h"
 #include "agent/agent_host.h"
 #include "agent/callback_guard.h"
+#include "agent/limits.h"
 #include "agent/request_memory.h"
 #include "util/log.h"
 
@@ -33,11 +34,8 @@ bool HasInvalidCharacter(const std::string& uri) {
   return std::any_of(uri.begin(), uri.end(), [](unsigned char c) { return c <= ' ' || c == 127; });
 }
 
-// Each piece that an answer comes in from the destination, 4 KiB of it, would be a TLS record and a
-// write of its own. An answer of more than this is not worth the copying. Nothing of it has gone
-// out yet: libevent writes from its loop.
+// Nothing of the answer has gone out yet: libevent writes from its loop.
 void JoinPieces(evhttp_connection* connection) {
-  constexpr size_t kMaxJoined = size_t{128} * 1024;
   evbuffer* const output = bufferevent_get_output(evhttp_connection_get_bufferevent(connection));
   if (evbuffer_get_length(output) <= kMaxJoined) {
     evbuffer_pullup(output, -1);

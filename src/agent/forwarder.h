@@ -52,8 +52,7 @@ class Forwarder {
 
   /// `host` and `port` are the destination's, a name or dotted text. `connection` is the one that
   /// the requests go over; it is made anew when it can serve no longer. `clients` tells how large
-  /// a reply may be. Throws std::runtime_error when the event or a buffer
-  /// cannot be made.
+  /// a reply may be. Throws std::runtime_error when the event or a buffer cannot be made.
   Forwarder(event_base* base, std::string host, uint16_t port,
             std::shared_ptr<evhttp_connection>* connection, ClientTable* clients, Finish finish);
   Forwarder(const Forwarder&) = delete;

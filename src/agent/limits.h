@@ -28,6 +28,10 @@ constexpr size_t kMaxReceivedBody = size_t{4} * 1024 * 1024;
 /// A body that is forwarded. A larger one is answered 400.
 constexpr size_t kMaxRequestBody = 32768;
 
+/// The line with the length of a chunk. A longer one is answered 400: nobody sends extensions
+/// there, and libevent looks at the whole line again whenever more of it has come.
+constexpr size_t kMaxChunkLine = 1024;
+
 /// What libevent allocates for a header, however short its line.
 constexpr size_t kHeaderOverhead = 100;
 
@@ -52,6 +56,9 @@ constexpr size_t kMaxPlainClients = 512;
 
 /// TLS connections, which take more memory.
 constexpr size_t kMaxTlsClients = 256;
+
+/// Connections that wait to be accepted, on one address; beyond it the kernel lets them try again.
+constexpr int kListenBacklog = 128;
 
 /// Connections that are accepted in one turn of the loop: those that must give way for them end
 /// before more come, so that descriptors stay within the room above.
@@ -84,6 +91,10 @@ constexpr std::chrono::seconds kStalled(10);
 /// The most that one write takes. libevent's default, 16384, would be three turns of the loop for
 /// the largest request.
 constexpr size_t kMaxWrite = size_t{128} * 1024;
+
+/// The largest answer that is made one piece before it goes out over TLS: each piece, 4 KiB as it
+/// came in, would be a record and a write of its own. A larger one is not worth the copying.
+constexpr size_t kMaxJoined = size_t{128} * 1024;
 
 // --- Fairness and the log
 

@@ -21,8 +21,6 @@ namespace tavlo {
 
 namespace {
 
-constexpr int kListenBacklog = 128;
-
 // Accepted sockets inherit the options. Without TCP_NODELAY each answer over TLS waits some 40 ms
 // for the client's delayed acknowledgement.
 bool SetSocketOptions(int fd) {

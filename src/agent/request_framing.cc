@@ -15,9 +15,6 @@ namespace {
 constexpr size_t kMaxLengthDigits = 18;
 constexpr size_t kMaxChunkDigits = 15;
 
-// Nobody sends extensions; libevent looks at the whole line again whenever more of it has come.
-constexpr size_t kMaxChunkLine = 1024;
-
 // Whether any other has a body, versions of libevent and proxies see differently.
 constexpr std::array<std::string_view, 5> kMethodsWithBody = {"GET", "POST", "PUT", "DELETE",
                                                               "PATCH"};

@@ -19,8 +19,10 @@ TOLD = {
     "kMaxTlsUnfinished": ("all unfinished requests together", "{} MiB TLS"),
     "kTlsConnectionSize": ("all unfinished requests together", "{} KiB besides"),
     "kMaxHeadLines": ("their lines", "{}"),
+    "kMaxChunkLine": ("the line with the length of a chunk", "{} KiB"),
     "kMaxPlainClients": ("connections", "{} plain"),
     "kMaxTlsClients": ("connections", "{} TLS"),
+    "kListenBacklog": ("connections that wait to be accepted", "{} an address"),
     "kMaxAcceptsPerTurn": ("connections that are accepted in a turn of the loop", "{}"),
     "kHttpTimeoutSecs": ("silence of a client or of the SDK REST host", "{} s"),
     "kMaxWaiting": ("requests that wait for the SDK REST host", "{}"),
@@ -29,8 +31,8 @@ TOLD = {
     "kMaxUntaken": ("what clients have not taken of their answers", "{} MiB beside"),
 }
 # What nobody who runs the daemon needs to know, or what stands in the text below the table.
-UNTOLD = {"kAcceptPause", "kMaxTlsBlock", "kMaxWrite", "kReportPeriod", "kReservedBytes",
-          "kReservedClients", "kStalled", "kWorthDropping"}
+UNTOLD = {"kAcceptPause", "kMaxJoined", "kMaxTlsBlock", "kMaxWrite", "kReportPeriod",
+          "kReservedBytes", "kReservedClients", "kStalled", "kWorthDropping"}
 
 
 def constants():

@@ -12,6 +12,7 @@ import pytest
 
 from sdk_rest_host import Answer
 from support.clients import ask, connect, exchange, read_to_end, reset
+from support.clogged import ask_into_full_ways
 from support.destinations import Destination, answer_bytes, answering_after, hang
 from support.scratch_root import PAIRING_KEY
 from support.waiting import DEFAULT_LIMIT, SANITIZER, wait_until
@@ -170,42 +171,64 @@ def test_an_endless_size_of_a_chunk_does_not_fill_the_memory(root, daemon, sdk_h
     assert_serving(root)
 
 
-@pytest.mark.parametrize("tls", [False, True])
-def test_what_follows_a_pending_request_is_not_taken_in(root, daemon, tls):
-    def send_all(client):
+class Sender:
+    """Sends a quarter of a GiB over the connection of a client that reads nothing."""
+
+    def __init__(self, client):
+        self.client = client
+        self.outcome = []
+        self.thread = threading.Thread(target=lambda: self.outcome.append(self.send()))
+        self.thread.start()
+
+    def send(self):
         try:
-            client.sendall(REQUEST)
             for _ in range(GIBIBYTE // 4 // len(BLOCK)):
-                client.sendall(BLOCK)
+                self.client.sendall(BLOCK)
         except OSError:
             return False
         return True
 
+    def is_stalled(self):
+        """True when it has data to send and for half a second none of it was taken."""
+        before = unsent_bytes(self.client)
+        time.sleep(0.5)
+        return before >= len(BLOCK) and unsent_bytes(self.client) == before
+
+    def end(self):
+        """Returns whether all was taken."""
+        self.client.shutdown(socket.SHUT_RDWR)
+        self.thread.join(DEFAULT_LIMIT)
+        self.client.close()
+        return self.outcome != [False]
+
+
+@pytest.mark.parametrize("tls", [False, True])
+def test_what_follows_a_pending_request_is_not_taken_in(root, daemon, tls):
     with Destination(root.destination_port, hang) as destination:
         client = connect(port_of(root, tls), tls)
-        outcome = []
-        sender = threading.Thread(target=lambda: outcome.append(send_all(client)))
-        sender.start()
+        client.sendall(REQUEST)
         destination.wait_for_connections(1)
-        # The sender comes to a standstill: the same place in the queue, again and again.
-        wait_until(lambda: is_stalled(client), "a sender that is held up")
+        sender = Sender(client)
+        wait_until(sender.is_stalled, "a sender that is held up")
         assert_small(daemon)
-    sender.join(DEFAULT_LIMIT)
-    assert outcome == [False]
-    client.close()
+    assert not sender.end()
+
+
+@pytest.mark.parametrize("tls", [False, True])
+def test_what_follows_an_answer_that_is_not_read_is_not_taken_in(root, daemon, tls):
+    """Not even where libevent answers by itself, and the connection is kept."""
+    port = port_of(root, tls)
+    client, = ask_into_full_ways(daemon, port, tls, b"CONNECT x:1 HTTP/1.1\r\n\r\n", 1)
+    sender = Sender(client)
+    wait_until(sender.is_stalled, "a sender that is held up")
+    assert_small(daemon)
+    assert not sender.end()
 
 
 def unsent_bytes(client):
     number = array.array("i", [0])
     fcntl.ioctl(client.fileno(), termios.TIOCOUTQ, number)
     return number[0]
-
-
-def is_stalled(client):
-    """True when this side has data to send and for half a second none of it was taken."""
-    before = unsent_bytes(client)
-    time.sleep(0.5)
-    return before >= len(BLOCK) and unsent_bytes(client) == before
 
 
 @pytest.mark.parametrize("size", [63 * 1024, 65 * 1024, 1 << 20])

@@ -9,7 +9,8 @@ import pytest
 
 from support.clients import ask, connect, read_to_end, tls_context
 from support.clogged import Clogged, ask_into_full_ways, fill
-from support.destinations import Destination, HeldDestination, answering_by_uri
+from support.destinations import (Destination, HeldDestination, answering_by_uri,
+                                  read_request)
 from support.room import CONNECTIONS, LARGEST_REPLY, UNREAD_ANSWERS, assert_peak_below
 from support.scratch_root import PAIRING_KEY
 from support.waiting import SANITIZER, wait_until
@@ -176,6 +177,20 @@ def do_at_once(root, rounds, kinds):
 
     with ThreadPoolExecutor(len(jobs)) as pool:
         return list(chain.from_iterable(pool.map(work, jobs)))
+
+
+def test_a_reply_in_tiny_chunks_takes_what_its_bytes_take(root, daemon):
+    """And not a block of libevent's for each of them."""
+    count = 100000
+    head = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+
+    def behave(connection):
+        while read_request(connection):
+            connection.sendall(head + b"1\r\nx\r\n" * count + b"0\r\n\r\n")
+
+    with Destination(root.destination_port, behave):
+        assert ask(root.http_port, "GET", "/api/version").body == b"x" * count
+    assert_peak_below(daemon, 16)
 
 
 LARGE, MIDDLE = "/api/version", "/api/1/router-info"

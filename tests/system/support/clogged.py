@@ -11,7 +11,7 @@ from support.waiting import wait_until
 
 LEAST = 1  # a buffer as small as the kernel lets it be
 SMALL = b"GET /api/mac HTTP/1.1\r\nHost: x\r\n\r\n"
-TAKEN_UP = r"INFO: .*: (?:GET /api/\S+|PATCH /api/\S+|Answered 400 to a request of .*)$"
+TAKEN_UP = r"INFO: .*: (?:GET /api/\S+|PATCH /api/\S+|Answered (?:400|501) to a request of .*)$"
 
 
 def _shrink_send_buffer(daemon, port):
