@@ -114,6 +114,7 @@ def assert_ended_with_an_error(daemon):
         assert status == 1, console
     # The handler's record needs the name of the program, for which there may be no memory yet.
     assert status >= 0 or f"due to signal: {-status}\n" in text or daemon.log_text() == ""
+    return status
 
 
 def assert_refusals_are_borne(root, start, memory, tls, numbers):
@@ -210,12 +211,12 @@ def test_nobody_gets_in_when_allocations_are_refused(root, start, memory, tls):
 
 
 def running(root, start):
-    """The daemon, perhaps another one: it may be ending."""
+    """The daemon, perhaps another one: it may be ending. One that has served leaves a record."""
     daemon = start.latest
     wait_until(lambda: not daemon.is_running() or ask_for_mac(root), "the end, or an answer")
     if daemon.is_running():
         return daemon
-    assert_ended_with_an_error(daemon)
+    assert assert_ended_with_an_error(daemon) == -signal.SIGABRT
     return start()
 
 
