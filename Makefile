@@ -39,7 +39,8 @@ deb:  ## make the Debian packages in build/deb, the one with the debug file too
 	@tools/deb
 
 check:  ## build it and run what each change must pass, in some minutes
-	@tools/dependencies check
+	@tools/dependencies check-build
+	@tools/dependencies check & TAVLO_BENCH=ON tools/build release; built=$$?; wait $$! && exit $$built
 	@tools/check
 
 prove:  ## run all the rest: sanitizers, clang-tidy, AArch64, slow tests, mutations; WITHIN=minutes to begin in
