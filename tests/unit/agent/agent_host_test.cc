@@ -243,6 +243,58 @@ TEST_F(AgentHostTest, AnAddressThatCannotBeBoundHoldsUpNoOtherAndIsForgotten) {
   EXPECT_EQ(std::count(lines.begin(), lines.end(), failure), 1);
 }
 
+// The main thread must never wait for what libevent does: for a bind, say, or until an answer is
+// made.
+class AgentHostLock : public AgentHostTest {
+ protected:
+  // Has another thread take the lock before each of libevent's or the kernel's calls of this name.
+  // Where a call comes under the lock that thread has to wait until it is over.
+  std::unique_ptr<test::Before> Watch(const char* function, tavlo::AgentHost* host) {
+    return std::make_unique<test::Before>(function, [this, host] {
+      const auto taken = std::make_shared<std::atomic<bool>>(false);
+      std::thread([host, taken] {
+        host->BindSrcAddr("127.0.0.1");  // is bound already
+        *taken = true;
+      }).detach();
+      isFree_ = test::WaitUntil([&] { return taken->load(); }) && isFree_;
+      ++calls_;
+    });
+  }
+
+  std::atomic<bool> isFree_{true};
+  std::atomic<int> calls_{0};
+};
+
+TEST_F(AgentHostLock, IsFreeWhileTheLoopIsWokenUp) {
+  static tavlo::AgentHost* const host = MakeHost(false).release();
+  const auto watch = Watch("event_active", host);
+  host->BindSrcAddr("127.0.0.2");
+  EXPECT_EQ(calls_, 1);
+  EXPECT_TRUE(isFree_);
+}
+
+TEST_F(AgentHostLock, IsFreeWhileAnAddressIsBound) {
+  tavlo::AgentHost& host = RunHost(false);
+  const auto watch = Watch("bind", &host);
+  host.BindSrcAddr("127.0.0.2");
+  EXPECT_TRUE(
+      test::WaitUntil([&] { return LogHas("DEBUG: void tavlo::AgentHost::Invoke: Leave"); }));
+  EXPECT_EQ(calls_, 1);
+  EXPECT_TRUE(isFree_);
+}
+
+TEST_F(AgentHostLock, IsFreeWhileARequestIsRefusedForItsKey) {
+  tavlo::AgentHost& host = RunHost(true);
+  {
+    const auto watch = Watch("evbuffer_new", &host);  // for the page that tells of the error
+    EXPECT_THAT(Get("/api/x"), StartsWith("HTTP/1.1 500 Pairing key is not configured\r\n"));
+    host.SetPairingKey("key");
+    EXPECT_THAT(Get("/api/x"), StartsWith("HTTP/1.1 417 Pairing key not as expected\r\n"));
+  }
+  EXPECT_GT(calls_, 0);
+  EXPECT_TRUE(isFree_);
+}
+
 TEST_F(AgentHostTest, LogsAKeyOfThreeCharactersWholeAndALongerOneCut) {
   const auto host = MakeHost(true);
   for (const char* key : {"", "abc", "abcd", "a much longer key"}) {
