@@ -101,7 +101,7 @@ class Forwarder {
   bool IsFit() const;
   bool MakeConnection();
   evhttp_request* MakeRequest();
-  int HandOver(evhttp_request* request);
+  int HandOver(evhttp_request* request, const std::string& target);
   bool TakeHead(evhttp_request* reply);
   bool TakeLength(evhttp_request* reply);
   void RefuseSize(const char* kind, unsigned long long bytes);

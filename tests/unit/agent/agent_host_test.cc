@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -491,6 +492,18 @@ TEST_P(AgentHostForwardFailure, IsAnsweredAndLogged) {
 INSTANTIATE_TEST_SUITE_P(All, AgentHostForwardFailure,
                          testing::Values("evhttp_request_new", "evhttp_make_request"),
                          [](const auto& suite) { return std::string(suite.param); });
+
+// What is made in between would be lost where there is no memory.
+TEST_F(AgentHostTest, ARequestThatIsMadeIsHandedOverBeforeAnythingElseIsAllocated) {
+  RunHost(false);
+  std::optional<Fault> allocations;
+  int count = -1;
+  const test::Before making("evhttp_request_new",
+                            [&] { allocations.emplace("operator_new", 0, 0, 0); });  // counts
+  const test::Before handingOver("evhttp_make_request", [&] { count = allocations->Calls(); });
+  EXPECT_THAT(Get("/api/1/router-info"), StartsWith("HTTP/1.1 500 Destination request failed\r\n"));
+  EXPECT_EQ(count, 0);
+}
 
 class AgentHostTlsFailure : public AgentHostTest,
                             public testing::WithParamInterface<const char*> {};
