@@ -65,6 +65,8 @@ bufferevent* AgentHost::OnConnection(event_base* base, void* argument) {
   if (host->secure_) {
     RunGuarded(__PRETTY_FUNCTION__, [&] { connection = host->SslConnect(); });
   }
+  // A TLS listener that cannot speak TLS speaks plain HTTP, deliberately; it asks for the key all
+  // the same.
   if (connection == nullptr) {
     connection = bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
   }

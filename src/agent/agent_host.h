@@ -44,9 +44,13 @@ class AgentHost {
  public:
   /// Binds 127.0.0.1:`listenPort` at once. `invoker` is not owned and outlives the host; it is used
   /// when `agentDataPath`, the file that hands a request's body to the scripts, is not empty.
-  /// `agentDirectory` (no trailing slash) holds mirel.crt and mirel.key, which are read when the
-  /// first TLS connection comes. `heartbeat` is called on the loop thread every 30 seconds, and
-  /// after each request. Throws std::runtime_error, with the cause, when anything cannot be set up.
+  /// `secure` makes it the TLS listener, which asks for the pairing key. Its `agentDirectory` (no
+  /// trailing slash) holds mirel.crt and mirel.key, which are looked for with each connection until
+  /// they have been loaded once; a connection that comes before is served without TLS.
+  /// `deviceDiscoveryPath` is the device list, read for each GET of /api/mac. Requests go to
+  /// `dstAddr` (a name or dotted text), port `dstPort`, with `agentPrefix` before their URI.
+  /// `heartbeat` is called on the loop thread every 30 seconds, and after each request. Throws
+  /// std::runtime_error, with the cause, when anything cannot be set up.
   AgentHost(Orx::HookInvoker* invoker, bool secure, const std::string& agentDataPath,
             const std::string& agentDirectory, const std::string& deviceDiscoveryPath,
             uint16_t listenPort, const std::string& dstAddr, uint16_t dstPort,

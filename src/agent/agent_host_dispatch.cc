@@ -203,7 +203,7 @@ void AgentHost::RefuseForwarded(evhttp_request* req, Forwarder::Outcome outcome)
       Refuse(req, HTTP_INTERNAL, kNoAnswer);
       break;
     case Forwarder::Outcome::kNoReply:
-    case Forwarder::Outcome::kReply:
+    case Forwarder::Outcome::kReply:  // is relayed, not refused
       ORX_LOG(Orx::Log::kError, "%s", kNoReply);
       Refuse(req, HTTP_INTERNAL, kNoReply);
       break;

@@ -18,7 +18,7 @@ namespace tavlo {
 namespace {
 
 constexpr const char* kGetJsonFromFile =
-    "bool tavlo::{anonymous}::GetJsonFromFile(const std::string&, rapidjson::Document*)";
+    "bool tavlo::{anonymous}::GetJsonFromFile(const std::string&, DeviceList*)";
 
 // The file's own lock keeps the hosts apart too, but whoever finds it taken sleeps for 100 ms. They
 // take turns before it comes to that: it is for other processes.

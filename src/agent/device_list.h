@@ -27,6 +27,7 @@ using DeviceList =
 
 /// Parses the text of a device list file, whatever it holds, without recursion. Returns false when
 /// it is no JSON; `error` is then the parser's text and ", offset :" with the place in bytes.
+/// Throws std::bad_alloc.
 bool ParseDeviceList(const std::string& text, DeviceList* doc, std::string* error);
 
 /// The MAC address of the first device that has both one and the address `ip` (dotted text); empty

@@ -234,8 +234,11 @@ void Forwarder::Send() {
     End(Outcome::kNoReply, nullptr);
     return;
   }
+  // A copy, since ours may be gone before libevent's call returns; and made before there is a
+  // request that would be lost for want of memory.
+  const std::string target = underWay_->target;
   evhttp_request* const request = MakeRequest();
-  if (request == nullptr || HandOver(request) < 0) {
+  if (request == nullptr || HandOver(request, target) < 0) {
     End(Outcome::kNotStarted, nullptr);
   }
   // Otherwise the reply callback will run, or has run already.
@@ -285,10 +288,9 @@ evhttp_request* Forwarder::MakeRequest() {
   return request;
 }
 
-int Forwarder::HandOver(evhttp_request* request) {
+int Forwarder::HandOver(evhttp_request* request, const std::string& target) {
   evhttp_connection* const connection = connection_->get();
   const evhttp_cmd_type method = evhttp_request_get_command(underWay_->client);
-  const std::string target = underWay_->target;  // ours may be gone before the call returns
   evhttp_connection_set_max_body_size(connection, static_cast<ev_ssize_t>(reply_.room));
   if (hasServed_) {
     const int result = evhttp_make_request(connection, request, method, target.c_str());

@@ -33,7 +33,8 @@ std::shared_ptr<evhttp_connection> MakeDestinationConnection(event_base* base,
 /// it may serve again is decided where its answer is read, whether it still lives is looked up when
 /// it is taken.
 ///
-/// Belongs to the thread of the event loop.
+/// Belongs to the thread of the event loop, which stands still while the destination's name, if it
+/// has one, is looked up for a new connection.
 class Forwarder {
  public:
   enum class Outcome {
@@ -50,9 +51,10 @@ class Forwarder {
   using Finish =
       std::function<void(evhttp_request* client, Outcome outcome, evhttp_request* reply)>;
 
-  /// `host` and `port` are the destination's, a name or dotted text. `connection` is the one that
-  /// the requests go over; it is made anew when it can serve no longer. `clients` tells how large
-  /// a reply may be. Throws std::runtime_error when the event or a buffer cannot be made.
+  /// `host` (a name or dotted text) and `port` are the destination's. `connection`, the caller's,
+  /// is the one that the requests go over; what it points to is made anew when it can serve no
+  /// longer. `clients` tells how large a reply may be. Both outlive the forwarder. Throws
+  /// std::runtime_error when the event or a buffer cannot be made.
   Forwarder(event_base* base, std::string host, uint16_t port,
             std::shared_ptr<evhttp_connection>* connection, ClientTable* clients, Finish finish);
   Forwarder(const Forwarder&) = delete;
@@ -60,6 +62,7 @@ class Forwarder {
 
   /// Sends the method and body of the client's request to `target`, as soon as it is its turn. The
   /// request stays libevent's; it must not be answered or freed before `Finish` is told of it.
+  /// Throws std::bad_alloc, and then `Finish` is not told.
   void Forward(evhttp_request* client, std::string target);
 
  private:
@@ -84,7 +87,7 @@ class Forwarder {
     std::optional<evhttp_request_error> error;
   };
 
-  static void OnTurn(int, short, void* forwarder);
+  static void OnTurn(evutil_socket_t, short, void* forwarder);
   static void OnInput(evbuffer*, const evbuffer_cb_info* change, void* forwarder);
   static int OnHead(evhttp_request* reply, void* forwarder);
   static void OnPiece(evhttp_request* reply, void* forwarder);
@@ -98,7 +101,7 @@ class Forwarder {
   bool IsFit() const;
   bool MakeConnection();
   evhttp_request* MakeRequest();
-  int HandOver(evhttp_request* request);
+  int HandOver(evhttp_request* request, const std::string& target);
   bool TakeHead(evhttp_request* reply);
   bool TakeLength(evhttp_request* reply);
   void RefuseSize(const char* kind, unsigned long long bytes);

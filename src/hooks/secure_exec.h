@@ -25,8 +25,9 @@ int SecureExec(const char* path, const std::vector<const char*>& args, const std
                std::string* output, ssize_t maxOutput, unsigned int timeoutSecs);
 
 /// Logs the complete lines in `buffer` as the child's standard error and removes them; at the end
-/// of the stream (`eof`) a last partial line too. When more than 1024 bytes have come without a
-/// line feed they are dropped, so that of a long line the end may remain, or nothing.
+/// of the stream (`eof`) also a partial line, if there is nothing else. When more than 1024 bytes
+/// have come without a line feed they are dropped, so that of a long line the end may remain, or
+/// nothing.
 void SecureExecStderr(std::string& buffer, bool eof, pid_t pid);
 
 }  // namespace Orx

@@ -11,8 +11,10 @@
 /// (UTC time, process and thread in hexadecimal, level, function, text), which goes to up to three
 /// sinks: the console (standard error), the system log and an append-only file.
 ///
-/// Any thread may log; one mutex keeps lines whole. The logger never reports its own failures: a
-/// file that cannot be opened or written is left out until it is reopened.
+/// Any thread may log; one mutex keeps lines whole. The logger reports no failure of its own but
+/// one: a file that cannot be opened or written is left out, silently, until it is reopened; a
+/// console that takes no line holds the caller up for 100 ms, once, and how many it missed is told
+/// when it takes some again.
 namespace Orx::Log {
 
 /// The levels in use; they are the system log's.

@@ -78,6 +78,13 @@ TEST_F(AgentHook, SeesARequestWithoutABodyAndNoFileIsTouched) {
   EXPECT_THAT(log_.Lines(), Contains("DEBUG: bool tavlo::AgentHost::CallHook: Calling agent hook"));
 }
 
+TEST_F(AgentHook, SeesTheUriThatTheClientUsedWithoutTheDestinationsPrefix) {
+  agentPrefix_ = "/sdk/v1";
+  RunHost(false);
+  ExpectForwarded(Get("/api/version"));
+  EXPECT_EQ(scripts_.calls, "GET /api/version \n");
+}
+
 TEST_F(AgentHook, SeesABodyInTheFileWhichIsGoneAfterwards) {
   RunHost(false);
   const std::string body("binary \0 body", 13);
@@ -250,6 +257,14 @@ TEST_F(AgentHook, IsAskedOnlyAboutRequestsThatWereAccepted) {
   EXPECT_THAT(Get("/api/other"), StartsWith("HTTP/1.1 417 "));
   EXPECT_THAT(Get("/api/mac"), StartsWith("HTTP/1.1 500 "));
   EXPECT_THAT(Patch(std::string(32769, 'x')), StartsWith("HTTP/1.1 400 Request data too long\r\n"));
+  EXPECT_EQ(scripts_.calls, "");
+}
+
+TEST_F(AgentHook, IsNotAskedAboutAUriThatIsNotForwarded) {
+  RunHost(true).SetPairingKey("key");
+  EXPECT_THAT(
+      test::Exchange("127.0.0.1", port_, "GET /api/x\ty HTTP/1.1\r\nPairingKey: key\r\n\r\n"),
+      StartsWith("HTTP/1.1 400 Invalid character in the URI\r\n"));
   EXPECT_EQ(scripts_.calls, "");
 }
 

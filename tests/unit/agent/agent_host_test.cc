@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -243,6 +244,76 @@ TEST_F(AgentHostTest, AnAddressThatCannotBeBoundHoldsUpNoOtherAndIsForgotten) {
   EXPECT_EQ(std::count(lines.begin(), lines.end(), failure), 1);
 }
 
+// The main thread must never wait for what libevent does: for a bind, say, or until an answer is
+// made.
+class AgentHostLock : public AgentHostTest {
+ protected:
+  // Has another thread take the lock before each of libevent's or the kernel's calls of this name.
+  // Where a call comes under the lock that thread has to wait until it is over.
+  std::unique_ptr<test::Before> Watch(const char* function, tavlo::AgentHost* host) {
+    return std::make_unique<test::Before>(function, [this, host] {
+      const auto taken = std::make_shared<std::atomic<bool>>(false);
+      std::thread([host, taken] {
+        host->BindSrcAddr("127.0.0.1");  // is bound already
+        *taken = true;
+      }).detach();
+      isFree_ = test::WaitUntil([&] { return taken->load(); }) && isFree_;
+      ++calls_;
+    });
+  }
+
+  std::atomic<bool> isFree_{true};
+  std::atomic<int> calls_{0};
+};
+
+TEST_F(AgentHostLock, IsFreeWhileTheLoopIsWokenUp) {
+  static tavlo::AgentHost* const host = MakeHost(false).release();
+  const auto watch = Watch("event_active", host);
+  host->BindSrcAddr("127.0.0.2");
+  EXPECT_EQ(calls_, 1);
+  EXPECT_TRUE(isFree_);
+}
+
+TEST_F(AgentHostLock, IsFreeWhileAnAddressIsBound) {
+  tavlo::AgentHost& host = RunHost(false);
+  const auto watch = Watch("bind", &host);
+  host.BindSrcAddr("127.0.0.2");
+  EXPECT_TRUE(
+      test::WaitUntil([&] { return LogHas("DEBUG: void tavlo::AgentHost::Invoke: Leave"); }));
+  EXPECT_EQ(calls_, 1);
+  EXPECT_TRUE(isFree_);
+}
+
+TEST_F(AgentHostLock, IsFreeWhileARequestIsRefusedForItsKey) {
+  tavlo::AgentHost& host = RunHost(true);
+  {
+    const auto watch = Watch("evbuffer_new", &host);  // for the page that tells of the error
+    EXPECT_THAT(Get("/api/x"), StartsWith("HTTP/1.1 500 Pairing key is not configured\r\n"));
+    host.SetPairingKey("key");
+    EXPECT_THAT(Get("/api/x"), StartsWith("HTTP/1.1 417 Pairing key not as expected\r\n"));
+  }
+  EXPECT_GT(calls_, 0);
+  EXPECT_TRUE(isFree_);
+}
+
+// ThreadSanitizer sees here what no answer would show: a key that is read while it changes.
+TEST_F(AgentHostTest, TheKeyMayChangeWhileRequestsAreJudgedByIt) {
+  tavlo::AgentHost& host = RunHost(true);
+  host.SetPairingKey("key");
+  std::atomic<bool> isOver{false};
+  std::thread changing([&] {
+    while (!isOver) {
+      host.SetPairingKey("another key, too long to be kept in place");
+      host.SetPairingKey("key");
+    }
+  });
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_THAT(Get("/api/x"), StartsWith("HTTP/1.1 417 Pairing key not as expected\r\n"));
+  }
+  isOver = true;
+  changing.join();
+}
+
 TEST_F(AgentHostTest, LogsAKeyOfThreeCharactersWholeAndALongerOneCut) {
   const auto host = MakeHost(true);
   for (const char* key : {"", "abc", "abcd", "a much longer key"}) {
@@ -439,6 +510,18 @@ TEST_P(AgentHostForwardFailure, IsAnsweredAndLogged) {
 INSTANTIATE_TEST_SUITE_P(All, AgentHostForwardFailure,
                          testing::Values("evhttp_request_new", "evhttp_make_request"),
                          [](const auto& suite) { return std::string(suite.param); });
+
+// What is made in between would be lost where there is no memory.
+TEST_F(AgentHostTest, ARequestThatIsMadeIsHandedOverBeforeAnythingElseIsAllocated) {
+  RunHost(false);
+  std::optional<Fault> allocations;
+  int count = -1;
+  const test::Before making("evhttp_request_new",
+                            [&] { allocations.emplace("operator_new", 0, 0, 0); });  // counts
+  const test::Before handingOver("evhttp_make_request", [&] { count = allocations->Calls(); });
+  EXPECT_THAT(Get("/api/1/router-info"), StartsWith("HTTP/1.1 500 Destination request failed\r\n"));
+  EXPECT_EQ(count, 0);
+}
 
 class AgentHostTlsFailure : public AgentHostTest,
                             public testing::WithParamInterface<const char*> {};

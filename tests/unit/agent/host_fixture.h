@@ -28,7 +28,7 @@ class HostFixture : public testing::Test {
   std::unique_ptr<tavlo::AgentHost> MakeHost(bool secure) {
     return std::make_unique<tavlo::AgentHost>(invoker_, secure, agentDataPath_, directory_.Path(),
                                               directory_ / "devices.json", port_, dstAddr_,
-                                              dstPort_, "", heartbeat_);
+                                              dstPort_, agentPrefix_, heartbeat_);
   }
 
   // The message of the exception that making a host throws; empty when it throws none.
@@ -81,6 +81,7 @@ class HostFixture : public testing::Test {
   std::function<void()> heartbeat_ = [] {};
   Orx::HookInvoker* invoker_ = nullptr;
   std::string agentDataPath_;
+  std::string agentPrefix_;
 };
 
 }  // namespace test

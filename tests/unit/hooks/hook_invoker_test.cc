@@ -11,8 +11,10 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include "support/child.h"
 #include "support/log_capture.h"
 #include "support/temporary_directory.h"
+#include "util/privilege.h"
 
 namespace {
 
@@ -418,6 +420,27 @@ TEST_F(Invocation, AnExternalFileInPlaceOfTheDirectoryIsAFailure) {
   EXPECT_EQ(Invoke().Message(),
             "failed to list directory '" + (directory_ / "external/event") + "'");
   EXPECT_EQ(exitCode_, 1);
+}
+
+// It is there, and may hold the script that would have refused.
+TEST_F(Invocation, AnExternalDirectoryThatCannotBeReadIsAFailureToo) {
+  MakeInternal("event");
+  MakeExternal("event");
+  for (const char* readable : {"", "/internal", "/internal/event", "/external"}) {
+    fs::permissions(directory_.Path() + readable, fs::perms(0755));
+  }
+  fs::permissions(directory_ / "external/event", fs::perms::none);
+  const int status = test::RunInChild([this] {
+    if (::geteuid() == 0 && !stdext::drop_privilege("nobody").IsOk()) {
+      ::_exit(2);
+    }
+    ::_exit(Invoke().Message() ==
+                    "failed to list directory '" + (directory_ / "external/event") + "'"
+                ? 0
+                : 1);
+  });
+  fs::permissions(directory_ / "external/event", fs::perms::owner_all);
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(Invocation, AFailingScriptEndsItAndItsOutputIsDropped) {

@@ -853,6 +853,12 @@ TEST_F(StandardError, APartialLineIsLoggedAtTheEnd) {
   EXPECT_THAT(log_.Lines(), ElementsAre(EndsWith(": part")));
 }
 
+// By then it is alone: the end comes in a call of its own.
+TEST_F(StandardError, APartialLineBehindOthersWaitsAlsoAtTheEnd) {
+  EXPECT_EQ(Log("one\npart", true), "part");
+  EXPECT_THAT(log_.Lines(), ElementsAre(EndsWith(": one")));
+}
+
 TEST_F(StandardError, NothingIsLoggedForNothing) {
   EXPECT_EQ(Log("", true), "");
   EXPECT_THAT(log_.Lines(), IsEmpty());

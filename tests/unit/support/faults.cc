@@ -261,6 +261,7 @@ FAULTY(void*, event_base_new_with_config, nullptr, (const void* config), (config
 FAULTY(void*, event_new, nullptr,
        (void* base, int fd, short what, void (*callback)(int, short, void*), void* argument),
        (base, fd, what, callback, argument))
+FAULTY(void, event_active, , (void* event, int what, short calls), (event, what, calls))
 FAULTY(void*, evhttp_new, nullptr, (void* base), (base))
 FAULTY(void*, evhttp_connection_base_new, nullptr,
        (void* base, void* dns, const char* address, unsigned short port),

@@ -202,11 +202,15 @@ TEST(LogLine, GoesOnNamingTheProcessThatLoggedFirst) {
   ASSERT_GE(child, 0);
   if (child == 0) {
     Message2(kError, "", "from the child");
+    std::thread([] { Message2(kError, "", "from a thread of the child"); }).join();
     ::_exit(0);
   }
   ASSERT_EQ(::waitpid(child, nullptr, 0), child);
 
-  EXPECT_THAT(log.LastLine(), EndsWith(parent + "ERROR: from the child"));
+  const std::vector<std::string> lines = log.Lines();
+  ASSERT_THAT(lines, SizeIs(3));
+  EXPECT_THAT(lines[1], EndsWith(parent + "ERROR: from the child"));
+  EXPECT_THAT(lines[2], HasSubstr(" " + parent.substr(0, parent.find('.') + 1)));
 }
 
 TEST(LogLine, ProcessAndThreadAreAvailableOnTheirOwn) {
