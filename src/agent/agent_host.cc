@@ -1,3 +1,5 @@
+// How a listener is set up, what its loop does besides requests, and what other threads ask of it.
+
 #include "agent/agent_host.h"
 
 #include <cerrno>

@@ -1,5 +1,7 @@
 #pragma once
 
+// One listener of the daemon: what others call of it, and what it is made of.
+
 #include <cstdint>
 #include <functional>
 #include <map>

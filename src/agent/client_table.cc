@@ -1,3 +1,5 @@
+// The round of a client, from its connection to its end. client_table_room.cc has what it may hold.
+
 #include "agent/client_table.h"
 
 #include <algorithm>

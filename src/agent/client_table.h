@@ -1,5 +1,7 @@
 #pragma once
 
+// Who is connected to a listener, how far each client is, and what it holds.
+
 #include <chrono>
 #include <cstddef>
 #include <list>

@@ -1,3 +1,5 @@
+// The queue of requests, the connection that they go over, and what becomes of each reply.
+
 #include "agent/forwarder.h"
 
 #include <algorithm>

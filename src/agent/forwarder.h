@@ -1,5 +1,7 @@
 #pragma once
 
+// The way to the SDK REST host and back, one request at a time.
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>

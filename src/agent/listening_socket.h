@@ -1,5 +1,7 @@
 #pragma once
 
+// Sockets that listen, and the pace at which they accept.
+
 #include <cstdint>
 #include <memory>
 #include <string>
