@@ -296,6 +296,22 @@ TEST_F(AgentHostLock, IsFreeWhileARequestIsRefusedForItsKey) {
   EXPECT_TRUE(isFree_);
 }
 
+TEST_F(AgentHostTest, TheKeyMayBeChangedWhileRequestsAreComparedWithIt) {
+  tavlo::AgentHost& host = RunHost(true);
+  host.SetPairingKey("first");
+  std::atomic<bool> done(false);
+  std::thread changes([&] {
+    for (size_t length = 0; !done; length = (length + 1) % 64) {  // each in a place of its own
+      host.SetPairingKey("key" + std::string(length, 'y'));
+    }
+  });
+  for (int requests = 0; requests < 100; ++requests) {
+    EXPECT_THAT(Get("/api/x"), StartsWith("HTTP/1.1 417 Pairing key not as expected\r\n"));
+  }
+  done = true;
+  changes.join();
+}
+
 TEST_F(AgentHostTest, LogsAKeyOfThreeCharactersWholeAndALongerOneCut) {
   const auto host = MakeHost(true);
   for (const char* key : {"", "abc", "abcd", "a much longer key"}) {
