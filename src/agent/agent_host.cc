@@ -12,6 +12,7 @@
 
 #include "agent/callback_guard.h"
 #include "agent/libevent_failure.h"
+#include "agent/limits.h"
 #include "util/error_text.h"
 #include "util/log.h"
 

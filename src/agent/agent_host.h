@@ -14,7 +14,6 @@
 
 #include "agent/client_table.h"
 #include "agent/forwarder.h"
-#include "agent/limits.h"
 #include "agent/listening_socket.h"
 
 struct bufferevent;

@@ -87,6 +87,7 @@ ListeningSockets::ListeningSockets(event_base* base, evhttp* server)
 }
 
 bool ListeningSockets::Listen(const std::string& address, uint16_t port) {
+  listeners_.reserve(listeners_.size() + 1);  // or one that listens could be missing there
   stdext::descriptor socket(OpenListeningSocket(address, port));
   if (!socket.is_open()) {
     return false;

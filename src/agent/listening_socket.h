@@ -39,7 +39,7 @@ class ListeningSockets {
   void OnAccepted();
 
  private:
-  // The last argument of the first is the server's.
+  // The server passes on what it gives to its own callbacks, which is of no use here.
   static void OnAcceptError(evconnlistener* listener, void*);
   static void OnPauseEnd(int, short, void* listener);
   static void OnNextTurn(int, short, void* sockets);
@@ -50,7 +50,7 @@ class ListeningSockets {
   evhttp* server_;
   std::shared_ptr<event> nextTurnEvent_;
   std::vector<evconnlistener*> listeners_;
-  int accepted_ = 0;  // since they stopped accepting
+  int accepted_ = 0;  // since they stopped last: in this turn or an earlier one
 };
 
 }  // namespace tavlo
