@@ -1,5 +1,3 @@
-#include "ctl/check.h"
-
 #include <iostream>
 #include <optional>
 #include <string>
@@ -7,6 +5,7 @@
 #include <getopt.h>
 
 #include "ctl/checks.h"
+#include "ctl/command.h"
 
 namespace tavlo::ctl {
 

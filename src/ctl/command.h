@@ -18,6 +18,15 @@ struct Command {
   int (*run)(int argc, char** argv);
 };
 
+/// Finds what would keep the daemon from working, without starting it.
+extern const Command kCheck;
+
+/// Runs the scripts of an event as the daemon does, and tells what it would make of their answers.
+extern const Command kHook;
+
+/// Tells what the daemon's log says of its requests and troubles.
+extern const Command kLog;
+
 /// Does what the command line asks for, and returns the process's exit status. Throws only for want
 /// of memory.
 int RunCommandLine(int argc, char** argv);

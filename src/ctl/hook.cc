@@ -1,5 +1,3 @@
-#include "ctl/hook.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -17,6 +15,7 @@
 #include <unistd.h>
 
 #include "agent/limits.h"
+#include "ctl/command.h"
 #include "ctl/hook_events.h"
 #include "ctl/script_runs.h"
 #include "hooks/body_file.h"

@@ -1,5 +1,3 @@
-#include "ctl/log.h"
-
 #include <fstream>
 #include <iostream>
 #include <limits>
@@ -10,6 +8,7 @@
 #include <getopt.h>
 #include <sys/time.h>
 
+#include "ctl/command.h"
 #include "ctl/log_entry.h"
 #include "ctl/log_reader.h"
 #include "ctl/log_summary.h"
