@@ -12,16 +12,13 @@
 #include <unistd.h>
 
 #include "ctl/checks.h"
+#include "ctl/hook_events.h"
 #include "util/directory.h"
 #include "util/error_text.h"
 
 namespace tavlo::ctl {
 
 namespace {
-
-constexpr const char* kAgent = "agent";
-constexpr const char* kEvents[] = {kAgent,      "settings_update", "block_device",  "http_block",
-                                   "dns_block", "device_detected", "iot_protection"};
 
 // What editors and package managers leave beside a file that has been changed.
 constexpr const char* kBackupEndings[] = {
@@ -183,17 +180,17 @@ bool CheckEvent(const CheckContext& context, const std::string& directory) {
 }  // namespace
 
 void CheckHooks(const CheckContext& context) {
-  const std::string internal = context.settings.InternalHooksDirectory() + "/";
-  const std::string external = context.settings.ExternalHooksDirectory() + "/";
   const bool areAsked = !context.settings.AgentDataPath().empty();
-  if (areAsked && !Exists(internal + kAgent)) {
-    CheckNeed(context, Listing(internal + kAgent));
-  }
-  for (const char* event : kEvents) {
-    for (const std::string& root : {internal, external}) {
-      if (CheckEvent(context, root + event) && event == kAgent && !areAsked) {
+  for (const HookEvent& event : kHookEvents) {
+    const std::string internal = context.settings.InternalHooksDirectory() + "/" + event.name;
+    const std::string external = context.settings.ExternalHooksDirectory() + "/" + event.name;
+    if (event.isRequest && areAsked && !Exists(internal)) {
+      CheckNeed(context, Listing(internal));
+    }
+    for (const std::string& directory : {internal, external}) {
+      if (CheckEvent(context, directory) && event.isRequest && !areAsked) {
         context.findings->Add(
-            root + event, "its scripts see no request, as \"agentDataPath\" is empty",
+            directory, "its scripts see no request, as \"agentDataPath\" is empty",
             "set it to a path in a directory of user '" + context.user.Name() + "' alone");
       }
     }

@@ -16,10 +16,15 @@ struct HookEvent {
   const char* name;
   std::array<const char*, 3> flags;  ///< without their dashes; null behind the last
   bool isRequest;  ///< whether it is the daemon's own, and scripts may end the request
+
+  /// Runs the scripts, as `HookInvoker` does. `exitCode` is left alone but for a request's.
   Orx::Status (*raise)(Orx::HookInvoker& hooks, FlagValues& values, int* exitCode);
 
   bool Takes(const std::string& flag) const;
 };
+
+/// All there are, in the order in which `tavloctl check` looks at their scripts.
+extern const std::array<HookEvent, 7> kHookEvents;
 
 /// Null when there is none of that name.
 const HookEvent* FindHookEvent(const std::string& name);
