@@ -13,6 +13,7 @@
 
 #include "ctl/checks.h"
 #include "ctl/hook_events.h"
+#include "ctl/text.h"
 #include "util/directory.h"
 #include "util/error_text.h"
 
@@ -42,13 +43,8 @@ Need Listing(const std::string& directory) {
           "mkdir -p -m 755 " + directory};
 }
 
-bool EndsWith(const std::string& text, const std::string& ending) {
-  return text.size() >= ending.size() &&
-         text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
-}
-
 bool IsBackup(const std::string& name) {
-  const bool isEmacsOwn = name.compare(0, 2, ".#") == 0 || (name.front() == '#' && name.size() > 1);
+  const bool isEmacsOwn = BeginsWith(name, ".#") || (name.front() == '#' && name.size() > 1);
   return isEmacsOwn || std::any_of(std::begin(kBackupEndings), std::end(kBackupEndings),
                                    [&](const char* ending) { return EndsWith(name, ending); });
 }
@@ -111,7 +107,7 @@ std::string ScriptText(const CheckContext& context, const std::string& path) {
   if (!file.is_open() && context.user.May(path, R_OK)) {
     context.findings->AddUnseen(path, "it cannot be read");
   }
-  return text.compare(0, 2, "#!") == 0 ? text : std::string();
+  return BeginsWith(text, "#!") ? text : std::string();
 }
 
 void CheckText(const CheckContext& context, const std::string& path) {

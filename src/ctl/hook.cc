@@ -18,6 +18,7 @@
 #include "ctl/command.h"
 #include "ctl/hook_events.h"
 #include "ctl/script_runs.h"
+#include "ctl/text.h"
 #include "hooks/body_file.h"
 #include "hooks/running_programs.h"
 #include "settings/app_settings.h"
@@ -235,7 +236,7 @@ int Raise(Options* options, const AppSettings& settings, const CapturedLog* log)
   int exitCode = 0;
   const Orx::Status status = event.raise(hooks, options->values, &exitCode);
   // What is wrong with the values themselves is found before any script is run.
-  if (!status.IsOk() && status.Message().rfind("failed to ", 0) != 0) {
+  if (!status.IsOk() && !BeginsWith(status.Message(), "failed to ")) {
     return NotRun(status.Message());
   }
   const Outcome outcome = Judge(event, status, exitCode);

@@ -4,6 +4,8 @@
 #include <array>
 #include <string_view>
 
+#include "ctl/text.h"
+
 namespace tavlo::ctl {
 
 namespace {
@@ -101,7 +103,8 @@ Listeners::Number Listeners::ListenerIn(const LogEntry& entry) {
        kPlain},
   }};
   for (const Sign& sign : kSigns) {
-    if (entry.IsOf(sign.function) && entry.BeginsWith(sign.begin) && entry.EndsWith(sign.end)) {
+    if (entry.IsOf(sign.function) && BeginsWith(entry.text, sign.begin) &&
+        EndsWith(entry.text, sign.end)) {
       return sign.listener;
     }
   }

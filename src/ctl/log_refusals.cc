@@ -8,6 +8,7 @@
 #include "ctl/log_listeners.h"
 #include "ctl/most_first.h"
 #include "ctl/printable.h"
+#include "ctl/text.h"
 #include "ctl/text_pattern.h"
 #include "util/log.h"
 
@@ -68,7 +69,7 @@ void RefusalCounter::Take(const LogEntry& entry, size_t listener, Step* step) {
 
 void RefusalCounter::TakeDaemons(const LogEntry& entry, Step* step) {
   const auto reason = std::find_if(kReasons.begin(), kReasons.end(), [&](const Reason& each) {
-    return each.level == entry.level && entry.BeginsWith(each.begin);
+    return each.level == entry.level && BeginsWith(entry.text, each.begin);
   });
   if (reason == kReasons.end()) {
     return;

@@ -7,6 +7,7 @@
 #include "ctl/log_listeners.h"
 #include "ctl/most_first.h"
 #include "ctl/printable.h"
+#include "ctl/text.h"
 #include "ctl/text_pattern.h"
 
 namespace tavlo::ctl {
@@ -21,18 +22,16 @@ constexpr size_t kMostUnanswered = 128;  // of a listener, the latest ones
 
 // Method and path. What is asked for outside of /api/ is a scanner's, and another one each time.
 std::string EndpointOf(std::string_view request) {
-  const size_t blank = std::min(request.find(' '), request.size());
-  const std::string_view method = request.substr(0, blank);
-  const std::string_view uri = request.substr(std::min(blank + 1, request.size()));
-  const std::string_view path = uri.substr(0, uri.find('?'));
-  return path.substr(0, 5) == "/api/"
-             ? Printable(std::string(method) + " " + std::string(path), kMostShown)
-             : "outside /api/";
+  const size_t blank = request.find(' ');
+  if (blank == request.npos || !BeginsWith(request.substr(blank + 1), "/api/")) {
+    return "outside /api/";
+  }
+  return Printable(request.substr(0, request.find('?', blank)), kMostShown);
 }
 
 // What happens on the thread of a listener, but says nothing of its last request.
 bool IsOfAnother(const LogEntry& entry) {
-  return entry.IsOf("AgentHost::Invoke") || entry.BeginsWith("Accepted ");
+  return entry.IsOf("AgentHost::Invoke") || BeginsWith(entry.text, "Accepted ");
 }
 
 // The rows of listeners that turned out to be the same are one.

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string_view>
+
+namespace tavlo::ctl {
+
+inline bool BeginsWith(std::string_view text, std::string_view start) {
+  return text.substr(0, start.size()) == start;
+}
+
+inline bool EndsWith(std::string_view text, std::string_view end) {
+  return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+
+}  // namespace tavlo::ctl
