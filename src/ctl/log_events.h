@@ -22,7 +22,6 @@ class EventCounter {
 
  private:
   void TakeEndedClients(const LogEntry& entry);
-  void TakeScript(const LogEntry& entry);
   void TakeFailedScript(const LogEntry& entry);
   LogReport::Script& ScriptAt(std::string_view path);
   void AddFailure(std::string_view path, const std::string& reason, int64_t time);
