@@ -1,33 +1,26 @@
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
-#include <cstdio>
 #include <iostream>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
-#include <thread>
 
 #include <getopt.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include "agent/limits.h"
 #include "ctl/command.h"
 #include "ctl/hook_events.h"
+#include "ctl/hook_signals.h"
 #include "ctl/script_runs.h"
 #include "ctl/text.h"
 #include "hooks/body_file.h"
-#include "hooks/running_programs.h"
 #include "settings/app_settings.h"
-#include "util/close_on_exec.h"
 #include "util/error_text.h"
 #include "util/file.h"
 #include "util/log.h"
 #include "util/privilege.h"
-#include "util/retry.h"
 
 namespace tavlo::ctl {
 
@@ -141,35 +134,6 @@ void PrintRemarks(std::ostream& out, const std::vector<std::string>& remarks) {
   for (const std::string& remark : remarks) {
     out << "    " << remark << '\n';
   }
-}
-
-// What scripts inherit from the daemon: these blocked, and one signal ignored.
-sigset_t BlockSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGHUP);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  ::signal(SIGPIPE, SIG_IGN);
-  return signals;
-}
-
-// A script that hangs would not heed what Ctrl-C sends it, blocked as it is.
-void EndOnSignal(const sigset_t& signals, const std::string& bodyPath) {
-  const int number =
-      stdext::retry_on_interrupt([&signals] { return ::sigtimedwait(&signals, nullptr, nullptr); });
-  constexpr int kSignalled = 128;
-  const std::lock_guard<std::mutex> lock(stdext::exec_mutex());  // no other script begins
-  std::remove(bodyPath.c_str());
-  // It ends in here, where the thread that runs the script is held up, or that would tell of the
-  // script's end.
-  Orx::TheRunningPrograms().ForEach([number](const Orx::RunningProgram& script) {
-    ::kill(script.pid, SIGKILL);
-    std::fprintf(stderr, "tavloctl hook: killed %s, PID %d\n", script.path, script.pid);
-    ::_exit(kSignalled + number);
-  });
-  ::_exit(kSignalled + number);
 }
 
 // As the daemon does. Others than root cannot, and scripts may do for them what they may not do for
@@ -319,7 +283,7 @@ int RunHook(int argc, char** argv) {
   if (!BecomeUser(settings.AgentUser(), options->quiet)) {
     return kNotRun;
   }
-  std::thread(EndOnSignal, signals, isRequest ? BodyPath(settings) : std::string()).detach();
+  EndOnSignal(signals, isRequest ? BodyPath(settings) : std::string());
   return isRequest ? RaiseRequest(&*options, settings, body, log.get())
                    : Raise(&*options, settings, log.get());
 }
