@@ -31,7 +31,7 @@ constexpr const char* kCountsAsOne =
 
 constexpr const char* kTheyDecide = "they decide what the router does";
 
-constexpr size_t kLookedAt = 65536;  // bytes of a script
+constexpr size_t kMostRead = 65536;  // bytes of a script
 
 bool Exists(const std::string& path) {
   struct stat info = {};
@@ -101,7 +101,7 @@ void CheckInterpreter(const CheckContext& context, const std::string& path,
 // The beginning of a script; empty for a program, which is the kernel's business.
 std::string ScriptText(const CheckContext& context, const std::string& path) {
   std::ifstream file(path, std::ios::binary);
-  std::string text(kLookedAt, '\0');
+  std::string text(kMostRead, '\0');
   file.read(text.data(), static_cast<std::streamsize>(text.size()));
   text.resize(static_cast<size_t>(file.gcount()));
   if (!file.is_open() && context.user.May(path, R_OK)) {

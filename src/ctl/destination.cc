@@ -18,7 +18,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kPatience(3);
+constexpr std::chrono::seconds kTimeout(3);
 constexpr const char* kBeginning = "HTTP/1.";
 
 std::string ErrorText(int error) {
@@ -26,10 +26,10 @@ std::string ErrorText(int error) {
 }
 
 // One connection, and until when something has to come of it.
-class Conversation {
+class Probe {
  public:
-  explicit Conversation(const addrinfo& target)
-      : end_(Clock::now() + kPatience),
+  explicit Probe(const addrinfo& target)
+      : deadline_(Clock::now() + kTimeout),
         socket_(::socket(target.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
     const bool isUnderWay =
         ::connect(socket_.get(), target.ai_addr, target.ai_addrlen) == 0 || errno == EINPROGRESS;
@@ -62,12 +62,13 @@ class Conversation {
 
  private:
   bool Wait(short event) const {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end_ - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - Clock::now());
     pollfd entry = {socket_.get(), event, 0};
     return left.count() > 0 && ::poll(&entry, 1, static_cast<int>(left.count())) == 1;
   }
 
-  Clock::time_point end_;
+  Clock::time_point deadline_;
   stdext::descriptor socket_;
   int error_ = 0;
 };
@@ -85,8 +86,8 @@ Orx::Status AskDestination(const std::string& address, uint16_t port, const std:
   }
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> targets(found, freeaddrinfo);
   const std::string trouble =
-      Conversation(*targets).Ask("GET " + uri + " HTTP/1.1\r\nHost: " + address + ":" +
-                                 std::to_string(port) + "\r\nConnection: close\r\n\r\n");
+      Probe(*targets).Ask("GET " + uri + " HTTP/1.1\r\nHost: " + address + ":" +
+                          std::to_string(port) + "\r\nConnection: close\r\n\r\n");
   return trouble.empty() ? Orx::Status::Ok() : Orx::Status::Failure(trouble);
 }
 

@@ -28,13 +28,13 @@ class Durations {
   int64_t Longest() const { return longest_; }
 
   /// A limit that this share of them, in percent, kept, and no more than the longest took.
-  int64_t Within(unsigned percent) const;
+  int64_t Percentile(unsigned percent) const;
 
  private:
-  static constexpr std::array<int64_t, 17> kLimits = {
+  static constexpr std::array<int64_t, 17> kBounds = {
       1, 2, 5, 10, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10000, 20000, 50000, 100000, 200000};
 
-  std::array<uint64_t, kLimits.size() + 1> counts_ = {};  // the last one: longer than all limits
+  std::array<uint64_t, kBounds.size() + 1> counts_ = {};  // the last one: longer than all limits
   uint64_t count_ = 0;
   int64_t longest_ = 0;
 };

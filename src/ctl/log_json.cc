@@ -42,8 +42,8 @@ void AddTimes(json_object* object, const char* key, const Durations& times) {
   }
   json_object* const row = json_object_new_object();
   Add(row, "measured", times.Count());
-  Add(row, "half", static_cast<uint64_t>(times.Within(50)));
-  Add(row, "most", static_cast<uint64_t>(times.Within(95)));
+  Add(row, "half", static_cast<uint64_t>(times.Percentile(50)));
+  Add(row, "most", static_cast<uint64_t>(times.Percentile(95)));
   Add(row, "slowest", static_cast<uint64_t>(times.Longest()));
   json_object_object_add(object, key, row);
 }

@@ -40,7 +40,7 @@ bool Listeners::BeginsProcess(const LogEntry& entry) {
   return !hasBegun;
 }
 
-std::vector<size_t> Listeners::Settle() {
+std::vector<size_t> Listeners::EndProcess() {
   std::vector<size_t> numbers = Numbers();
   for (size_t& number : numbers) {
     number = number < kFirstThread ? number : kUnknown;
