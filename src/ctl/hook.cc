@@ -88,11 +88,9 @@ bool IsConsistent(const Options& options) {
 std::optional<Options> Parse(int argc, char** argv) {
   Options options;
   int index = 0;
-  for (int letter = 0; letter != -1;) {
-    letter = ::getopt_long(argc, argv, "c:h", kLongOptions, &index);
+  int letter = 0;
+  while ((letter = ::getopt_long(argc, argv, "c:h", kLongOptions, &index)) != -1) {
     switch (letter) {
-      case -1:
-        break;
       case kFlag:
         options.values[kLongOptions[index].name] = optarg;
         break;
@@ -255,6 +253,26 @@ bool ReadBody(const std::string& path, std::string* body) {
   return status.IsOk();
 }
 
+// `log` is null with --quiet.
+int Try(Options* options, const sigset_t& signals, const CapturedLog* log) {
+  AppSettings settings;
+  std::string body;
+  if (!ReadSettings(options->configPath, log, &settings) ||
+      !ReadBody(options->values["data"], &body)) {
+    return kNotRun;
+  }
+  const bool isRequest = options->event->isRequest;
+  if (isRequest && settings.AgentDataPath().empty()) {
+    return NotRun("agentDataPath is empty: the daemon shows no request to scripts");
+  }
+  // What stands before this may need the rights of who started it.
+  if (!BecomeUser(settings.AgentUser(), options->quiet)) {
+    return kNotRun;
+  }
+  EndOnSignal(signals, isRequest ? BodyPath(settings) : std::string());
+  return isRequest ? RaiseRequest(options, settings, body, log) : Raise(options, settings, log);
+}
+
 int RunHook(int argc, char** argv) {
   std::optional<Options> options = Parse(argc, argv);
   if (!options) {
@@ -268,24 +286,7 @@ int RunHook(int argc, char** argv) {
   const int level = options->quiet ? Orx::Log::kError : Orx::Log::kDebug;
   Orx::Log::Open("tavloctl", "", level, true, false, false);
   const std::unique_ptr<CapturedLog> log(options->quiet ? nullptr : new CapturedLog);
-
-  AppSettings settings;
-  std::string body;
-  const bool isRequest = options->event->isRequest;
-  if (!ReadSettings(options->configPath, log.get(), &settings) ||
-      !ReadBody(options->values["data"], &body)) {
-    return kNotRun;
-  }
-  if (isRequest && settings.AgentDataPath().empty()) {
-    return NotRun("agentDataPath is empty: the daemon shows no request to scripts");
-  }
-  // What stands before this may need the rights of who started it.
-  if (!BecomeUser(settings.AgentUser(), options->quiet)) {
-    return kNotRun;
-  }
-  EndOnSignal(signals, isRequest ? BodyPath(settings) : std::string());
-  return isRequest ? RaiseRequest(&*options, settings, body, log.get())
-                   : Raise(&*options, settings, log.get());
+  return Try(&*options, signals, log.get());
 }
 
 }  // namespace

@@ -65,11 +65,9 @@ bool TakeSince(const char* text, Options* options) {
 // Nothing when the command line is wrong, which has been said then.
 std::optional<Options> Parse(int argc, char** argv) {
   Options options;
-  for (int letter = 0; letter != -1;) {
-    letter = ::getopt_long(argc, argv, "h", kLongOptions, nullptr);
+  int letter = 0;
+  while ((letter = ::getopt_long(argc, argv, "h", kLongOptions, nullptr)) != -1) {
     switch (letter) {
-      case -1:
-        break;
       case 'J':
         options.json = true;
         break;
