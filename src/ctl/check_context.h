@@ -9,8 +9,8 @@
 
 namespace tavlo::ctl {
 
-/// What each concern of a check goes by. All functions that get it add what they find, in a fixed
-/// order.
+/// What each concern of a check goes by; it owns none of it. All functions that get it add what
+/// they find, in a fixed order.
 struct CheckContext {
   const AppSettings& settings;
   const DaemonUser& user;

@@ -1,5 +1,8 @@
 #pragma once
 
+/// tavloctl does one thing in one thread and ends, so nothing in here is meant for several; `hook`
+/// alone has more, to wait for signals and to run scripts. What a command cannot do it says on
+/// standard error, or among its findings; it throws only for want of memory or of threads.
 namespace tavlo::ctl {
 
 /// How every command ends, as far as its usage says no more; scripts rely on it.
@@ -27,8 +30,8 @@ extern const Command kHook;
 /// Tells what the daemon's log says of its requests and troubles.
 extern const Command kLog;
 
-/// Does what the command line asks for, and returns the process's exit status. Throws only for want
-/// of memory.
+/// Does what the command line asks for, and returns the process's exit status. Throws what commands
+/// throw.
 int RunCommandLine(int argc, char** argv);
 
 }  // namespace tavlo::ctl

@@ -26,7 +26,7 @@ struct HookEvent {
 /// All there are, in the order in which `tavloctl check` looks at their scripts.
 extern const std::array<HookEvent, 7> kHookEvents;
 
-/// Null when there is none of that name.
+/// The event of that name, which lives as long as the program; null when there is none.
 const HookEvent* FindHookEvent(const std::string& name);
 
 }  // namespace tavlo::ctl

@@ -18,6 +18,8 @@ class EventCounter {
   static constexpr size_t kMostRows = 256;
 
   void Take(const LogEntry& entry);
+
+  /// Sets starts and the tables of ended clients and of scripts.
   void Report(LogReport* report) const;
 
  private:

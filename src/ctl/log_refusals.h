@@ -20,11 +20,14 @@ class RefusalCounter {
 
   RefusalCounter();
 
+  /// Takes the next line, of the listener of that number (`Listeners`), and adds it to its step of
+  /// time if it is one.
   void Take(const LogEntry& entry, size_t listener, Step* step);
 
   /// The listeners of before have ended.
   void EndProcess() { unanswered_.assign(unanswered_.size(), 0); }
 
+  /// Sets the tables of refusals and of wrong keys.
   void Report(LogReport* report) const;
 
  private:

@@ -21,13 +21,15 @@ class RequestCounter {
 
   RequestCounter();
 
-  /// Takes a line of a listener's thread. `isDebug`: the daemon writes all that it does.
+  /// Takes the next line, of the listener of that number (`Listeners`), and adds it to its step of
+  /// time if it is a request. `isDebug`: the daemon writes all that it does.
   void Take(const LogEntry& entry, size_t listener, bool isDebug, Step* step);
 
   /// The listeners of before have ended; each is what `numbers` has in its place.
   void EndProcess(const std::vector<size_t>& numbers);
 
-  /// Names the listeners by `numbers` and `names`: what each turned out to be, and is called.
+  /// Sets the tables of listeners, endpoints and answers. Names the listeners by `numbers` and
+  /// `names`: what each turned out to be, and is called.
   void Report(const std::vector<size_t>& numbers, const std::vector<std::string>& names,
               LogReport* report) const;
 

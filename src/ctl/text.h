@@ -4,6 +4,7 @@
 
 namespace tavlo::ctl {
 
+/// Letters must be the same, case included. Every text begins and ends with an empty one.
 inline bool BeginsWith(std::string_view text, std::string_view start) {
   return text.substr(0, start.size()) == start;
 }
