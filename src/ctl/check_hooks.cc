@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <list>
-#include <vector>
+#include <string_view>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,6 +32,7 @@ constexpr const char* kCountsAsOne =
 constexpr const char* kTheyDecide = "they decide what the router does";
 
 constexpr size_t kMostRead = 65536;  // bytes of a script
+constexpr const char* kBlanks = " \t";
 
 bool Exists(const std::string& path) {
   struct stat info = {};
@@ -49,19 +50,12 @@ bool IsBackup(const std::string& name) {
                                    [&](const char* ending) { return EndsWith(name, ending); });
 }
 
-// The blank-separated words of a script's first line, behind the "#!".
-std::vector<std::string> InterpreterLine(const std::string& text) {
-  const std::string line = text.substr(2, text.find('\n') - 2);
-  std::vector<std::string> words;
-  for (size_t end = 0; end < line.size();) {
-    const size_t begin = line.find_first_not_of(" \t", end);
-    if (begin == std::string::npos) {
-      break;
-    }
-    end = std::min(line.find_first_of(" \t", begin), line.size());
-    words.push_back(line.substr(begin, end - begin));
-  }
-  return words;
+// Takes the next word, which a blank ends, off the front of a line; empty when there is none.
+std::string TakeWord(std::string_view* line) {
+  line->remove_prefix(std::min(line->find_first_not_of(kBlanks), line->size()));
+  std::string word(line->substr(0, line->find_first_of(kBlanks)));
+  line->remove_prefix(word.size());
+  return word;
 }
 
 bool IsInPath(const CheckContext& context, const std::string& program) {
@@ -77,22 +71,23 @@ bool IsInPath(const CheckContext& context, const std::string& program) {
   return false;
 }
 
-void CheckInterpreter(const CheckContext& context, const std::string& path,
-                      const std::vector<std::string>& words) {
-  if (words.empty()) {
+// `line` is the first one, behind its "#!".
+void CheckInterpreter(const CheckContext& context, const std::string& path, std::string_view line) {
+  const std::string interpreter = TakeWord(&line);
+  const std::string argument = TakeWord(&line);
+  if (interpreter.empty()) {
     return;  // the shell takes it then
   }
-  const std::string& interpreter = words.front();
   if (!context.user.May(interpreter, X_OK)) {
     const std::string trouble = Exists(interpreter)
                                     ? " may not be executed by user '" + context.user.Name() + "': "
                                     : " is not there: ";
     context.findings->Add(path, "its interpreter " + interpreter + trouble + kCountsAsOne,
                           "install it, or name another one in the first line");
-  } else if (EndsWith(interpreter, "/env") && words.size() > 1 && words[1].front() != '-' &&
-             !IsInPath(context, words[1])) {
+  } else if (EndsWith(interpreter, "/env") && !argument.empty() && argument.front() != '-' &&
+             !IsInPath(context, argument)) {
     context.findings->Add(path,
-                          "env does not find its interpreter " + words[1] +
+                          "env does not find its interpreter " + argument +
                               " in PATH: it fails, and a request is answered with 500",
                           "install it, or name its whole path in the first line");
   }
@@ -128,7 +123,7 @@ void CheckText(const CheckContext& context, const std::string& path) {
                           "executed, or does something else",
                           "sed -i 's/\\r$//' " + path);
   } else {
-    CheckInterpreter(context, path, InterpreterLine(text));
+    CheckInterpreter(context, path, std::string_view(text).substr(2, text.find('\n') - 2));
   }
 }
 

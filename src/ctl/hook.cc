@@ -75,8 +75,9 @@ bool IsConsistent(const Options& options) {
     NotRun("one event is to be named; see tavloctl hook --help");
     return false;
   }
+  const auto& flags = options.event->flags;
   for (const auto& [flag, value] : options.values) {
-    if (!options.event->Takes(flag)) {
+    if (std::find(flags.begin(), flags.end(), flag) == flags.end()) {
       NotRun(std::string(options.event->name) + " has no flag --" + flag);
       return false;
     }

@@ -49,11 +49,6 @@ constexpr std::array<HookEvent, 7> kHookEvents = {{
      }},
 }};
 
-bool HookEvent::Takes(const std::string& flag) const {
-  return std::any_of(flags.begin(), flags.end(),
-                     [&](const char* each) { return each != nullptr && flag == each; });
-}
-
 const HookEvent* FindHookEvent(const std::string& name) {
   const auto* const found = std::find_if(kHookEvents.begin(), kHookEvents.end(),
                                          [&](const HookEvent& each) { return name == each.name; });

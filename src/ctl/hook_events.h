@@ -3,6 +3,7 @@
 #include <array>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "hooks/hook_invoker.h"
 
@@ -14,13 +15,11 @@ using FlagValues = std::map<std::string, std::string>;
 /// One event that scripts can be run for.
 struct HookEvent {
   const char* name;
-  std::array<const char*, 3> flags;  ///< without their dashes; null behind the last
+  std::array<std::string_view, 3> flags;  ///< without their dashes; empty behind the last
   bool isRequest;  ///< whether it is the daemon's own, and scripts may end the request
 
   /// Runs the scripts, as `HookInvoker` does. `exitCode` is left alone but for a request's.
   Orx::Status (*raise)(Orx::HookInvoker& hooks, FlagValues& values, int* exitCode);
-
-  bool Takes(const std::string& flag) const;
 };
 
 /// All there are, in the order in which `tavloctl check` looks at their scripts.
