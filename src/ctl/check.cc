@@ -1,5 +1,3 @@
-#include "ctl/check.h"
-
 #include <iostream>
 #include <optional>
 #include <string>
@@ -7,6 +5,7 @@
 #include <getopt.h>
 
 #include "ctl/checks.h"
+#include "ctl/command.h"
 
 namespace tavlo::ctl {
 
@@ -40,11 +39,9 @@ struct Options {
 // Nothing when the command line is wrong, which has been said then.
 std::optional<Options> Parse(int argc, char** argv) {
   Options options;
-  for (int letter = 0; letter != -1;) {
-    letter = ::getopt_long(argc, argv, "c:f:h", kLongOptions, nullptr);
+  int letter = 0;
+  while ((letter = ::getopt_long(argc, argv, "c:f:h", kLongOptions, nullptr)) != -1) {
     switch (letter) {
-      case -1:
-        break;
       case 'c':
         options.configPath = optarg;
         break;

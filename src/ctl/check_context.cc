@@ -83,11 +83,12 @@ std::optional<std::string> ReadContent(const CheckContext& context, const std::s
   return std::nullopt;
 }
 
-std::string LineAndColumn(const std::string& text, size_t offset) {
+std::string PlaceInFile(const std::string& path, const std::string& text, size_t offset) {
   const std::string before = text.substr(0, offset);
   const auto lines = std::count(before.begin(), before.end(), '\n');
   const size_t lineStart = before.rfind('\n') + 1;  // npos + 1 is 0
-  return std::to_string(lines + 1) + ":" + std::to_string(before.size() - lineStart + 1);
+  return path + ":" + std::to_string(lines + 1) + ":" +
+         std::to_string(before.size() - lineStart + 1);
 }
 
 }  // namespace tavlo::ctl

@@ -9,8 +9,8 @@
 
 namespace tavlo::ctl {
 
-/// What each concern of a check goes by. All functions that get it add what they find, in a fixed
-/// order.
+/// What each concern of a check goes by; it owns none of it. All functions that get it add what
+/// they find, in a fixed order.
 struct CheckContext {
   const AppSettings& settings;
   const DaemonUser& user;
@@ -38,7 +38,8 @@ void CheckWriters(const CheckContext& context, const std::string& path,
 /// noted unless the daemon's user may not read it either.
 std::optional<std::string> ReadContent(const CheckContext& context, const std::string& path);
 
-/// "LINE:COLUMN" of the byte at `offset`, counted from 1, columns in bytes.
-std::string LineAndColumn(const std::string& text, size_t offset);
+/// "PATH:LINE:COLUMN" of the byte at `offset` of the file's text. Lines and columns count from 1,
+/// columns in bytes.
+std::string PlaceInFile(const std::string& path, const std::string& text, size_t offset);
 
 }  // namespace tavlo::ctl

@@ -62,7 +62,7 @@ void CheckDeviceList(const CheckContext& context) {
   DeviceList list;
   std::string error;
   if (text && !ParseDeviceList(*text, &list, &error)) {
-    context.findings->Add(path + ":" + LineAndColumn(*text, list.GetErrorOffset()),
+    context.findings->Add(PlaceInFile(path, *text, list.GetErrorOffset()),
                           "no JSON: " + error + ": " + consequence, "mend what writes it");
   }
 }

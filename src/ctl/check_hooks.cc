@@ -6,22 +6,20 @@
 #include <cstdlib>
 #include <fstream>
 #include <list>
-#include <vector>
+#include <string_view>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "ctl/checks.h"
+#include "ctl/hook_events.h"
+#include "ctl/text.h"
 #include "util/directory.h"
 #include "util/error_text.h"
 
 namespace tavlo::ctl {
 
 namespace {
-
-constexpr const char* kAgent = "agent";
-constexpr const char* kEvents[] = {kAgent,      "settings_update", "block_device",  "http_block",
-                                   "dns_block", "device_detected", "iot_protection"};
 
 // What editors and package managers leave beside a file that has been changed.
 constexpr const char* kBackupEndings[] = {
@@ -33,7 +31,8 @@ constexpr const char* kCountsAsOne =
 
 constexpr const char* kTheyDecide = "they decide what the router does";
 
-constexpr size_t kLookedAt = 65536;  // bytes of a script
+constexpr size_t kMostRead = 65536;  // bytes of a script
+constexpr const char* kBlanks = " \t";
 
 bool Exists(const std::string& path) {
   struct stat info = {};
@@ -45,30 +44,18 @@ Need Listing(const std::string& directory) {
           "mkdir -p -m 755 " + directory};
 }
 
-bool EndsWith(const std::string& text, const std::string& ending) {
-  return text.size() >= ending.size() &&
-         text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
-}
-
 bool IsBackup(const std::string& name) {
-  const bool isEmacsOwn = name.compare(0, 2, ".#") == 0 || (name.front() == '#' && name.size() > 1);
+  const bool isEmacsOwn = BeginsWith(name, ".#") || (name.front() == '#' && name.size() > 1);
   return isEmacsOwn || std::any_of(std::begin(kBackupEndings), std::end(kBackupEndings),
                                    [&](const char* ending) { return EndsWith(name, ending); });
 }
 
-// The blank-separated words of a script's first line, behind the "#!".
-std::vector<std::string> InterpreterLine(const std::string& text) {
-  const std::string line = text.substr(2, text.find('\n') - 2);
-  std::vector<std::string> words;
-  for (size_t end = 0; end < line.size();) {
-    const size_t begin = line.find_first_not_of(" \t", end);
-    if (begin == std::string::npos) {
-      break;
-    }
-    end = std::min(line.find_first_of(" \t", begin), line.size());
-    words.push_back(line.substr(begin, end - begin));
-  }
-  return words;
+// Takes the next word, which a blank ends, off the front of a line; empty when there is none.
+std::string TakeWord(std::string_view* line) {
+  line->remove_prefix(std::min(line->find_first_not_of(kBlanks), line->size()));
+  std::string word(line->substr(0, line->find_first_of(kBlanks)));
+  line->remove_prefix(word.size());
+  return word;
 }
 
 bool IsInPath(const CheckContext& context, const std::string& program) {
@@ -84,22 +71,23 @@ bool IsInPath(const CheckContext& context, const std::string& program) {
   return false;
 }
 
-void CheckInterpreter(const CheckContext& context, const std::string& path,
-                      const std::vector<std::string>& words) {
-  if (words.empty()) {
+// `line` is the first one, behind its "#!".
+void CheckInterpreter(const CheckContext& context, const std::string& path, std::string_view line) {
+  const std::string interpreter = TakeWord(&line);
+  const std::string argument = TakeWord(&line);
+  if (interpreter.empty()) {
     return;  // the shell takes it then
   }
-  const std::string& interpreter = words.front();
   if (!context.user.May(interpreter, X_OK)) {
     const std::string trouble = Exists(interpreter)
                                     ? " may not be executed by user '" + context.user.Name() + "': "
                                     : " is not there: ";
     context.findings->Add(path, "its interpreter " + interpreter + trouble + kCountsAsOne,
                           "install it, or name another one in the first line");
-  } else if (EndsWith(interpreter, "/env") && words.size() > 1 && words[1].front() != '-' &&
-             !IsInPath(context, words[1])) {
+  } else if (EndsWith(interpreter, "/env") && !argument.empty() && argument.front() != '-' &&
+             !IsInPath(context, argument)) {
     context.findings->Add(path,
-                          "env does not find its interpreter " + words[1] +
+                          "env does not find its interpreter " + argument +
                               " in PATH: it fails, and a request is answered with 500",
                           "install it, or name its whole path in the first line");
   }
@@ -108,13 +96,13 @@ void CheckInterpreter(const CheckContext& context, const std::string& path,
 // The beginning of a script; empty for a program, which is the kernel's business.
 std::string ScriptText(const CheckContext& context, const std::string& path) {
   std::ifstream file(path, std::ios::binary);
-  std::string text(kLookedAt, '\0');
+  std::string text(kMostRead, '\0');
   file.read(text.data(), static_cast<std::streamsize>(text.size()));
   text.resize(static_cast<size_t>(file.gcount()));
   if (!file.is_open() && context.user.May(path, R_OK)) {
     context.findings->AddUnseen(path, "it cannot be read");
   }
-  return text.compare(0, 2, "#!") == 0 ? text : std::string();
+  return BeginsWith(text, "#!") ? text : std::string();
 }
 
 void CheckText(const CheckContext& context, const std::string& path) {
@@ -135,7 +123,7 @@ void CheckText(const CheckContext& context, const std::string& path) {
                           "executed, or does something else",
                           "sed -i 's/\\r$//' " + path);
   } else {
-    CheckInterpreter(context, path, InterpreterLine(text));
+    CheckInterpreter(context, path, std::string_view(text).substr(2, text.find('\n') - 2));
   }
 }
 
@@ -183,17 +171,17 @@ bool CheckEvent(const CheckContext& context, const std::string& directory) {
 }  // namespace
 
 void CheckHooks(const CheckContext& context) {
-  const std::string internal = context.settings.InternalHooksDirectory() + "/";
-  const std::string external = context.settings.ExternalHooksDirectory() + "/";
   const bool areAsked = !context.settings.AgentDataPath().empty();
-  if (areAsked && !Exists(internal + kAgent)) {
-    CheckNeed(context, Listing(internal + kAgent));
-  }
-  for (const char* event : kEvents) {
-    for (const std::string& root : {internal, external}) {
-      if (CheckEvent(context, root + event) && event == kAgent && !areAsked) {
+  for (const HookEvent& event : kHookEvents) {
+    const std::string internal = context.settings.InternalHooksDirectory() + "/" + event.name;
+    const std::string external = context.settings.ExternalHooksDirectory() + "/" + event.name;
+    if (event.isRequest && areAsked && !Exists(internal)) {
+      CheckNeed(context, Listing(internal));
+    }
+    for (const std::string& directory : {internal, external}) {
+      if (CheckEvent(context, directory) && event.isRequest && !areAsked) {
         context.findings->Add(
-            root + event, "its scripts see no request, as \"agentDataPath\" is empty",
+            directory, "its scripts see no request, as \"agentDataPath\" is empty",
             "set it to a path in a directory of user '" + context.user.Name() + "' alone");
       }
     }

@@ -33,7 +33,7 @@ struct ConfigFile {
   std::string Place(const std::string& name) const {
     const auto found = std::find_if(keys.rbegin(), keys.rend(),
                                     [&](const JsonKey& key) { return key.name == name; });
-    return found == keys.rend() ? path : path + ":" + LineAndColumn(text, found->offset);
+    return found == keys.rend() ? path : PlaceInFile(path, text, found->offset);
   }
 };
 
@@ -50,8 +50,7 @@ JsonTree Parse(const ConfigFile& file, Findings* findings) {
                                    ? "it holds nothing but null"
                                    : std::string("no JSON: ") + json_tokener_error_desc(error);
     const size_t offset = std::min(json_tokener_get_parse_end(tokener.get()), file.text.size());
-    findings->Add(file.path + ":" + LineAndColumn(file.text, offset),
-                  reason + ": the daemon does not start",
+    findings->Add(PlaceInFile(file.path, file.text, offset), reason + ": the daemon does not start",
                   "mend it there or just before: a comma, a quote or a bracket, mostly");
   }
   return root;
@@ -153,7 +152,7 @@ void CheckRepeatedKeys(const ConfigFile& file, Findings* findings) {
   for (auto key = file.keys.begin(); key != file.keys.end(); ++key) {
     if (std::any_of(key + 1, file.keys.end(),
                     [&](const JsonKey& later) { return later.name == key->name; })) {
-      findings->Add(file.path + ":" + LineAndColumn(file.text, key->offset),
+      findings->Add(PlaceInFile(file.path, file.text, key->offset),
                     Quoted(key->name) + " is ignored, as it comes again below",
                     "take one of them out");
     }

@@ -38,7 +38,7 @@ std::string TakeLastError() {
 
 // What `print` writes into the BIO that it gets.
 template <typename Print>
-std::string Printed(Print print) {
+std::string TextFromBio(Print print) {
   const std::unique_ptr<BIO, decltype(&BIO_free_all)> memory(BIO_new(BIO_s_mem()), BIO_free_all);
   if (memory == nullptr) {
     throw std::bad_alloc();
@@ -50,11 +50,11 @@ std::string Printed(Print print) {
 }
 
 std::string TimeText(const ASN1_TIME* time) {
-  return Printed([time](BIO* out) { ASN1_TIME_print(out, time); });
+  return TextFromBio([time](BIO* out) { ASN1_TIME_print(out, time); });
 }
 
 std::string SubjectOf(const X509* certificate) {
-  return Printed([certificate](BIO* out) {
+  return TextFromBio([certificate](BIO* out) {
     X509_NAME_print_ex(out, X509_get_subject_name(certificate), 0, XN_FLAG_ONELINE);
   });
 }

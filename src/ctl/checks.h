@@ -6,7 +6,8 @@
 
 namespace tavlo::ctl {
 
-/// The concerns of `tavloctl check`, a file each.
+/// The concerns of `tavloctl check`. Each changes nothing, and adds to the findings what would not
+/// work, and what it cannot look at.
 
 /// Reads the settings as the daemon does, and looks for what it ignores. An empty path stands for
 /// the built-in settings. Returns false when there are none: the daemon would not start.
@@ -18,6 +19,7 @@ void CheckTlsFiles(const CheckContext& context);
 /// The router information file with the pairing key.
 void CheckRouterInformation(const CheckContext& context);
 
+/// The list that GET /api/mac is answered from.
 void CheckDeviceList(const CheckContext& context);
 
 /// The scripts of all events, and their directories.
@@ -35,6 +37,7 @@ void CheckLogFile(const CheckContext& context, const std::string& path);
 /// That `agentUser` exists, and can be asked what it may do.
 void CheckUser(const CheckContext& context);
 
+/// That the interface of the LAN has an address to listen on.
 void CheckLanInterface(const CheckContext& context);
 
 /// The ports of both listeners.

@@ -6,9 +6,6 @@
 #include <vector>
 
 #include "ctl/build_id.h"
-#include "ctl/check.h"
-#include "ctl/hook.h"
-#include "ctl/log.h"
 
 namespace tavlo::ctl {
 

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <string_view>
 
 #include <netdb.h>
 #include <poll.h>
@@ -18,58 +19,67 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kPatience(3);
-constexpr const char* kBeginning = "HTTP/1.";
+constexpr std::chrono::seconds kTimeout(3);
+constexpr std::string_view kBeginning = "HTTP/1.";
 
-std::string ErrorText(int error) {
-  return stdext::error_number_and_text(error);
+Orx::Status SystemFailure(int error) {
+  return Orx::Status::Failure(stdext::error_number_and_text(error));
 }
 
 // One connection, and until when something has to come of it.
-class Conversation {
+class Probe {
  public:
-  explicit Conversation(const addrinfo& target)
-      : end_(Clock::now() + kPatience),
+  explicit Probe(const addrinfo& target)
+      : deadline_(Clock::now() + kTimeout),
         socket_(::socket(target.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
     const bool isUnderWay =
         ::connect(socket_.get(), target.ai_addr, target.ai_addrlen) == 0 || errno == EINPROGRESS;
-    error_ = isUnderWay ? 0 : errno;
+    connectError_ = isUnderWay ? 0 : errno;
   }
 
-  // Empty when an answer has begun, else what went wrong.
-  std::string Ask(const std::string& request) {
-    int error = error_;
-    socklen_t size = sizeof error;
-    if (error != 0 || !Wait(POLLOUT) ||
-        ::getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0) {
-      return error != 0 ? ErrorText(error) : "it takes no connection";
+  // Succeeds when an answer has begun.
+  Orx::Status Ask(const std::string& request) {
+    Orx::Status connected = FinishConnecting();
+    if (!connected.IsOk()) {
+      return connected;
     }
     if (::send(socket_.get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) {
-      return ErrorText(errno);
+      return SystemFailure(errno);
     }
-    char answer[7] = {};
     if (!Wait(POLLIN)) {
-      return "it takes the request and says nothing";
+      return Orx::Status::Failure("it takes the request and says nothing");
     }
+    char answer[kBeginning.size()] = {};
     const ssize_t count = ::recv(socket_.get(), answer, sizeof answer, 0);
     if (count < 0) {
-      return ErrorText(errno);
+      return SystemFailure(errno);
     }
-    return std::string(answer, static_cast<size_t>(count)) == kBeginning
-               ? std::string()
-               : "what it says is not HTTP/1";
+    return std::string_view(answer, static_cast<size_t>(count)) == kBeginning
+               ? Orx::Status::Ok()
+               : Orx::Status::Failure("what it says is not HTTP/1");
   }
 
  private:
+  Orx::Status FinishConnecting() const {
+    int error = connectError_;
+    socklen_t size = sizeof error;
+    if (error == 0 &&
+        (!Wait(POLLOUT) || ::getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0)) {
+      return Orx::Status::Failure("it takes no connection");
+    }
+    return error == 0 ? Orx::Status::Ok() : SystemFailure(error);
+  }
+
   bool Wait(short event) const {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end_ - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - Clock::now());
     pollfd entry = {socket_.get(), event, 0};
     return left.count() > 0 && ::poll(&entry, 1, static_cast<int>(left.count())) == 1;
   }
 
-  Clock::time_point end_;
+  Clock::time_point deadline_;
   stdext::descriptor socket_;
-  int error_ = 0;
+  int connectError_ = 0;
 };
 
 }  // namespace
@@ -84,10 +94,8 @@ Orx::Status AskDestination(const std::string& address, uint16_t port, const std:
     return Orx::Status::Failure(::gai_strerror(error));
   }
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> targets(found, freeaddrinfo);
-  const std::string trouble =
-      Conversation(*targets).Ask("GET " + uri + " HTTP/1.1\r\nHost: " + address + ":" +
-                                 std::to_string(port) + "\r\nConnection: close\r\n\r\n");
-  return trouble.empty() ? Orx::Status::Ok() : Orx::Status::Failure(trouble);
+  return Probe(*targets).Ask("GET " + uri + " HTTP/1.1\r\nHost: " + address + ":" +
+                             std::to_string(port) + "\r\nConnection: close\r\n\r\n");
 }
 
 }  // namespace tavlo::ctl

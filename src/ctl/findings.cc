@@ -11,7 +11,8 @@ namespace tavlo::ctl {
 
 namespace {
 
-std::string Printable(std::string text) {
+// UTF-8, which names and values may be in, stays as it is.
+std::string WithoutControlCharacters(std::string text) {
   std::replace_if(
       text.begin(), text.end(), [](unsigned char letter) { return letter < ' ' || letter == 0x7f; },
       '?');
@@ -48,11 +49,11 @@ int Findings::ExitCode() const {
 
 void Findings::PrintText(std::ostream& out) const {
   for (const Finding& finding : findings_) {
-    out << Printable(finding.where + ": " + finding.what) << '\n'
-        << Printable("    cure: " + finding.cure) << '\n';
+    out << WithoutControlCharacters(finding.where + ": " + finding.what) << '\n'
+        << WithoutControlCharacters("    cure: " + finding.cure) << '\n';
   }
   for (const Finding& each : unseen_) {
-    out << Printable(each.where + ": not looked at: " + each.what) << '\n';
+    out << WithoutControlCharacters(each.where + ": not looked at: " + each.what) << '\n';
   }
   out << findings_.size() << (findings_.size() == 1 ? " finding\n" : " findings\n");
 }

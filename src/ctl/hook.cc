@@ -1,33 +1,26 @@
-#include "ctl/hook.h"
-
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
-#include <cstdio>
 #include <iostream>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
-#include <thread>
 
 #include <getopt.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include "agent/limits.h"
+#include "ctl/command.h"
 #include "ctl/hook_events.h"
+#include "ctl/hook_signals.h"
 #include "ctl/script_runs.h"
+#include "ctl/text.h"
 #include "hooks/body_file.h"
-#include "hooks/running_programs.h"
 #include "settings/app_settings.h"
-#include "util/close_on_exec.h"
 #include "util/error_text.h"
 #include "util/file.h"
 #include "util/log.h"
 #include "util/privilege.h"
-#include "util/retry.h"
 
 namespace tavlo::ctl {
 
@@ -82,8 +75,9 @@ bool IsConsistent(const Options& options) {
     NotRun("one event is to be named; see tavloctl hook --help");
     return false;
   }
+  const auto& flags = options.event->flags;
   for (const auto& [flag, value] : options.values) {
-    if (!options.event->Takes(flag)) {
+    if (std::find(flags.begin(), flags.end(), flag) == flags.end()) {
       NotRun(std::string(options.event->name) + " has no flag --" + flag);
       return false;
     }
@@ -95,11 +89,9 @@ bool IsConsistent(const Options& options) {
 std::optional<Options> Parse(int argc, char** argv) {
   Options options;
   int index = 0;
-  for (int letter = 0; letter != -1;) {
-    letter = ::getopt_long(argc, argv, "c:h", kLongOptions, &index);
+  int letter = 0;
+  while ((letter = ::getopt_long(argc, argv, "c:h", kLongOptions, &index)) != -1) {
     switch (letter) {
-      case -1:
-        break;
       case kFlag:
         options.values[kLongOptions[index].name] = optarg;
         break;
@@ -141,35 +133,6 @@ void PrintRemarks(std::ostream& out, const std::vector<std::string>& remarks) {
   for (const std::string& remark : remarks) {
     out << "    " << remark << '\n';
   }
-}
-
-// What scripts inherit from the daemon: these blocked, and one signal ignored.
-sigset_t BlockSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGHUP);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  ::signal(SIGPIPE, SIG_IGN);
-  return signals;
-}
-
-// A script that hangs would not heed what Ctrl-C sends it, blocked as it is.
-void EndOnSignal(const sigset_t& signals, const std::string& bodyPath) {
-  const int number =
-      stdext::retry_on_interrupt([&signals] { return ::sigtimedwait(&signals, nullptr, nullptr); });
-  constexpr int kSignalled = 128;
-  const std::lock_guard<std::mutex> lock(stdext::exec_mutex());  // no other script begins
-  std::remove(bodyPath.c_str());
-  // It ends in here, where the thread that runs the script is held up, or that would tell of the
-  // script's end.
-  Orx::TheRunningPrograms().ForEach([number](const Orx::RunningProgram& script) {
-    ::kill(script.pid, SIGKILL);
-    std::fprintf(stderr, "tavloctl hook: killed %s, PID %d\n", script.path, script.pid);
-    ::_exit(kSignalled + number);
-  });
-  ::_exit(kSignalled + number);
 }
 
 // As the daemon does. Others than root cannot, and scripts may do for them what they may not do for
@@ -236,7 +199,7 @@ int Raise(Options* options, const AppSettings& settings, const CapturedLog* log)
   int exitCode = 0;
   const Orx::Status status = event.raise(hooks, options->values, &exitCode);
   // What is wrong with the values themselves is found before any script is run.
-  if (!status.IsOk() && status.Message().rfind("failed to ", 0) != 0) {
+  if (!status.IsOk() && !BeginsWith(status.Message(), "failed to ")) {
     return NotRun(status.Message());
   }
   const Outcome outcome = Judge(event, status, exitCode);
@@ -291,6 +254,26 @@ bool ReadBody(const std::string& path, std::string* body) {
   return status.IsOk();
 }
 
+// `log` is null with --quiet.
+int Try(Options* options, const sigset_t& signals, const CapturedLog* log) {
+  AppSettings settings;
+  std::string body;
+  if (!ReadSettings(options->configPath, log, &settings) ||
+      !ReadBody(options->values["data"], &body)) {
+    return kNotRun;
+  }
+  const bool isRequest = options->event->isRequest;
+  if (isRequest && settings.AgentDataPath().empty()) {
+    return NotRun("agentDataPath is empty: the daemon shows no request to scripts");
+  }
+  // What stands before this may need the rights of who started it.
+  if (!BecomeUser(settings.AgentUser(), options->quiet)) {
+    return kNotRun;
+  }
+  EndOnSignal(signals, isRequest ? BodyPath(settings) : std::string());
+  return isRequest ? RaiseRequest(options, settings, body, log) : Raise(options, settings, log);
+}
+
 int RunHook(int argc, char** argv) {
   std::optional<Options> options = Parse(argc, argv);
   if (!options) {
@@ -304,24 +287,7 @@ int RunHook(int argc, char** argv) {
   const int level = options->quiet ? Orx::Log::kError : Orx::Log::kDebug;
   Orx::Log::Open("tavloctl", "", level, true, false, false);
   const std::unique_ptr<CapturedLog> log(options->quiet ? nullptr : new CapturedLog);
-
-  AppSettings settings;
-  std::string body;
-  const bool isRequest = options->event->isRequest;
-  if (!ReadSettings(options->configPath, log.get(), &settings) ||
-      !ReadBody(options->values["data"], &body)) {
-    return kNotRun;
-  }
-  if (isRequest && settings.AgentDataPath().empty()) {
-    return NotRun("agentDataPath is empty: the daemon shows no request to scripts");
-  }
-  // What stands before this may need the rights of who started it.
-  if (!BecomeUser(settings.AgentUser(), options->quiet)) {
-    return kNotRun;
-  }
-  std::thread(EndOnSignal, signals, isRequest ? BodyPath(settings) : std::string()).detach();
-  return isRequest ? RaiseRequest(&*options, settings, body, log.get())
-                   : Raise(&*options, settings, log.get());
+  return Try(&*options, signals, log.get());
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <array>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "hooks/hook_invoker.h"
 
@@ -14,14 +15,17 @@ using FlagValues = std::map<std::string, std::string>;
 /// One event that scripts can be run for.
 struct HookEvent {
   const char* name;
-  std::array<const char*, 3> flags;  ///< without their dashes; null behind the last
+  std::array<std::string_view, 3> flags;  ///< without their dashes; empty behind the last
   bool isRequest;  ///< whether it is the daemon's own, and scripts may end the request
-  Orx::Status (*raise)(Orx::HookInvoker& hooks, FlagValues& values, int* exitCode);
 
-  bool Takes(const std::string& flag) const;
+  /// Runs the scripts, as `HookInvoker` does. `exitCode` is left alone but for a request's.
+  Orx::Status (*raise)(Orx::HookInvoker& hooks, FlagValues& values, int* exitCode);
 };
 
-/// Null when there is none of that name.
+/// All there are, in the order in which `tavloctl check` looks at their scripts.
+extern const std::array<HookEvent, 7> kHookEvents;
+
+/// The event of that name, which lives as long as the program; null when there is none.
 const HookEvent* FindHookEvent(const std::string& name);
 
 }  // namespace tavlo::ctl

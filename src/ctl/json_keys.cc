@@ -8,12 +8,12 @@ namespace {
 
 constexpr const char* kBlanks = " \t\r\n\f\v";
 
-// Walks over a text, piece by piece.
-class Walker {
+// Goes over a text, piece by piece: texts in quotes, comments, and the brackets between them.
+class KeyScanner {
  public:
-  explicit Walker(const std::string& text) : text_(text) {}
+  explicit KeyScanner(const std::string& text) : text_(text) {}
 
-  std::vector<JsonKey> Walk() {
+  std::vector<JsonKey> Scan() {
     while (at_ < text_.size()) {
       const char letter = text_[at_];
       if (letter == '"' || letter == '\'') {
@@ -58,7 +58,7 @@ class Walker {
 }  // namespace
 
 std::vector<JsonKey> TopLevelKeys(const std::string& text) {
-  return Walker(text).Walk();
+  return KeyScanner(text).Scan();
 }
 
 }  // namespace tavlo::ctl

@@ -1,5 +1,3 @@
-#include "ctl/log.h"
-
 #include <fstream>
 #include <iostream>
 #include <limits>
@@ -10,6 +8,7 @@
 #include <getopt.h>
 #include <sys/time.h>
 
+#include "ctl/command.h"
 #include "ctl/log_entry.h"
 #include "ctl/log_reader.h"
 #include "ctl/log_summary.h"
@@ -66,11 +65,9 @@ bool TakeSince(const char* text, Options* options) {
 // Nothing when the command line is wrong, which has been said then.
 std::optional<Options> Parse(int argc, char** argv) {
   Options options;
-  for (int letter = 0; letter != -1;) {
-    letter = ::getopt_long(argc, argv, "h", kLongOptions, nullptr);
+  int letter = 0;
+  while ((letter = ::getopt_long(argc, argv, "h", kLongOptions, nullptr)) != -1) {
     switch (letter) {
-      case -1:
-        break;
       case 'J':
         options.json = true;
         break;

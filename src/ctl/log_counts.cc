@@ -20,8 +20,8 @@ void Occurrences::Add(int64_t time, uint64_t times) {
 }
 
 void Durations::Add(int64_t milliseconds) {
-  const auto limit = std::lower_bound(kLimits.begin(), kLimits.end(), milliseconds);
-  ++counts_.at(static_cast<size_t>(limit - kLimits.begin()));
+  const auto limit = std::lower_bound(kBounds.begin(), kBounds.end(), milliseconds);
+  ++counts_.at(static_cast<size_t>(limit - kBounds.begin()));
   ++count_;
   longest_ = std::max(longest_, milliseconds);
 }
@@ -34,12 +34,12 @@ void Durations::Add(const Durations& other) {
   longest_ = std::max(longest_, other.longest_);
 }
 
-int64_t Durations::Within(unsigned percent) const {
+int64_t Durations::Percentile(unsigned percent) const {
   uint64_t reached = 0;
-  for (size_t i = 0; i < kLimits.size(); ++i) {
+  for (size_t i = 0; i < kBounds.size(); ++i) {
     reached += counts_.at(i);
     if (reached * 100 >= count_ * percent) {
-      return std::min(kLimits.at(i), longest_);
+      return std::min(kBounds.at(i), longest_);
     }
   }
   return longest_;

@@ -18,7 +18,8 @@ struct Occurrences {
   void Add(int64_t time, uint64_t times = 1);
 };
 
-/// How long something took. It keeps how many were within each of a few limits, not each value.
+/// How long something took, in milliseconds: a histogram. It keeps how many were within each of a
+/// few bounds, not each value.
 class Durations {
  public:
   void Add(int64_t milliseconds);
@@ -27,14 +28,15 @@ class Durations {
   uint64_t Count() const { return count_; }
   int64_t Longest() const { return longest_; }
 
-  /// A limit that this share of them, in percent, kept, and no more than the longest took.
-  int64_t Within(unsigned percent) const;
+  /// A bound that this share of them, in percent, kept, and no more than the longest took; 0 when
+  /// there are none.
+  int64_t Percentile(unsigned percent) const;
 
  private:
-  static constexpr std::array<int64_t, 17> kLimits = {
+  static constexpr std::array<int64_t, 17> kBounds = {
       1, 2, 5, 10, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10000, 20000, 50000, 100000, 200000};
 
-  std::array<uint64_t, kLimits.size() + 1> counts_ = {};  // the last one: longer than all limits
+  std::array<uint64_t, kBounds.size() + 1> counts_ = {};  // the last one: longer than all bounds
   uint64_t count_ = 0;
   int64_t longest_ = 0;
 };
@@ -46,6 +48,7 @@ struct Traffic {
   Durations toNextLine;  ///< from a request to the next line of its thread
   Durations toAnswer;
 
+  /// Of requests in the order of their times.
   void AddRequest(int64_t time);
 
   /// Of two that had their busiest minutes apart.

@@ -4,6 +4,7 @@
 
 #include <time.h>
 
+#include "ctl/text.h"
 #include "util/log.h"
 
 namespace tavlo::ctl {
@@ -35,7 +36,7 @@ class Rest {
   bool IsEmpty() const { return text_.empty(); }
 
   bool Skip(std::string_view literal) {
-    if (text_.substr(0, literal.size()) != literal) {
+    if (!BeginsWith(text_, literal)) {
       return false;
     }
     text_.remove_prefix(literal.size());
@@ -212,10 +213,6 @@ std::optional<int64_t> ParseDuration(std::string_view text) {
 }
 
 }  // namespace
-
-bool LogEntry::EndsWith(std::string_view end) const {
-  return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
-}
 
 bool LogEntry::IsRequest() const {
   return level == Orx::Log::kInfo && IsOf("AgentHost::DispatchRequest");

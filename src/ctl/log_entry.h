@@ -18,9 +18,6 @@ struct LogEntry {
 
   /// Whether the function's name has this in it, such as a class.
   bool IsOf(std::string_view name) const { return function.find(name) != function.npos; }
-  bool BeginsWith(std::string_view start) const { return text.substr(0, start.size()) == start; }
-  bool EndsWith(std::string_view end) const;
-
   bool IsRequest() const;  ///< one that came whole: "GET /api/version"
   bool IsStart() const;    ///< of the daemon
 };

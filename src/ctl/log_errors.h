@@ -15,7 +15,10 @@ class ErrorCounter {
   /// `messages` must live as long.
   explicit ErrorCounter(const MessageTable& messages) : messages_(messages) {}
 
+  /// Takes the next line, and adds it to its step of time if it is one.
   void Take(const LogEntry& entry, Step* step);
+
+  /// Sets the table of errors, the most frequent first.
   void Report(LogReport* report) const;
 
  private:

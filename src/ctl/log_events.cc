@@ -6,6 +6,7 @@
 
 #include "ctl/most_first.h"
 #include "ctl/printable.h"
+#include "ctl/script_runs.h"
 #include "ctl/text_pattern.h"
 #include "util/log.h"
 
@@ -16,7 +17,6 @@ namespace {
 constexpr const char* kOther = "other";
 constexpr size_t kMostShown = 200;  // bytes of a path
 constexpr int64_t kMostAtOnce = 1000000;
-constexpr int64_t kMostMilliseconds = 1000000000;
 
 // The row of that name; of one name too many, that of all others. Looking at each is quick enough:
 // there are few.
@@ -42,7 +42,9 @@ void EventCounter::Take(const LogEntry& entry) {
     starts_.Add(entry.time);
   }
   TakeEndedClients(entry);
-  TakeScript(entry);
+  if (const auto run = ParseScriptRun(entry)) {  // each one, with -d
+    ScriptAt(run->path).times.Add(run->milliseconds);
+  }
   TakeFailedScript(entry);
 }
 
@@ -56,15 +58,6 @@ void EventCounter::TakeEndedClients(const LogEntry& entry) {
       RowOf(&endedClients_, &LogReport::EndedClients::reason, Printable(values[2], kMostShown));
   row.when.Add(entry.time, static_cast<uint64_t>(NumberIn(values[0], kMostAtOnce).value_or(1)));
   row.lastAddress = Printable(values[1], kMostShown);
-}
-
-// Each run, with -d.
-void EventCounter::TakeScript(const LogEntry& entry) {
-  static const TextPattern kRun("PID %d ended with status %d after %lld ms: %s");
-  std::vector<std::string_view> values;
-  if (entry.level == Orx::Log::kDebug && kRun.Match(entry.text, &values)) {
-    ScriptAt(values[3]).times.Add(NumberIn(values[2], kMostMilliseconds).value_or(0));
-  }
 }
 
 void EventCounter::TakeFailedScript(const LogEntry& entry) {

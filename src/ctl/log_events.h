@@ -18,11 +18,12 @@ class EventCounter {
   static constexpr size_t kMostRows = 256;
 
   void Take(const LogEntry& entry);
+
+  /// Sets starts and the tables of ended clients and of scripts.
   void Report(LogReport* report) const;
 
  private:
   void TakeEndedClients(const LogEntry& entry);
-  void TakeScript(const LogEntry& entry);
   void TakeFailedScript(const LogEntry& entry);
   LogReport::Script& ScriptAt(std::string_view path);
   void AddFailure(std::string_view path, const std::string& reason, int64_t time);

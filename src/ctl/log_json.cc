@@ -42,8 +42,8 @@ void AddTimes(json_object* object, const char* key, const Durations& times) {
   }
   json_object* const row = json_object_new_object();
   Add(row, "measured", times.Count());
-  Add(row, "half", static_cast<uint64_t>(times.Within(50)));
-  Add(row, "most", static_cast<uint64_t>(times.Within(95)));
+  Add(row, "half", static_cast<uint64_t>(times.Percentile(50)));
+  Add(row, "most", static_cast<uint64_t>(times.Percentile(95)));
   Add(row, "slowest", static_cast<uint64_t>(times.Longest()));
   json_object_object_add(object, key, row);
 }
@@ -60,20 +60,20 @@ void Fill(json_object* object, const LogReport::Requests& row, double minutes) {
   AddTimes(object, "msToNextLine", row.traffic.toNextLine);
 }
 
-void Fill(json_object* object, const LogReport::Answers& row, double /*minutes*/) {
+void Fill(json_object* object, const LogReport::Answers& row) {
   Add(object, "listener", row.listener);
   Add(object, "status", static_cast<uint64_t>(row.status));
   Add(object, "count", row.times.Count());
   AddTimes(object, "ms", row.times);
 }
 
-void Fill(json_object* object, const LogReport::Refusal& row, double /*minutes*/) {
+void Fill(json_object* object, const LogReport::Refusal& row) {
   Add(object, "status", static_cast<uint64_t>(row.status));
   Add(object, "reason", row.reason);
   AddWhen(object, row.when);
 }
 
-void Fill(json_object* object, const LogReport::Error& row, double /*minutes*/) {
+void Fill(json_object* object, const LogReport::Error& row) {
   if (!row.message.empty()) {
     Add(object, "message", row.message);
     if (!row.rest.empty()) {
@@ -86,13 +86,13 @@ void Fill(json_object* object, const LogReport::Error& row, double /*minutes*/) 
   AddWhen(object, row.when);
 }
 
-void Fill(json_object* object, const LogReport::EndedClients& row, double /*minutes*/) {
+void Fill(json_object* object, const LogReport::EndedClients& row) {
   Add(object, "reason", row.reason);
   Add(object, "lastAddress", row.lastAddress);
   AddWhen(object, row.when);
 }
 
-void Fill(json_object* object, const LogReport::Script& row, double /*minutes*/) {
+void Fill(json_object* object, const LogReport::Script& row) {
   Add(object, "path", row.path);
   AddTimes(object, "ms", row.times);
   json_object* const failures = json_object_new_object();
@@ -103,12 +103,13 @@ void Fill(json_object* object, const LogReport::Script& row, double /*minutes*/)
   json_object_object_add(object, "failures", failures);
 }
 
-template <typename Rows>
-void AddRows(json_object* object, const char* key, const Rows& rows, double minutes) {
+// `more` is what `Fill` takes beside a row.
+template <typename Rows, typename... More>
+void AddRows(json_object* object, const char* key, const Rows& rows, More... more) {
   json_object* const array = json_object_new_array();
   for (const auto& row : rows) {
     json_object* const each = json_object_new_object();
-    Fill(each, row, minutes);
+    Fill(each, row, more...);
     json_object_array_add(array, each);
   }
   json_object_object_add(object, key, array);
@@ -157,12 +158,12 @@ void PrintJson(const LogReport& report, std::ostream& out) {
   Add(object, "requests", report.RequestCount());
   AddRows(object, "listeners", report.listeners, minutes);
   AddRows(object, "endpoints", report.endpoints, minutes);
-  AddRows(object, "answers", report.answers, minutes);
-  AddRows(object, "refusals", report.refusals, minutes);
+  AddRows(object, "answers", report.answers);
+  AddRows(object, "refusals", report.refusals);
   AddWrongKeys(object, report.wrongKeys);
-  AddRows(object, "errors", report.errors, minutes);
-  AddRows(object, "endedClients", report.endedClients, minutes);
-  AddRows(object, "scripts", report.scripts, minutes);
+  AddRows(object, "errors", report.errors);
+  AddRows(object, "endedClients", report.endedClients);
+  AddRows(object, "scripts", report.scripts);
   AddTimeline(object, report.timeline);
   constexpr int kForm =
       JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE;

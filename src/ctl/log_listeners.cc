@@ -4,6 +4,8 @@
 #include <array>
 #include <string_view>
 
+#include "ctl/text.h"
+
 namespace tavlo::ctl {
 
 namespace {
@@ -38,7 +40,7 @@ bool Listeners::BeginsProcess(const LogEntry& entry) {
   return !hasBegun;
 }
 
-std::vector<size_t> Listeners::Settle() {
+std::vector<size_t> Listeners::EndProcess() {
   std::vector<size_t> numbers = Numbers();
   for (size_t& number : numbers) {
     number = number < kFirstThread ? number : kUnknown;
@@ -101,7 +103,8 @@ Listeners::Number Listeners::ListenerIn(const LogEntry& entry) {
        kPlain},
   }};
   for (const Sign& sign : kSigns) {
-    if (entry.IsOf(sign.function) && entry.BeginsWith(sign.begin) && entry.EndsWith(sign.end)) {
+    if (entry.IsOf(sign.function) && BeginsWith(entry.text, sign.begin) &&
+        EndsWith(entry.text, sign.end)) {
       return sign.listener;
     }
   }

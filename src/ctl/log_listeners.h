@@ -24,7 +24,7 @@ class Listeners {
 
   /// What each number turned out to be: unknown, plain or TLS. The threads are forgotten: another
   /// process may have the same numbers, as on a router after each boot.
-  std::vector<size_t> Settle();
+  std::vector<size_t> EndProcess();
 
   /// The same, with the own number of a thread that has not shown which listener it is.
   std::vector<size_t> Numbers() const;

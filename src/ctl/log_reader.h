@@ -12,7 +12,8 @@ constexpr size_t kMaxLogLine = 4096;
 
 /// Hands over each line of a file, plain or compressed by gzip, without its line feed; "-" is
 /// standard input. It reads as it goes and keeps one line. Returns false, with the reason, if the
-/// file cannot be read, or only in part: what was read of it has been handed over then.
+/// file cannot be read, or only in part: what was read of it has been handed over then. A line is
+/// valid until `take` returns.
 bool ReadLines(const std::string& path, const std::function<void(std::string_view)>& take,
                std::string* error);
 

@@ -8,6 +8,7 @@
 #include "ctl/log_listeners.h"
 #include "ctl/most_first.h"
 #include "ctl/printable.h"
+#include "ctl/text.h"
 #include "ctl/text_pattern.h"
 #include "util/log.h"
 
@@ -55,20 +56,20 @@ constexpr std::array<Reason, 16> kReasons = {{
 
 }  // namespace
 
-RefusalCounter::RefusalCounter() : faults_(Listeners::kMostNumbers) {}
+RefusalCounter::RefusalCounter() : unanswered_(Listeners::kMostNumbers) {}
 
 void RefusalCounter::Take(const LogEntry& entry, size_t listener, Step* step) {
   if (entry.level == Orx::Log::kInfo) {
-    TakeFault(entry, listener, step);
-    TakeLibrarys(entry, listener, step);
+    TakeFramingRefusal(entry, listener, step);
+    TakeLibeventsRefusal(entry, listener, step);
   } else {
-    TakeDaemons(entry, step);
+    TakeDaemonsRefusal(entry, step);
   }
 }
 
-void RefusalCounter::TakeDaemons(const LogEntry& entry, Step* step) {
+void RefusalCounter::TakeDaemonsRefusal(const LogEntry& entry, Step* step) {
   const auto reason = std::find_if(kReasons.begin(), kReasons.end(), [&](const Reason& each) {
-    return each.level == entry.level && entry.BeginsWith(each.begin);
+    return each.level == entry.level && BeginsWith(entry.text, each.begin);
   });
   if (reason == kReasons.end()) {
     return;
@@ -81,24 +82,24 @@ void RefusalCounter::TakeDaemons(const LogEntry& entry, Step* step) {
 
 // "A request of 192.0.2.7 is refused: Two Content-Length". What libevent answers to it is a line of
 // its own, and no refusal more.
-void RefusalCounter::TakeFault(const LogEntry& entry, size_t listener, Step* step) {
+void RefusalCounter::TakeFramingRefusal(const LogEntry& entry, size_t listener, Step* step) {
   static const TextPattern kFault("A request of %s is refused: %s");
   std::vector<std::string_view> values;
   if (entry.IsOf("ClientTable::") && kFault.Match(entry.text, &values)) {
     Count(kBadRequest, values[1], entry.time, step);
-    ++faults_.at(listener);
+    ++unanswered_.at(listener);
   }
 }
 
-void RefusalCounter::TakeLibrarys(const LogEntry& entry, size_t listener, Step* step) {
+void RefusalCounter::TakeLibeventsRefusal(const LogEntry& entry, size_t listener, Step* step) {
   static const TextPattern kAnswer("Answered %d to a request of %s that was not taken up");
   std::vector<std::string_view> values;
   if (!entry.IsOf("ClientTable::") || !kAnswer.Match(entry.text, &values)) {
     return;
   }
   const int status = static_cast<int>(NumberIn(values[0], kLargestStatus).value_or(0));
-  if (status == kBadRequest && faults_.at(listener) > 0) {
-    --faults_.at(listener);
+  if (status == kBadRequest && unanswered_.at(listener) > 0) {
+    --unanswered_.at(listener);
     return;
   }
   Count(status, "A request that was not taken up", entry.time, step);

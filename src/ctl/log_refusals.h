@@ -20,23 +20,26 @@ class RefusalCounter {
 
   RefusalCounter();
 
+  /// Takes the next line, of the listener of that number (`Listeners`), and adds it to its step of
+  /// time if it is one.
   void Take(const LogEntry& entry, size_t listener, Step* step);
 
   /// The listeners of before have ended.
-  void Settle() { faults_.assign(faults_.size(), 0); }
+  void EndProcess() { unanswered_.assign(unanswered_.size(), 0); }
 
+  /// Sets the tables of refusals and of wrong keys.
   void Report(LogReport* report) const;
 
  private:
-  void TakeDaemons(const LogEntry& entry, Step* step);
-  void TakeFault(const LogEntry& entry, size_t listener, Step* step);
-  void TakeLibrarys(const LogEntry& entry, size_t listener, Step* step);
+  void TakeDaemonsRefusal(const LogEntry& entry, Step* step);
+  void TakeFramingRefusal(const LogEntry& entry, size_t listener, Step* step);
+  void TakeLibeventsRefusal(const LogEntry& entry, size_t listener, Step* step);
   void TakeWrongKey(const LogEntry& entry);
   Occurrences& At(int status, const std::string& reason);
   void Count(int status, std::string_view reason, int64_t time, Step* step);
 
   std::vector<LogReport::Refusal> reasons_;
-  std::vector<uint64_t> faults_;  // by listener, that libevent has not answered yet
+  std::vector<uint64_t> unanswered_;  // by listener, that libevent has not answered yet
   LogReport::WrongKeys wrongKeys_;
   std::set<size_t> keys_;  // their hashes
 };

@@ -17,7 +17,7 @@ struct LogReport {
     Traffic traffic;
   };
   struct Refusal {
-    int status;
+    int status;  ///< 0 for all reasons that are not told apart
     std::string reason;
     Occurrences when;
   };

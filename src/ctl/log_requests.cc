@@ -7,6 +7,7 @@
 #include "ctl/log_listeners.h"
 #include "ctl/most_first.h"
 #include "ctl/printable.h"
+#include "ctl/text.h"
 #include "ctl/text_pattern.h"
 
 namespace tavlo::ctl {
@@ -21,18 +22,16 @@ constexpr size_t kMostUnanswered = 128;  // of a listener, the latest ones
 
 // Method and path. What is asked for outside of /api/ is a scanner's, and another one each time.
 std::string EndpointOf(std::string_view request) {
-  const size_t blank = std::min(request.find(' '), request.size());
-  const std::string_view method = request.substr(0, blank);
-  const std::string_view uri = request.substr(std::min(blank + 1, request.size()));
-  const std::string_view path = uri.substr(0, uri.find('?'));
-  return path.substr(0, 5) == "/api/"
-             ? Printable(std::string(method) + " " + std::string(path), kMostShown)
-             : "outside /api/";
+  const size_t blank = request.find(' ');
+  if (blank == request.npos || !BeginsWith(request.substr(blank + 1), "/api/")) {
+    return "outside /api/";
+  }
+  return Printable(request.substr(0, request.find('?', blank)), kMostShown);
 }
 
 // What happens on the thread of a listener, but says nothing of its last request.
-bool IsOfAnother(const LogEntry& entry) {
-  return entry.IsOf("AgentHost::Invoke") || entry.BeginsWith("Accepted ");
+bool IsAboutAnother(const LogEntry& entry) {
+  return entry.IsOf("AgentHost::Invoke") || BeginsWith(entry.text, "Accepted ");
 }
 
 // The rows of listeners that turned out to be the same are one.
@@ -47,7 +46,7 @@ Rows Renumbered(const Rows& rows, const std::vector<size_t>& numbers) {
 
 }  // namespace
 
-RequestCounter::RequestCounter() : waiting_(Listeners::kMostNumbers) {}
+RequestCounter::RequestCounter() : pending_(Listeners::kMostNumbers) {}
 
 void RequestCounter::Take(const LogEntry& entry, size_t listener, bool isDebug, Step* step) {
   if (entry.IsRequest()) {
@@ -55,27 +54,27 @@ void RequestCounter::Take(const LogEntry& entry, size_t listener, bool isDebug, 
     return;
   }
   TakeAnswer(entry, listener, step);
-  if (isDebug && listener != Listeners::kUnknown && !IsOfAnother(entry)) {
+  if (isDebug && listener != Listeners::kUnknown && !IsAboutAnother(entry)) {
     TakeNextLine(entry, listener, step);
   }
 }
 
 void RequestCounter::TakeRequest(const LogEntry& entry, size_t listener, bool isDebug, Step* step) {
-  const Asked asked = {entry.time, EndpointOf(entry.text)};
+  const Request request = {entry.time, EndpointOf(entry.text)};
   rows_[{listener, kAll}].AddRequest(entry.time);
-  rows_[{listener, asked.endpoint}].AddRequest(entry.time);
+  rows_[{listener, request.endpoint}].AddRequest(entry.time);
   if (rows_.size() > kMostEndpoints) {
-    ForgetTheRarest();
+    MergeRarest();
   }
   ++step->requests;
   if (!isDebug) {
     return;
   }
-  Waiting& waiting = waiting_.at(listener);
-  waiting.last = asked;
-  waiting.unanswered.push_back(asked);
-  if (waiting.unanswered.size() > kMostUnanswered) {
-    waiting.unanswered.erase(waiting.unanswered.begin());
+  Pending& pending = pending_.at(listener);
+  pending.last = request;
+  pending.unanswered.push_back(request);
+  if (pending.unanswered.size() > kMostUnanswered) {
+    pending.unanswered.erase(pending.unanswered.begin());
   }
 }
 
@@ -101,39 +100,39 @@ void RequestCounter::TakeAnswer(const LogEntry& entry, size_t listener, Step* st
 void RequestCounter::FinishRequest(const LogEntry& entry, size_t listener, int64_t milliseconds) {
   constexpr int64_t kTolerance = 5;
   const int64_t time = entry.time - milliseconds;
-  const auto distance = [time](const Asked& asked) { return std::abs(asked.time - time); };
-  std::vector<Asked>& unanswered = waiting_.at(listener).unanswered;
-  const auto asked = std::min_element(
+  const auto distance = [time](const Request& request) { return std::abs(request.time - time); };
+  std::vector<Request>& unanswered = pending_.at(listener).unanswered;
+  const auto request = std::min_element(
       unanswered.begin(), unanswered.end(),
-      [&](const Asked& one, const Asked& other) { return distance(one) < distance(other); });
-  if (asked == unanswered.end() || distance(*asked) > kTolerance) {
+      [&](const Request& one, const Request& other) { return distance(one) < distance(other); });
+  if (request == unanswered.end() || distance(*request) > kTolerance) {
     return;
   }
-  Known(listener, asked->endpoint).toAnswer.Add(milliseconds);
+  RowOf(listener, request->endpoint).toAnswer.Add(milliseconds);
   rows_[{listener, kAll}].toAnswer.Add(milliseconds);
-  unanswered.erase(asked);
+  unanswered.erase(request);
 }
 
 void RequestCounter::TakeNextLine(const LogEntry& entry, size_t listener, Step* step) {
-  std::optional<Asked>& asked = waiting_.at(listener).last;
-  if (!asked) {
+  std::optional<Request>& request = pending_.at(listener).last;
+  if (!request) {
     return;
   }
-  const int64_t time = std::max(entry.time - asked->time, int64_t{0});  // the clock may be set
-  Known(listener, asked->endpoint).toNextLine.Add(time);
+  const int64_t time = std::max(entry.time - request->time, int64_t{0});  // the clock may be set
+  RowOf(listener, request->endpoint).toNextLine.Add(time);
   rows_[{listener, kAll}].toNextLine.Add(time);
   step->slowest = std::max(step->slowest, time);
-  asked.reset();
+  request.reset();
 }
 
 // Of an endpoint that was asked for: it has a row, if not that of the others by now.
-Traffic& RequestCounter::Known(size_t listener, const std::string& endpoint) {
+Traffic& RequestCounter::RowOf(size_t listener, const std::string& endpoint) {
   const auto row = rows_.find({listener, endpoint});
   return row != rows_.end() ? row->second : rows_[{listener, kOther}];
 }
 
 // Half of them at once, since it looks at all.
-void RequestCounter::ForgetTheRarest() {
+void RequestCounter::MergeRarest() {
   std::vector<uint64_t> counts;
   counts.reserve(rows_.size());
   for (const auto& [key, traffic] : rows_) {
@@ -149,10 +148,10 @@ void RequestCounter::ForgetTheRarest() {
   rows_.swap(kept);
 }
 
-void RequestCounter::Settle(const std::vector<size_t>& numbers) {
+void RequestCounter::EndProcess(const std::vector<size_t>& numbers) {
   rows_ = Renumbered(rows_, numbers);
   answers_ = Renumbered(answers_, numbers);
-  waiting_.assign(waiting_.size(), Waiting());
+  pending_.assign(pending_.size(), Pending());
 }
 
 void RequestCounter::Report(const std::vector<size_t>& numbers,

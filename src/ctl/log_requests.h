@@ -21,13 +21,15 @@ class RequestCounter {
 
   RequestCounter();
 
-  /// Takes a line of a listener's thread. `isDebug`: the daemon writes all that it does.
+  /// Takes the next line, of the listener of that number (`Listeners`), and adds it to its step of
+  /// time if it is a request. `isDebug`: the daemon writes all that it does.
   void Take(const LogEntry& entry, size_t listener, bool isDebug, Step* step);
 
   /// The listeners of before have ended; each is what `numbers` has in its place.
-  void Settle(const std::vector<size_t>& numbers);
+  void EndProcess(const std::vector<size_t>& numbers);
 
-  /// Names the listeners by `numbers` and `names`: what each turned out to be, and is called.
+  /// Sets the tables of listeners, endpoints and answers. Names the listeners by `numbers` and
+  /// `names`: what each turned out to be, and is called.
   void Report(const std::vector<size_t>& numbers, const std::vector<std::string>& names,
               LogReport* report) const;
 
@@ -37,27 +39,27 @@ class RequestCounter {
   // By listener and status.
   using Answers = std::map<std::pair<size_t, int>, Durations>;
 
-  struct Asked {
+  struct Request {
     int64_t time;
     std::string endpoint;
   };
 
   // What a listener was asked, as far as its lines tell.
-  struct Waiting {
-    std::optional<Asked> last;      // if no line follows it yet
-    std::vector<Asked> unanswered;  // oldest first; those whose clients have gone stay for long
+  struct Pending {
+    std::optional<Request> last;      // if no line follows it yet
+    std::vector<Request> unanswered;  // oldest first; those whose clients have gone stay for long
   };
 
   void TakeRequest(const LogEntry& entry, size_t listener, bool isDebug, Step* step);
   void TakeAnswer(const LogEntry& entry, size_t listener, Step* step);
   void FinishRequest(const LogEntry& entry, size_t listener, int64_t milliseconds);
   void TakeNextLine(const LogEntry& entry, size_t listener, Step* step);
-  Traffic& Known(size_t listener, const std::string& endpoint);
-  void ForgetTheRarest();
+  Traffic& RowOf(size_t listener, const std::string& endpoint);
+  void MergeRarest();
 
   Rows rows_;
   Answers answers_;
-  std::vector<Waiting> waiting_;  // by listener
+  std::vector<Pending> pending_;  // by listener
 };
 
 }  // namespace tavlo::ctl

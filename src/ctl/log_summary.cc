@@ -23,8 +23,8 @@ void LogSummary::Add(std::string_view line) {
     return;
   }
   if (listeners_.BeginsProcess(*entry)) {
-    requests_.Settle(listeners_.Settle());
-    refusals_.Settle();
+    requests_.EndProcess(listeners_.EndProcess());
+    refusals_.EndProcess();
   }
   const size_t listener = listeners_.Take(*entry);
   if (entry->level == Orx::Log::kDebug) {

@@ -30,7 +30,8 @@ std::string Times(const Durations& times) {
   if (times.Count() == 0) {
     return Column("-", 8) + Column("-", 8) + Column("-", 9);
   }
-  return Column(times.Within(50), 8) + Column(times.Within(95), 8) + Column(times.Longest(), 9);
+  return Column(times.Percentile(50), 8) + Column(times.Percentile(95), 8) +
+         Column(times.Longest(), 9);
 }
 
 constexpr const char* kTimesHead = "    half     95%  slowest";

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "ctl/messages_page.h"
+#include "ctl/text.h"
 
 namespace tavlo::ctl {
 
@@ -55,8 +56,7 @@ std::string WithoutLinks(const std::string& text) {
 }
 
 std::optional<Message> ReadRow(std::string_view line) {
-  constexpr std::string_view kBegin = "| `";
-  if (line.substr(0, kBegin.size()) != kBegin) {
+  if (!BeginsWith(line, "| `")) {
     return std::nullopt;
   }
   const std::vector<std::string> cells = CellsOf(line);

@@ -29,7 +29,8 @@ class MessageTable {
   const std::vector<Message>& Messages() const { return messages_; }
 
   /// The row that a text was made by, and, where that row leaves it to the rest of the text ("see
-  /// there"), the row that this was made by. Null for what the page does not have.
+  /// there"), the row that this was made by. Null for what the page does not have. They live as
+  /// long as the table.
   struct Meaning {
     const Message* message;
     const Message* rest;

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "ctl/log_entry.h"
 
 namespace tavlo::ctl {
 
@@ -17,6 +20,9 @@ struct ScriptRuns {
   std::vector<ScriptRun> runs;       ///< in their order
   std::vector<std::string> remarks;  ///< error lines that belong to none of them
 };
+
+/// The run that a line tells the end of, without its remarks; nothing for any other line.
+std::optional<ScriptRun> ParseScriptRun(const LogEntry& entry);
 
 /// Reads lines that `Orx::SecureExec` has logged, of one script after another.
 ScriptRuns ReadScriptRuns(const std::string& log);

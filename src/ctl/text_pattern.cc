@@ -3,6 +3,8 @@
 #include <charconv>
 #include <system_error>
 
+#include "ctl/text.h"
+
 namespace tavlo::ctl {
 
 TextPattern::TextPattern(std::string_view format) {
@@ -24,7 +26,7 @@ TextPattern::TextPattern(std::string_view format) {
 bool TextPattern::Match(std::string_view text, std::vector<std::string_view>* values) const {
   const std::string& first = literals_.front();
   const std::string& last = literals_.back();
-  if (text.substr(0, first.size()) != first) {
+  if (!BeginsWith(text, first)) {
     return false;
   }
   values->clear();
@@ -40,7 +42,7 @@ bool TextPattern::Match(std::string_view text, std::vector<std::string_view>* va
     values->push_back(text.substr(0, end));
     text.remove_prefix(end + literals_[i].size());
   }
-  if (text.size() < last.size() || text.substr(text.size() - last.size()) != last) {
+  if (!EndsWith(text, last)) {
     return false;
   }
   values->push_back(text.substr(0, text.size() - last.size()));

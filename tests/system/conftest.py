@@ -1,6 +1,7 @@
 """Fixtures: each test gets a scratch root of its own, free ports, and a daemon that must leave in
 good order."""
 
+import shutil
 import tempfile
 from contextlib import contextmanager
 from pathlib import Path
@@ -9,10 +10,12 @@ import pytest
 
 from sdk_rest_host import SdkRestHost
 from support.daemon import Daemon
+from support.network_namespace import NetworkNamespace
 from support.room import many_descriptors
 from support.scratch_root import ScratchRoot
 
 SHOWN_LINES = 40
+USER = "nobody"  # whose an `owned` set-up is
 
 
 @contextmanager
@@ -45,6 +48,34 @@ def daemons(root):
 def root():
     with scratch_root() as made:
         yield made
+
+
+@pytest.fixture
+def asked(root):
+    """A set-up whose scripts see requests, and find a body in a directory of its own."""
+    (root.directory / "run").mkdir(mode=0o750)
+    root.settings["agentDataPath"] = str(root.directory / "run/body")
+    return root
+
+
+@pytest.fixture
+def owned(asked):
+    """The same for an `agentUser`, to whom everything belongs; the scripts are root's."""
+    asked.settings["agentUser"] = USER
+    scripts = {asked.internal_hooks, asked.external_hooks}
+    for path in (asked.directory, *asked.directory.rglob("*")):
+        if scripts.isdisjoint({path, *path.parents}):
+            shutil.chown(path, USER)
+    return asked
+
+
+@pytest.fixture
+def lan(root):
+    """A network with an interface that clients could come from."""
+    with NetworkNamespace() as network:
+        network.add_interface("lan0", "192.0.2.1/24")
+        root.settings["lanInterface"] = "lan0"
+        yield network
 
 
 @pytest.fixture

@@ -7,33 +7,14 @@ import subprocess
 
 import pytest
 
+from conftest import USER
 from support import certificates
-from support.tavloctl import check
+from support.tavloctl import as_root, check, findings
 
 PLAIN = "the TLS port speaks plain HTTP"
 BEFORE_THE_START = "put certificate and key there before the first start"
 WITH_KEY = "clients with the key are answered with 500"
 NO_MAC = "GET /api/mac is answered with 500"
-USER = "nobody"
-
-as_root = pytest.mark.skipif(os.geteuid() != 0, reason="only root can look as somebody else")
-
-
-@pytest.fixture
-def owned(root):
-    """A set-up for `agentUser`, to whom everything belongs."""
-    root.settings["agentUser"] = USER
-    root.settings["agentDataPath"] = str(root.directory / "run/body")
-    (root.directory / "run").mkdir(mode=0o750)
-    for path in (root.directory, *root.directory.rglob("*")):
-        shutil.chown(path, USER)
-    return root
-
-
-def findings(root, *arguments):
-    found, unseen = check(root, *arguments)
-    assert unseen == []
-    return found
 
 
 def cannot(path, verb, consequence):

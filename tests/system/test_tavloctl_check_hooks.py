@@ -5,48 +5,17 @@ import shutil
 
 import pytest
 
-from support.tavloctl import check
+from conftest import USER
+from support.tavloctl import as_root, findings
 
-USER = "nobody"
 COUNTS_AS_ONE = "it counts as a script that answers 1, which ends a request with an empty 200"
 NOT_LISTED = "its events fail, and each request is answered with 500"
 THEY_DECIDE = "they decide what the router does"
 SCRIPT = "#!/bin/sh\nexit 0\n"
 
-as_root = pytest.mark.skipif(os.geteuid() != 0, reason="only root can look as somebody else")
 
-
-@pytest.fixture
-def asked(root):
-    """A set-up whose scripts see requests."""
-    (root.directory / "run").mkdir(mode=0o700)
-    root.settings["agentDataPath"] = str(root.directory / "run/body")
-    return root
-
-
-@pytest.fixture
-def owned(asked):
-    """The same for `agentUser`; the scripts are root's."""
-    asked.settings["agentUser"] = USER
-    for path in (asked.directory, *asked.directory.rglob("*")):
-        if "hooks" not in str(path):
-            shutil.chown(path, USER)
-    return asked
-
-
-def findings(root):
-    found, unseen = check(root)
-    assert unseen == []
-    return found
-
-
-def write(root, text=SCRIPT, name="10-script", event="agent", mode=0o755):
-    directory = root.internal_hooks / event
-    directory.mkdir(exist_ok=True)
-    path = directory / name
-    path.write_bytes(text.encode())
-    path.chmod(mode)
-    return path
+def write(root, text=SCRIPT, name="10-script", mode=0o755):
+    return root.write_hook(root.internal_hooks, name, text, mode=mode)
 
 
 def test_scripts_that_work_are_no_finding(asked):
@@ -62,12 +31,9 @@ def test_scripts_that_work_are_no_finding(asked):
                                    "dns_block", "device_detected", "iot_protection"])
 @pytest.mark.parametrize("kind", ["internal_hooks", "external_hooks"])
 def test_the_scripts_of_each_event_are_looked_at(asked, kind, event):
-    directory = getattr(asked, kind) / event
-    directory.mkdir(exist_ok=True)
-    (directory / "10-script").write_text(SCRIPT)
-    (directory / "10-script").chmod(0o644)
+    path = asked.write_hook(getattr(asked, kind), "10-script", SCRIPT, event, mode=0o644)
     [(where, what, cure)] = findings(asked)
-    assert where == str(directory / "10-script")
+    assert where == str(path)
     assert what.endswith(f"may not execute it: {COUNTS_AS_ONE}")
     assert cure == f"chmod 755 {where}, or keep it elsewhere"
 

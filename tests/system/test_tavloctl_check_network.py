@@ -6,8 +6,7 @@ import threading
 import pytest
 
 from conftest import daemons
-from support.network_namespace import NetworkNamespace
-from support.tavloctl import check, check_as_nobody
+from support.tavloctl import check_as_nobody, findings
 from support.waiting import EMULATOR, wait_until
 
 NOT_STARTED = "the daemon does not start"
@@ -20,20 +19,6 @@ import socket, sys, time
 with socket.create_server((sys.argv[1], int(sys.argv[2]))):
     time.sleep(600)
 """
-
-
-@pytest.fixture
-def lan(root):
-    with NetworkNamespace() as network:
-        network.add_interface("lan0", "192.0.2.1/24")
-        root.settings["lanInterface"] = "lan0"
-        yield network
-
-
-def findings(root, *arguments, prefix=()):
-    found, unseen = check(root, *arguments, prefix=prefix)
-    assert unseen == []
-    return found
 
 
 def test_an_interface_that_there_is_not(root):

@@ -2,27 +2,16 @@
 
 import fcntl
 import json
-import os
 
 import pytest
 
-from support.network_namespace import NetworkNamespace
-from support.tavloctl import LOOPBACK_IS_NO_LAN, check, check_as_nobody, run_tavloctl
+from support.tavloctl import LOOPBACK_IS_NO_LAN, as_root, check, check_as_nobody, run_tavloctl
 from support.waiting import EMULATOR, SANITIZER
 
 NOT_STARTED = ": the daemon does not start"
 MEND = "mend it there or just before: a comma, a quote or a bracket, mostly"
 A_PORT = "write a number from 1 to 65535, without quotes"
 A_TEXT = "write a text in quotes"
-
-
-@pytest.fixture
-def lan(root):
-    """A network with an interface that clients could come from."""
-    with NetworkNamespace() as network:
-        network.add_interface("lan0", "192.0.2.1/24")
-        root.settings["lanInterface"] = "lan0"
-        yield network
 
 
 def config_of(root, text):
@@ -197,7 +186,7 @@ def test_a_place_is_that_of_the_outermost_object(root):
     assert [where for where, _, _ in config_of(root, text)[1]] == ["FILE:1:23", "FILE:4:1"]
 
 
-@pytest.mark.skipif(os.geteuid() != 0, reason="only root can give a test another user")
+@as_root
 def test_who_may_not_ask_for_the_user_is_told_so(root):
     root.settings["agentUser"] = "daemon"
     _, unseen = check_as_nobody(root)

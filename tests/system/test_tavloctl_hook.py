@@ -11,7 +11,7 @@ import pytest
 
 from support.clients import ask
 from support.daemon import DIE_WITH_PARENT
-from support.tavloctl import PROGRAM, run_tavloctl
+from support.tavloctl import PROGRAM, as_root, run_tavloctl
 from support.waiting import DEFAULT_LIMIT, wait_until
 
 REQUEST = ["agent", "--method", "PATCH", "--uri", "/api/1/router-ref"]
@@ -45,12 +45,8 @@ def hook(root, *arguments, **options):
 
 
 def write_script(root, name, script, event="agent", external=False):
-    directory = (root.external_hooks if external else root.internal_hooks) / event
-    directory.mkdir(parents=True, exist_ok=True)
-    path = directory / name
-    path.write_text("#!/bin/sh\n" + script + "\n", encoding="utf-8")
-    path.chmod(0o755)
-    return path
+    directory = root.external_hooks if external else root.internal_hooks
+    return root.write_hook(directory, name, "#!/bin/sh\n" + script + "\n", event)
 
 
 def without_times(text):
@@ -307,7 +303,7 @@ def test_a_signal_kills_the_script_that_hangs_and_names_it(root, number):
     assert list(root.directory.glob("agent_data*")) == []
 
 
-@pytest.mark.skipif(os.getuid() != 0, reason="only root can become another user")
+@as_root
 def test_root_becomes_the_agent_user_first(root):
     seen = root.directory / "seen"
     root.directory.chmod(0o777)
@@ -323,7 +319,7 @@ def test_root_becomes_the_agent_user_first(root):
     assert seen.read_text() == "nobody\nnobody\n"
 
 
-@pytest.mark.skipif(os.getuid() != 0, reason="only root can become another user")
+@as_root
 def test_an_unknown_agent_user_is_said(root):
     root.settings["agentUser"] = "no-such-user"
     root.write_config()
@@ -332,7 +328,7 @@ def test_an_unknown_agent_user_is_said(root):
     assert "cannot become agentUser 'no-such-user': Failed to resolve user id" in result.stderr
 
 
-@pytest.mark.skipif(os.getuid() != 0, reason="only root can become another user")
+@as_root
 def test_others_than_root_are_told_who_runs_the_scripts(root):
     root.directory.chmod(0o755)
     root.settings["agentUser"] = "daemon"

@@ -66,8 +66,9 @@ class ScratchRoot:
     def write_device_list(self, devices):
         self.device_list.write_text(json.dumps({"devices": devices}))
 
-    def write_hook(self, directory, name, script):
-        path = directory / "agent" / name
+    def write_hook(self, directory, name, script, event="agent", mode=0o755):
+        path = directory / event / name
+        path.parent.mkdir(exist_ok=True)
         path.write_text(script)
-        path.chmod(0o755)
+        path.chmod(mode)
         return path

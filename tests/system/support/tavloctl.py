@@ -6,11 +6,15 @@ import shlex
 import shutil
 import subprocess
 
+import pytest
+
 from support.daemon import DIE_WITH_PARENT, assert_no_sanitizer_report
 from support.waiting import DEFAULT_LIMIT, EMULATOR
 
 BINARY = os.environ["TAVLOCTL_BINARY"]
 PROGRAM = [*shlex.split(EMULATOR), BINARY]
+
+as_root = pytest.mark.skipif(os.geteuid() != 0, reason="only root can look as somebody else")
 
 LOOPBACK_IS_NO_LAN = (
     "lo",
@@ -51,3 +55,10 @@ def check(root, *arguments, prefix=(), **options):
     if root.settings["lanInterface"] == "lo":
         findings.remove(LOOPBACK_IS_NO_LAN)
     return findings, unseen
+
+
+def findings(root, *arguments, **options):
+    """The findings of a set-up in which everything could be looked at."""
+    found, unseen = check(root, *arguments, **options)
+    assert unseen == []
+    return found

@@ -35,24 +35,24 @@ TEST(Durations, TellWhatMostOfThemTook) {
   }
   durations.Add(70001);
   EXPECT_EQ(durations.Count(), 100U);
-  EXPECT_EQ(durations.Within(50), 5);
-  EXPECT_EQ(durations.Within(90), 5);
-  EXPECT_EQ(durations.Within(95), 200);
-  EXPECT_EQ(durations.Within(100), 70001);
+  EXPECT_EQ(durations.Percentile(50), 5);
+  EXPECT_EQ(durations.Percentile(90), 5);
+  EXPECT_EQ(durations.Percentile(95), 200);
+  EXPECT_EQ(durations.Percentile(100), 70001);
   EXPECT_EQ(durations.Longest(), 70001);
 }
 
 TEST(Durations, AreNeverSaidToBeLongerThanTheLongest) {
   Durations durations;
   durations.Add(3);
-  EXPECT_EQ(durations.Within(50), 3);
+  EXPECT_EQ(durations.Percentile(50), 3);
   durations.Add(999999999);
-  EXPECT_EQ(durations.Within(95), 999999999);
+  EXPECT_EQ(durations.Percentile(95), 999999999);
 }
 
 TEST(Durations, OfNothingAreNone) {
   const Durations durations;
-  EXPECT_EQ(durations.Within(50), 0);
+  EXPECT_EQ(durations.Percentile(50), 0);
   EXPECT_EQ(durations.Count(), 0U);
 }
 
@@ -63,7 +63,7 @@ TEST(Durations, AddUp) {
   other.Add(1000);
   one.Add(other);
   EXPECT_EQ(one.Count(), 2U);
-  EXPECT_EQ(one.Within(50), 1);
+  EXPECT_EQ(one.Percentile(50), 1);
   EXPECT_EQ(one.Longest(), 1000);
 }
 

@@ -50,6 +50,22 @@ class Log {
   Log& Debug(const char* thread, const std::string& text) {
     return Line(thread, "DEBUG", kDispatch, text);
   }
+  Log& Error(const std::string& text, const char* function = kDispatch) {
+    return Line(kPlain, "ERROR", function, text);
+  }
+  Log& Serves(const char* thread, const std::string& text) {
+    return Line(thread, "DEBUG", "void tavlo::AgentHost::LogEndpoint", "Serves " + text);
+  }
+  Log& Answer(const char* thread, int status, int milliseconds) {
+    return Line(thread, "DEBUG", "void tavlo::ClientTable::LogAnswer",
+                "Answered " + std::to_string(status) + " to 127.0.0.1:4711: 312 bytes, " +
+                    std::to_string(milliseconds) + " ms since its request");
+  }
+  Log& Script(int status, int milliseconds, const std::string& path) {
+    return Line(kPlain, "DEBUG", "int Orx::SecureExec",
+                "PID 71 ended with status " + std::to_string(status) + " after " +
+                    std::to_string(milliseconds) + " ms: " + path);
+  }
   Log& Clients(const char* thread, const std::string& text) {
     return Line(thread, "INFO", "void tavlo::ClientTable::Refuse", text);
   }
@@ -135,20 +151,15 @@ TEST(LogSummaryListeners, AreKnownByLinesOfTheirOwn) {
 }
 
 TEST(LogSummaryListeners, AreKnownByTheirFirstLine) {
-  const char* const serves = "void tavlo::AgentHost::LogEndpoint";
-  Log log;
-  log.Line(kPlain, "DEBUG", serves, "Serves 127.0.0.1:80: plain HTTP")
-      .Request(kPlain, "GET /api/x");
-  EXPECT_THAT(ListenersOf(log), ElementsAre("1 plain "));
-  Log tls;
-  tls.Line(kTls, "DEBUG", serves, "Serves 127.0.0.1:443: TLS").Request(kTls, "GET /api/x");
-  EXPECT_THAT(ListenersOf(tls), ElementsAre("1 TLS "));
-  Log without;
-  without
-      .Line(kTls, "DEBUG", serves,
-            "Serves 127.0.0.1:443: plain HTTP, for want of certificate and key")
-      .Request(kTls, "GET /api/x");
-  EXPECT_THAT(ListenersOf(without), ElementsAre("1 TLS "));
+  EXPECT_THAT(
+      ListenersOf(Log().Serves(kPlain, "127.0.0.1:80: plain HTTP").Request(kPlain, "GET /api/x")),
+      ElementsAre("1 plain "));
+  for (const char* text :
+       {"127.0.0.1:443: TLS", "127.0.0.1:443: plain HTTP, for want of certificate and key"}) {
+    EXPECT_THAT(ListenersOf(Log().Serves(kTls, text).Request(kTls, "GET /api/x")),
+                ElementsAre("1 TLS "))
+        << text;
+  }
 }
 
 TEST(LogSummaryListeners, AreKnownByTheOtherOneOfTheirProcess) {
@@ -168,9 +179,7 @@ TEST(LogSummaryListeners, OfManyProcessesAreAddedUp) {
   Log log;
   for (int i = 0; i < 100; ++i) {
     log.Start().Request(kPlain, "GET /api/x").Debug(kPlain, kNotAllowed);
-    log.Request(kTls, "GET /api/x");
-    log.Line(kTls, "DEBUG", "void tavlo::ClientTable::LogAnswer",
-             "Answered 200 to 127.0.0.1:4711: 312 bytes, 1 ms since its request");
+    log.Request(kTls, "GET /api/x").Answer(kTls, 200, 1);
   }
   log.Start().Request(kPlain, "GET /api/x").Start();
   EXPECT_THAT(ListenersOf(log), ElementsAre("1 unknown ", "100 plain ", "100 TLS "));
@@ -183,9 +192,7 @@ TEST(LogSummaryListeners, OfManyProcessesAreAddedUp) {
 
 TEST(LogSummaryListeners, ThatSpokeBeforeTheStartWasDoneBelongToIt) {
   Log log;
-  log.Line(kMain, "DEBUG", "bool Init", "Enter");
-  log.Line(kPlain, "DEBUG", "void tavlo::AgentHost::LogEndpoint",
-           "Serves 127.0.0.1:80: plain HTTP");
+  log.Line(kMain, "DEBUG", "bool Init", "Enter").Serves(kPlain, "127.0.0.1:80: plain HTTP");
   log.Start().Request(kPlain, "GET /api/x").Request(kTls, "GET /api/y");
   EXPECT_THAT(ListenersOf(log), ElementsAre("1 plain ", "1 TLS "));
 }
@@ -236,10 +243,7 @@ TEST(LogSummaryTimes, AreNotNegativeWhenTheClockIsSetBack) {
 
 TEST(LogSummaryTimes, AreThoseOfAnswersToo) {
   Log log;
-  for (int i = 0; i < 3; ++i) {
-    log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::LogAnswer",
-             "Answered 200 to 127.0.0.1:4711: 312 bytes, 40 ms since its request");
-  }
+  log.Answer(kPlain, 200, 40).Answer(kPlain, 200, 40).Answer(kPlain, 200, 40);
   log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::LogAnswer",
            "Answered 417 to ::1:4711: 9 bytes, 1 ms since its request");
   const LogReport report = log.Report();
@@ -252,18 +256,10 @@ TEST(LogSummaryTimes, AreThoseOfAnswersToo) {
 
 TEST(LogSummaryTimes, OfAnswersBelongToTheRequestThatCameThen) {
   Log log;
-  const auto answer = [&log](const char* milliseconds) {
-    log.Line(kPlain, "DEBUG", "void tavlo::ClientTable::LogAnswer",
-             std::string("Answered 200 to 127.0.0.1:4711: 312 bytes, ") + milliseconds +
-                 " ms since its request");
-  };
   log.Debug(kMain, "x");
   log.Request(kPlain, "GET /api/slow").After(100).Request(kPlain, "GET /api/quick");
-  log.After(40);
-  answer("1000");  // of a request that is not in this log
-  answer("41");
-  log.After(59);
-  answer("200");
+  log.After(40).Answer(kPlain, 200, 1000);  // of a request that is not in this log
+  log.Answer(kPlain, 200, 41).After(59).Answer(kPlain, 200, 200);
   const LogReport report = log.Report();
   ASSERT_THAT(report.endpoints, SizeIs(2));
   EXPECT_EQ(report.endpoints[0].endpoint, "GET /api/quick");
@@ -277,7 +273,7 @@ TEST(LogSummaryTimes, OfAnswersBelongToTheRequestThatCameThen) {
 TEST(LogSummaryRefusals, AreCountedByReason) {
   Log log;
   log.Debug(kPlain, kNotAllowed).Debug(kPlain, kNotAllowed);
-  log.Line(kPlain, "ERROR", kDispatch, "Invalid endpoint is called: /x");
+  log.Error("Invalid endpoint is called: /x");
   const LogReport report = log.Report();
   ASSERT_THAT(report.refusals, SizeIs(2));
   EXPECT_EQ(report.refusals[0].reason, kNotAllowed);
@@ -335,9 +331,9 @@ TEST(LogSummaryWrongKeys, AreToldApartUpToALimit) {
 
 TEST(LogSummaryErrors, AreGroupedByTheirRows) {
   Log log;
-  log.Line(kPlain, "ERROR", "f", "Failed to lock file /a: 11 Resource temporarily unavailable");
-  log.Line(kPlain, "ERROR", "f", "Failed to lock file /b: 2 No such file or directory");
-  log.Line(kPlain, "ERROR", "f", "something new");
+  log.Error("Failed to lock file /a: 11 Resource temporarily unavailable");
+  log.Error("Failed to lock file /b: 2 No such file or directory");
+  log.Error("something new");
   const LogReport report = log.Report();
   ASSERT_THAT(report.errors, SizeIs(2));
   EXPECT_EQ(report.errors[0].message, "Failed to lock file %s: %s");
@@ -374,13 +370,11 @@ TEST(LogSummaryEndedClients, AreAddedUp) {
 
 TEST(LogSummaryScripts, HaveTheirRunsAndFailures) {
   Log log;
-  const std::string run = " ms: /hooks/agent/10-audit";
-  log.Line(kPlain, "DEBUG", "int Orx::SecureExec", "PID 71 ended with status 0 after 12" + run);
-  log.Line(kPlain, "DEBUG", "int Orx::SecureExec", "PID 72 ended with status 3 after 40" + run);
-  log.Line(kPlain, "ERROR", "bool tavlo::AgentHost::CallHook",
-           "Failed to invoke agent hook: failed to call script '/hooks/agent/10-audit' as 3");
-  log.Line(kPlain, "ERROR", "bool tavlo::AgentHost::CallHook",
-           "Failed to invoke agent hook: failed to call script '/hooks/agent/20' as -1");
+  constexpr const char* kCallHook = "bool tavlo::AgentHost::CallHook";
+  const std::string failed = "Failed to invoke agent hook: failed to call script ";
+  log.Script(0, 12, "/hooks/agent/10-audit").Script(3, 40, "/hooks/agent/10-audit");
+  log.Error(failed + "'/hooks/agent/10-audit' as 3", kCallHook);
+  log.Error(failed + "'/hooks/agent/20' as -1", kCallHook);
   const LogReport report = log.Report();
   ASSERT_THAT(report.scripts, SizeIs(2));
   EXPECT_EQ(report.scripts[0].path, "/hooks/agent/10-audit");
@@ -395,8 +389,7 @@ TEST(LogSummaryScripts, HaveTheirRunsAndFailures) {
 
 TEST(LogSummaryScripts, ThatCannotBeExecutedHaveFailed) {
   Log log;
-  log.Line(kPlain, "ERROR", "int Orx::SecureExec",
-           "Failed to execute /hooks/agent/10-audit: 13 Permission denied");
+  log.Error("Failed to execute /hooks/agent/10-audit: 13 Permission denied", "int Orx::SecureExec");
   const LogReport report = log.Report();
   ASSERT_THAT(report.scripts, SizeIs(1));
   EXPECT_EQ(report.scripts[0].path, "/hooks/agent/10-audit");
@@ -407,7 +400,7 @@ TEST(LogSummaryScripts, ThatCannotBeExecutedHaveFailed) {
 TEST(LogSummaryScripts, OfManyAreOther) {
   Log log;
   for (int i = 0; i < 1000; ++i) {
-    log.Line(kPlain, "DEBUG", "f", "PID 1 ended with status 0 after 1 ms: /" + std::to_string(i));
+    log.Script(0, 1, "/" + std::to_string(i));
   }
   EXPECT_EQ(log.Report().scripts.size(), 257U);
 }
