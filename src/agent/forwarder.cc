@@ -123,7 +123,10 @@ void Forwarder::OnInput(evbuffer*, const evbuffer_cb_info* change, void* forward
 }
 
 int Forwarder::OnHead(evhttp_request* reply, void* forwarder) {
-  return static_cast<Forwarder*>(forwarder)->TakeHead(reply) ? 0 : -1;
+  bool goesOn = false;
+  RunGuarded(__PRETTY_FUNCTION__,
+             [&] { goesOn = static_cast<Forwarder*>(forwarder)->TakeHead(reply); });
+  return goesOn ? 0 : -1;
 }
 
 // libevent reads into blocks of 8 KiB, 4 KiB at a time, and passes them on half full. Copied, they
@@ -205,37 +208,64 @@ void Forwarder::RefuseOne(Line* latest) {
   finish_(refused, Outcome::kTooMany, nullptr);
 }
 
+// From the loop alone: the connection may be made anew in here.
 void Forwarder::TakeTurn() {
   if (!underWay_) {
-    while (!lines_.empty() && lines_.front().requests.empty()) {
-      lines_.pop_front();
-    }
-    if (lines_.empty()) {
-      return;
-    }
-    lines_.splice(lines_.end(), lines_, lines_.begin());
-    Line& line = lines_.back();
-    underWay_ = std::move(line.requests.front());
-    line.requests.pop_front();
-    --waiting_;
-    isSent_ = false;
+    TakeNext();
   }
-  if (!isSent_) {
-    isSent_ = true;
+  if (!underWay_ || isSent_ || SendIfFit()) {
+    return;
+  }
+  if (MakeConnection()) {
     Send();
+  } else {
+    End(Outcome::kNoReply, nullptr);
   }
 }
 
-void Forwarder::Send() {
-  reply_ = Reply();
-  evbuffer_drain(pieces_.get(), evbuffer_get_length(pieces_.get()));
-  reply_.room = clients_->RoomForAnswer(lines_.back().address);
-  hasServed_ = IsFit();
-  mayServeAgain_ = false;
-  if (!hasServed_ && !MakeConnection()) {
-    End(Outcome::kNoReply, nullptr);
+void Forwarder::TakeNext() {
+  while (!lines_.empty() && lines_.front().requests.empty()) {
+    lines_.pop_front();
+  }
+  if (lines_.empty()) {
     return;
   }
+  lines_.splice(lines_.end(), lines_, lines_.begin());
+  Line& line = lines_.back();
+  underWay_ = std::move(line.requests.front());
+  line.requests.pop_front();
+  --waiting_;
+  isSent_ = false;
+}
+
+// The next request, so that the SDK REST host works on it while the answer to this one is made.
+void Forwarder::HandOverNext() {
+  underWay_.reset();
+  TakeNext();
+  const bool done = RunGuarded(__PRETTY_FUNCTION__, [&] {
+    if (underWay_ && !SendIfFit()) {
+      event_active(turnEvent_.get(), 0, 0);
+    }
+  });
+  if (!done && underWay_) {
+    End(Outcome::kNotStarted, nullptr);
+  }
+}
+
+// Returns whether the connection was fit, and the request is no longer to be sent.
+bool Forwarder::SendIfFit() {
+  hasServed_ = IsFit();
+  if (hasServed_) {
+    Send();
+  }
+  return hasServed_;
+}
+
+void Forwarder::Send() {
+  isSent_ = true;
+  mayServeAgain_ = false;
+  reply_ = Reply();
+  evbuffer_drain(pieces_.get(), evbuffer_get_length(pieces_.get()));
   // A copy, since ours may be gone before libevent's call returns; and made before there is a
   // request that would be lost for want of memory.
   const std::string target = underWay_->target;
@@ -293,7 +323,6 @@ evhttp_request* Forwarder::MakeRequest() {
 int Forwarder::HandOver(evhttp_request* request, const std::string& target) {
   evhttp_connection* const connection = connection_->get();
   const evhttp_cmd_type method = evhttp_request_get_command(underWay_->client);
-  evhttp_connection_set_max_body_size(connection, static_cast<ev_ssize_t>(reply_.room));
   if (hasServed_) {
     const int result = evhttp_make_request(connection, request, method, target.c_str());
     const int fd = bufferevent_getfd(evhttp_connection_get_bufferevent(connection));
@@ -333,6 +362,9 @@ bool Forwarder::TakeHead(evhttp_request* reply) {
 }
 
 bool Forwarder::TakeLength(evhttp_request* reply) {
+  // Now that all answers before it have been counted.
+  reply_.room = clients_->RoomForAnswer(lines_.back().address);
+  evhttp_connection_set_max_body_size(connection_->get(), static_cast<ev_ssize_t>(reply_.room));
   evkeyvalq* const headers = evhttp_request_get_input_headers(reply);
   const char* const length = evhttp_find_header(headers, "Content-Length");
   if (length == nullptr) {
@@ -382,7 +414,9 @@ void Forwarder::TakeReply(evhttp_request* reply) {
     mayServeAgain_ = !reply_.endsConnection && !hasSentMore_;
     evbuffer_add_buffer(evhttp_request_get_input_buffer(reply), pieces_.get());
     EndConnectionWithMore();
-    End(Outcome::kReply, reply);
+    evhttp_request* const client = underWay_->client;
+    HandOverNext();
+    finish_(client, Outcome::kReply, reply);
   }
 }
 

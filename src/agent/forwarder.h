@@ -12,6 +12,8 @@
 
 #include <event2/http.h>
 
+#include "agent/limits.h"
+
 struct evbuffer;
 struct evbuffer_cb_info;
 struct event;
@@ -31,9 +33,10 @@ std::shared_ptr<evhttp_connection> MakeDestinationConnection(event_base* base,
 /// and the one connection over which they go, one after another.
 ///
 /// Addresses take turns, so that a device with many requests delays another's by one. libevent is
-/// handed one request at a time, from the loop, over a connection that is known to be fit: whether
-/// it may serve again is decided where its answer is read, whether it still lives is looked up when
-/// it is taken.
+/// handed one request at a time, over a connection that is known to be fit: whether it may serve
+/// again is decided where its answer is read, whether it still lives is looked up when it is taken.
+/// The next request goes out before an answer is made; where that needs a new connection, it is the
+/// loop's next turn that makes it.
 ///
 /// Belongs to the thread of the event loop, which stands still while the destination's name, if it
 /// has one, is looked up for a new connection.
@@ -81,8 +84,8 @@ class Forwarder {
 
   // What is known of the reply to the request under way.
   struct Reply {
-    size_t room = 0;      // the largest body that is taken, in bytes
-    size_t received = 0;  // of head and body, in bytes
+    size_t room = kMaxReplyBody;  // the largest body that is taken, in bytes
+    size_t received = 0;          // of head and body, in bytes
     bool hasHead = false;
     bool isTooLarge = false;
     bool endsConnection = false;
@@ -99,6 +102,9 @@ class Forwarder {
   Line* LineOf(const std::string& address);
   void RefuseOne(Line* latest);
   void TakeTurn();
+  void TakeNext();
+  void HandOverNext();
+  bool SendIfFit();
   void Send();
   bool IsFit() const;
   bool MakeConnection();

@@ -244,6 +244,38 @@ TEST_F(AgentHostTest, AnAddressThatCannotBeBoundHoldsUpNoOtherAndIsForgotten) {
   EXPECT_EQ(std::count(lines.begin(), lines.end(), failure), 1);
 }
 
+// The destination works on one request while the answer to another is made.
+TEST_F(AgentHostTest, TheNextRequestGoesOutBeforeAnAnswerIsMade) {
+  const std::string reply = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+  const stdext::descriptor listening(tavlo::OpenListeningSocket("127.0.0.1", dstPort_));
+  std::vector<std::string> calls;  // on the loop's thread
+  const test::Before forwards("evhttp_make_request", [&] { calls.emplace_back("forward"); });
+  const test::Before answers("evhttp_send_reply", [&] { calls.emplace_back("answer"); });
+  RunHost(false);
+  std::thread first([&] { EXPECT_THAT(Get("/api/version"), StartsWith("HTTP/1.1 200 ")); });
+  std::thread second([&] { EXPECT_THAT(Get("/api/version"), StartsWith("HTTP/1.1 200 ")); });
+  EXPECT_TRUE(test::WaitUntil([&] {
+    const auto lines = log_.Lines();
+    return std::count(lines.begin(), lines.end(),
+                      "INFO: void tavlo::AgentHost::DispatchRequest: GET /api/version") == 2;
+  }));
+  int accepted = -1;
+  EXPECT_TRUE(test::WaitUntil([&] {
+    accepted = ::accept4(listening.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    return accepted >= 0;
+  }));
+  const stdext::descriptor destination(accepted);
+  for (int i = 0; i < 2; ++i) {
+    char request[1024];
+    EXPECT_TRUE(
+        test::WaitUntil([&] { return ::recv(destination.get(), request, sizeof request, 0) > 0; }));
+    EXPECT_GT(::send(destination.get(), reply.data(), reply.size(), 0), 0);
+  }
+  first.join();
+  second.join();
+  EXPECT_THAT(calls, ElementsAre("forward", "forward", "answer", "answer"));
+}
+
 // The main thread must never wait for what libevent does: for a bind, say, or until an answer is
 // made.
 class AgentHostLock : public AgentHostTest {

@@ -271,6 +271,8 @@ FAULTY(void*, evhttp_request_new, nullptr, (void (*callback)(void*, void*), void
 FAULTY(int, evhttp_make_request, (FreeWith("evhttp_request_free", request), -1),
        (void* connection, void* request, int type, const char* uri),
        (connection, request, type, uri))
+FAULTY(void, evhttp_send_reply, , (void* request, int code, const char* reason, void* body),
+       (request, code, reason, body))
 FAULTY(void*, evconnlistener_new, nullptr,
        (void* base, void (*callback)(void*, int, void*, int, void*), void* argument, unsigned flags,
         int backlog, int fd),
