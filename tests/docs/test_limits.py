@@ -26,7 +26,7 @@ TOLD = {
     "kMaxAcceptsPerTurn": ("connections that are accepted in a turn of the loop", "{}"),
     "kHttpTimeoutSecs": ("silence of a client or of the SDK REST host", "{} s"),
     "kMaxWaiting": ("requests that wait for the SDK REST host", "{}"),
-    "kMaxReplyHead": ("a reply's head", "{} KiB"),
+    "kMaxReplyHead": ("a reply's head, with the interim answers before it", "{} KiB"),
     "kMaxReplyBody": ("a reply's body", "{} MiB"),
     "kMaxUntaken": ("what clients have not taken of their answers", "{} MiB beside"),
 }
