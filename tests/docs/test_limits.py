@@ -18,6 +18,8 @@ TOLD = {
     "kMaxPlainUnfinished": ("all unfinished requests together", "{} MiB plain"),
     "kMaxTlsUnfinished": ("all unfinished requests together", "{} MiB TLS"),
     "kTlsConnectionSize": ("all unfinished requests together", "{} KiB besides"),
+    "kPlainBlock": ("all unfinished requests together", "by itself with {} KiB"),
+    "kTlsBlock": ("all unfinished requests together", "such a piece counts {} KiB"),
     "kMaxHeadLines": ("their lines", "{}"),
     "kMaxChunkLine": ("the line with the length of a chunk", "{} KiB"),
     "kMaxPlainClients": ("connections", "{} plain"),
