@@ -83,8 +83,8 @@ bool StartWorkers() {
   return ok;
 }
 
-// Logs the silent thread, if there is one. After the whole process has stood still (SIGSTOP, a frozen
-// container) all threads seem silent: those that live are heard within a moment.
+// Logs the silent thread, if there is one. After the whole process has stood still (SIGSTOP, a
+// frozen container) all threads seem silent: those that live are heard within a moment.
 bool HasSilentThread(MonotonicTime now) {
   Orx::ThreadMonitor& monitor = Orx::TheThreadMonitor();
   if (monitor.FindSilentThread(now) != 0) {
