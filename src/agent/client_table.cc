@@ -211,11 +211,15 @@ void ClientTable::TakeInput(Client* client, evbuffer* input, size_t added) {
     StopReading(client->connection);  // what is here already is bounded by what one read takes
   }
   client->incoming += added;
+  const size_t chunks = client->framing.Chunks();
   if (!client->isRefused) {
     const size_t shown = Show(&client->framing, input, added);
     if (client->framing.Fault() != nullptr) {
       Refuse(client, input, shown - client->framing.Unsound());
     }
+  }
+  if (client->framing.Chunks() > chunks) {
+    ++client->blocks;  // however many have come at once
   }
   Recount(client);
   MakeRoomForInput(client);
@@ -265,6 +269,9 @@ void ClientTable::OnRequest(evhttp_request* request) {
   client->state = State::kAnswering;
   if (Orx::Log::IsOn(Orx::Log::kDebug)) {
     client->requestTime = Clock::now();
+  }
+  if (client->blocks > 0) {
+    JoinBody(request);
   }
   client->request = SizeOf(request);
   BeginNextRequest(client);
@@ -319,6 +326,7 @@ void ClientTable::BeginNextRequest(Client* client) {
   const size_t length = evbuffer_get_length(input);
   client->framing = RequestFraming();
   client->incoming = 0;
+  client->blocks = 0;
   if (length > 0) {
     TakeInput(client, input, length);
   } else {

@@ -35,8 +35,9 @@ void ClientTable::Recount(Client* client) {
   if (client->isEnding) {
     return;
   }
+  const size_t block = client->stream > 0 ? kTlsBlock : kPlainBlock;
   const size_t bytes = client->stream + client->request + client->incoming +
-                       client->framing.Lines() * kHeaderOverhead;
+                       client->blocks * block + client->framing.Lines() * kHeaderOverhead;
   const size_t change = bytes - client->unfinished;  // wraps around where it is less
   client->unfinished = bytes;
   client->address->second.unfinished += change;

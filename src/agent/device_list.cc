@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <stdexcept>
 
 #include <rapidjson/error/en.h>
 
@@ -10,6 +11,10 @@ namespace tavlo {
 namespace {
 
 using Value = DeviceList::ValueType;
+
+// The largest block that the parser is given, in bytes: it holds 131072 devices. For a file of
+// nothing but brackets it would ask for ten times as much, and for the next one beside it.
+constexpr size_t kMaxBlock = size_t{2} * 1024 * 1024;
 
 // The iterative parser calls a text empty that only begins with what cannot begin a value; here
 // that has the name, "Invalid value.", that the library's default parser gives it.
@@ -47,6 +52,9 @@ bool HasAddress(const Value& device, const std::string& ip) {
 }  // namespace
 
 void* ThrowingAllocator::Malloc(size_t size) {
+  if (size > kMaxBlock) {
+    throw std::length_error("The device list takes too much memory");
+  }
   return size != 0 ? ::operator new(size) : nullptr;
 }
 

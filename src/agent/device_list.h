@@ -14,7 +14,7 @@ class ThrowingAllocator {
  public:
   static const bool kNeedFree = true;
 
-  /// These throw std::bad_alloc.
+  /// These throw std::bad_alloc, and std::length_error for more than any real list needs.
   static void* Malloc(size_t size);
   static void* Realloc(void* old, size_t oldSize, size_t size);
 

@@ -33,6 +33,10 @@ namespace tavlo {
 namespace {
 
 constexpr int kContinue = 100;
+constexpr const char* kTransferEncoding = "Transfer-Encoding";
+
+// What libevent does not take for the line with the length of a chunk.
+constexpr char kNoChunk[] = "refused\r\n";
 
 bool IsNumeric(const std::string& address) {
   in6_addr binary = {};
@@ -88,6 +92,21 @@ bool HasWord(const evkeyvalq* headers, const char* name, const char* word) {
   return false;
 }
 
+// One header of this name, and it says "chunked".
+bool IsChunked(const evkeyvalq* headers) {
+  const char* coding = nullptr;
+  for (const evkeyval* header = headers->tqh_first; header != nullptr;
+       header = header->next.tqe_next) {
+    if (::strcasecmp(header->key, kTransferEncoding) == 0) {
+      if (coding != nullptr) {
+        return false;
+      }
+      coding = header->value;
+    }
+  }
+  return coding != nullptr && ::strcasecmp(coding, "chunked") == 0;
+}
+
 bool HasBody(int status) {
   return status != HTTP_NOCONTENT && status != HTTP_NOTMODIFIED;
 }
@@ -114,9 +133,13 @@ void Forwarder::OnTurn(evutil_socket_t, short, void* forwarder) {
   }
 }
 
-void Forwarder::OnInput(evbuffer*, const evbuffer_cb_info* change, void* forwarder) {
+void Forwarder::OnInput(evbuffer* input, const evbuffer_cb_info* change, void* forwarder) {
   auto* const self = static_cast<Forwarder*>(forwarder);
   self->reply_.received += change->n_added;
+  if (change->n_added > 0 && change->orig_size > kMaxChunkLine && self->AwaitsChunk()) {
+    evbuffer_drain(input, evbuffer_get_length(input));
+    evbuffer_prepend(input, kNoChunk, sizeof kNoChunk - 1);
+  }
   if (!self->underWay_ && change->n_added > 0) {
     self->hasSentMore_ = true;
   }
@@ -236,6 +259,7 @@ void Forwarder::TakeNext() {
   line.requests.pop_front();
   --waiting_;
   isSent_ = false;
+  reply_ = Reply();
 }
 
 // The next request, so that the SDK REST host works on it while the answer to this one is made.
@@ -264,7 +288,6 @@ bool Forwarder::SendIfFit() {
 void Forwarder::Send() {
   isSent_ = true;
   mayServeAgain_ = false;
-  reply_ = Reply();
   evbuffer_drain(pieces_.get(), evbuffer_get_length(pieces_.get()));
   // A copy, since ours may be gone before libevent's call returns; and made before there is a
   // request that would be lost for want of memory.
@@ -343,11 +366,17 @@ int Forwarder::HandOver(evhttp_request* request, const std::string& target) {
   return result;
 }
 
+// Whether what has come and was not read yet is of the line with the length of a chunk: libevent
+// reads all else as it comes, and sets no limit to that line.
+bool Forwarder::AwaitsChunk() const {
+  return underWay_ && reply_.chunked != nullptr && reply_.chunked->ntoread < 0;
+}
+
 // Returns whether the reply is read on.
 bool Forwarder::TakeHead(evhttp_request* reply) {
   const int status = evhttp_request_get_response_code(reply);
   if (status == kContinue) {
-    return true;
+    return TakeInterimAnswer(reply);
   }
   if (status < HTTP_OK || status > 999) {
     ORX_LOG(Orx::Log::kError, "The SDK REST host answered with status %d, which is none", status);
@@ -361,16 +390,35 @@ bool Forwarder::TakeHead(evhttp_request* reply) {
   return !HasBody(status) || TakeLength(reply);
 }
 
+// libevent would take its headers for the reply's own, and hold those of any number of them.
+bool Forwarder::TakeInterimAnswer(evhttp_request* reply) {
+  evhttp_clear_headers(evhttp_request_get_input_headers(reply));
+  if (reply_.received > kMaxReplyHead) {
+    ORX_LOG(Orx::Log::kError, "The head of a reply is larger than %zu bytes", kMaxReplyHead);
+    return false;
+  }
+  return true;
+}
+
 bool Forwarder::TakeLength(evhttp_request* reply) {
   // Now that all answers before it have been counted.
   reply_.room = clients_->RoomForAnswer(lines_.back().address);
   evhttp_connection_set_max_body_size(connection_->get(), static_cast<ev_ssize_t>(reply_.room));
   evkeyvalq* const headers = evhttp_request_get_input_headers(reply);
   const char* const length = evhttp_find_header(headers, "Content-Length");
+  const bool isCoded = evhttp_find_header(headers, kTransferEncoding) != nullptr;
+  if (isCoded && (length != nullptr || !IsChunked(headers))) {
+    // Versions of libevent read it differently, and some give an empty body for what came.
+    ORX_LOG(Orx::Log::kError, "The length of a reply can be read in two ways");
+    return false;
+  }
+  if (isCoded) {
+    reply_.chunked = reply;
+  }
   if (length == nullptr) {
     evhttp_request_set_chunked_cb(reply, OnPiece);
   }
-  if (length == nullptr && evhttp_find_header(headers, "Transfer-Encoding") == nullptr) {
+  if (length == nullptr && !isCoded) {
     // Without a length the body goes on to the end of the connection; libevent sees that only
     // where no header says otherwise.
     reply_.endsConnection = true;
@@ -428,6 +476,7 @@ bool Forwarder::TryAgain() {
     return false;
   }
   isSent_ = false;
+  reply_ = Reply();
   event_active(turnEvent_.get(), 0, 0);
   return true;
 }

@@ -89,11 +89,12 @@ class Forwarder {
     bool hasHead = false;
     bool isTooLarge = false;
     bool endsConnection = false;
+    const evhttp_request* chunked = nullptr;  // the reply, when its body comes in chunks
     std::optional<evhttp_request_error> error;
   };
 
   static void OnTurn(evutil_socket_t, short, void* forwarder);
-  static void OnInput(evbuffer*, const evbuffer_cb_info* change, void* forwarder);
+  static void OnInput(evbuffer* input, const evbuffer_cb_info* change, void* forwarder);
   static int OnHead(evhttp_request* reply, void* forwarder);
   static void OnPiece(evhttp_request* reply, void* forwarder);
   static void OnError(evhttp_request_error error, void* forwarder);
@@ -110,7 +111,9 @@ class Forwarder {
   bool MakeConnection();
   evhttp_request* MakeRequest();
   int HandOver(evhttp_request* request, const std::string& target);
+  bool AwaitsChunk() const;
   bool TakeHead(evhttp_request* reply);
+  bool TakeInterimAnswer(evhttp_request* reply);
   bool TakeLength(evhttp_request* reply);
   void RefuseSize(const char* kind, unsigned long long bytes);
   void TakeReply(evhttp_request* reply);

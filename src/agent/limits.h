@@ -35,6 +35,11 @@ constexpr size_t kMaxChunkLine = 1024;
 /// What libevent allocates for a header, however short its line.
 constexpr size_t kHeaderOverhead = 100;
 
+/// What libevent may take for each piece of a body in chunks that comes by itself, however small:
+/// it keeps the block that the piece was read into. Over TLS it reads into larger ones.
+constexpr size_t kPlainBlock = size_t{1} * 1024;
+constexpr size_t kTlsBlock = size_t{8} * 1024;
+
 /// What all unfinished requests on the plain listener may take together: the largest single one, or
 /// 128 of the largest that are forwarded.
 constexpr size_t kMaxPlainUnfinished = size_t{5} * 1024 * 1024;

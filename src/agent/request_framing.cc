@@ -383,6 +383,7 @@ void RequestFraming::EndChunkLine() {
     rest_ = rest_ * 16 + static_cast<uint64_t>(HexDigit(digit));
   }
   BeginLine(rest_ > 0 ? Part::kChunk : Part::kTrailer);
+  ++chunks_;
 }
 
 void RequestFraming::BeginLine(Part part) {

@@ -26,6 +26,9 @@ class RequestFraming {
   /// Whether the request has come whole.
   bool IsWhole() const { return part_ == Part::kEnd; }
 
+  /// How many chunks of the body have begun so far.
+  size_t Chunks() const { return chunks_; }
+
   /// What is wrong with the request, in words for the log; null while nothing is. Nothing more is
   /// looked at once there is something.
   const char* Fault() const { return fault_; }
@@ -78,6 +81,7 @@ class RequestFraming {
   const char* fault_ = nullptr;
   size_t unsound_ = 0;
   size_t lines_ = 0;
+  size_t chunks_ = 0;
   size_t textLength_ = 0;  // of the line, without what ends it
   uint64_t rest_ = 0;      // of the body or the chunk, in bytes
   Part part_ = Part::kMethod;

@@ -28,6 +28,10 @@ size_t SizeOf(evhttp_request* request) {
          kUriCopies * std::strlen(request->uri);
 }
 
+void JoinBody(evhttp_request* request) {
+  evbuffer_pullup(evhttp_request_get_input_buffer(request), -1);
+}
+
 void DropHeaders(evhttp_request* request) {
   evkeyvalq* const headers = evhttp_request_get_input_headers(request);
   std::array<std::optional<std::string>, kNeededHeaders.size()> values;

@@ -12,6 +12,9 @@ namespace tavlo {
 /// What a request that has come whole takes by its body and its URI, headers left out, in bytes.
 size_t SizeOf(evhttp_request* request);
 
+/// Puts a body that came in pieces into one, which takes what its bytes take.
+void JoinBody(evhttp_request* request);
+
 /// Lets go of all headers but those that libevent or the dispatch still read.
 void DropHeaders(evhttp_request* request);
 

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <exception>
 
+#include <signal.h>
 #include <unistd.h>
 
 #include "app/command_line.h"
@@ -22,6 +23,8 @@ void Start(int argc, char** argv) {
   if (!options) {
     std::exit(EXIT_FAILURE);
   }
+  // A write to a log that is as large as a file may be (ulimit -f) fails like another.
+  ::signal(SIGXFSZ, SIG_IGN);
   const std::string logPath = options->logPath.value_or("");
   if (options->printKey) {
     // Deliberate: this mode logs under a name of its own, and to standard error alone.

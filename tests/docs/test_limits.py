@@ -18,6 +18,8 @@ TOLD = {
     "kMaxPlainUnfinished": ("all unfinished requests together", "{} MiB plain"),
     "kMaxTlsUnfinished": ("all unfinished requests together", "{} MiB TLS"),
     "kTlsConnectionSize": ("all unfinished requests together", "{} KiB besides"),
+    "kPlainBlock": ("all unfinished requests together", "by itself with {} KiB"),
+    "kTlsBlock": ("all unfinished requests together", "such a piece counts {} KiB"),
     "kMaxHeadLines": ("their lines", "{}"),
     "kMaxChunkLine": ("the line with the length of a chunk", "{} KiB"),
     "kMaxPlainClients": ("connections", "{} plain"),
@@ -26,7 +28,7 @@ TOLD = {
     "kMaxAcceptsPerTurn": ("connections that are accepted in a turn of the loop", "{}"),
     "kHttpTimeoutSecs": ("silence of a client or of the SDK REST host", "{} s"),
     "kMaxWaiting": ("requests that wait for the SDK REST host", "{}"),
-    "kMaxReplyHead": ("a reply's head", "{} KiB"),
+    "kMaxReplyHead": ("a reply's head, with the interim answers before it", "{} KiB"),
     "kMaxReplyBody": ("a reply's body", "{} MiB"),
     "kMaxUntaken": ("what clients have not taken of their answers", "{} MiB beside"),
 }

@@ -7,6 +7,7 @@ import pytest
 
 from support.clients import ask, reset
 from support.destinations import Destination, answer_bytes, read_request
+from support.room import assert_peak_below
 from support.scratch_root import PAIRING_KEY
 from support.waiting import DEFAULT_LIMIT, SANITIZER, wait_until
 
@@ -21,6 +22,8 @@ HEADS = {
     "announced": b"HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n",
     "to the end of the connection": b"HTTP/1.1 200 OK\r\n\r\n",
     "in one chunk": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n40000000\r\n",
+    "the length of a chunk": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n",
+    "the extension of a chunk": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n1;",
     "a header": b"HTTP/1.1 200 OK\r\nX: ",
     "the status line": b"HTTP/1.1 200 ",
 }
@@ -58,6 +61,36 @@ def test_a_reply_of_a_gibibyte_is_cut_off(root, daemon, tls, head):
     else:
         assert daemon.peak_resident_kib() <= LARGEST_MEMORY_KIB
     assert daemon.count_in_log("ERROR: .*: Timeout in forwarding request$") == 1
+    wait_until(lambda: not daemon.has_connection_to(root.destination_port), "the connection's end")
+
+
+INTERIM = b"HTTP/1.1 100 Continue\r\n"
+INTERIM_ANSWERS = {
+    "without headers": INTERIM + b"\r\n",
+    "with a large header": INTERIM + b"X: " + b"x" * 60000 + b"\r\n\r\n",
+    "with many headers": INTERIM + b"X:\r\n" * 10000 + b"\r\n",
+}
+
+
+@pytest.mark.parametrize("answer", INTERIM_ANSWERS.values(), ids=INTERIM_ANSWERS)
+@pytest.mark.parametrize("tls", [False, True])
+def test_interim_answers_without_end_are_cut_off(root, daemon, tls, answer):
+    sent = []
+
+    def flood(connection):
+        if not read_request(connection):
+            return
+        sent.append(0)
+        block = answer * (1 + len(BLOCK) // len(answer))
+        while sent[-1] < GIBIBYTE // 8:
+            connection.sendall(block)
+            sent[-1] += len(block)
+
+    with Destination(root.destination_port, flood):
+        assert outcome(ask_by(root, tls)) == NO_REPLY
+    assert len(sent) == 1 and sent[0] < GIBIBYTE // 16
+    assert_peak_below(daemon, LARGEST_MEMORY_KIB // 1024)
+    assert daemon.count_in_log("ERROR: .*: The head of a reply is larger than 65536 bytes$") == 1
     wait_until(lambda: not daemon.has_connection_to(root.destination_port), "the connection's end")
 
 

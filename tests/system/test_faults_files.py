@@ -13,7 +13,7 @@ import pytest
 from support.clients import ask
 from support.limits import inside, own_file_system, remount
 from support.scratch_root import PAIRING_KEY
-from support.waiting import DEFAULT_LIMIT, open_fifo_for_its_reader
+from support.waiting import DEFAULT_LIMIT, open_fifo_for_its_reader, wait_until
 
 CHANGE = ("PATCH", "/api/1/router-ref")
 INTERNAL_ERROR = (500, "Internal error")
@@ -69,6 +69,23 @@ def test_a_full_disk_stops_the_log_and_nothing_else(root, on_small_disk):
     daemon.hang_up()
     assert ask(root.http_port, "GET", "/logged-again").status == 404
     assert "/logged-again" in log.read_text()
+
+
+LARGEST_FILE = 32768
+
+
+def test_a_log_that_is_as_large_as_a_file_may_be_stops_and_nothing_else(root, make_daemon):
+    small_files = ["prlimit", f"--fsize={LARGEST_FILE}"]
+    daemon = make_daemon(prefix=small_files).start()
+    for _ in range(100):
+        assert ask(root.http_port, "GET", "/to-fill-the-log" * 100).status == 404
+    assert_serving(root)
+    assert daemon.mark() == LARGEST_FILE
+    # It is no larger for another one: that begins with a full log.
+    daemon.stop()
+    daemon = make_daemon(prefix=small_files).launch()
+    wait_until(lambda: daemon.is_running() and len(daemon.sockets()) == 2, "both listeners")
+    assert_serving(root)
 
 
 @needs_root

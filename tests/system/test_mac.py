@@ -6,6 +6,7 @@ import pytest
 
 from support.clients import ask
 from support.clients import Client
+from support.room import assert_peak_below
 from support.scratch_root import PAIRING_KEY
 from support.waiting import DEFAULT_LIMIT
 
@@ -68,3 +69,31 @@ def test_an_unknown_client_and_a_missing_list_are_internal_errors(root, daemon):
     path = root.device_list
     assert ("ERROR", f"File can not be read: {path}. Error: Failed to lock file {path}: "
             "2 No such file or directory") in daemon.messages(mark)
+
+
+MEBIBYTE = 1 << 20
+EXCESSIVE = {
+    "brackets without an end": "[" * MEBIBYTE,
+    "brackets": "[" * (MEBIBYTE // 2) + "]" * (MEBIBYTE // 2),
+    "numbers": "[" + "1," * (MEBIBYTE // 2 - 2) + "1]",
+    "objects": '{"a":' * (MEBIBYTE // 6) + "1" + "}" * (MEBIBYTE // 6),
+}
+
+
+@pytest.mark.parametrize("text", EXCESSIVE.values(), ids=EXCESSIVE)
+def test_a_list_that_would_take_much_memory_is_an_internal_error(root, daemon, text):
+    root.device_list.write_text(text)
+    for tls in (False, True):
+        answer = ask(root.https_port if tls else root.http_port, "GET", "/api/mac", tls=tls)
+        assert (answer.status, answer.reason) == (500, "Internal error")
+    lines = [message for level, message in daemon.messages() if level == "ERROR"]
+    assert lines == ["Unexpected failure: The device list takes too much memory"] * 2
+    assert_peak_below(daemon, 24)
+
+
+def test_the_largest_list_is_read(root, daemon):
+    others = [{"ip": ["10.0.0.1"], "mac": "02:00:5e:10:00:02"}] * 20000
+    root.write_device_list([*others, {"ip": ["127.0.0.1"], "mac": "02:00:5e:10:00:01"}])
+    assert 0.9 * MEBIBYTE < root.device_list.stat().st_size < MEBIBYTE
+    assert ask(root.http_port, "GET", "/api/mac").body == b"02:00:5e:10:00:01"
+    assert_peak_below(daemon, 24)

@@ -11,7 +11,8 @@ from support.clients import ask, connect, read_to_end, tls_context
 from support.clogged import Clogged, ask_into_full_ways, fill
 from support.destinations import (Destination, HeldDestination, answering_by_uri,
                                   read_request)
-from support.room import CONNECTIONS, LARGEST_REPLY, UNREAD_ANSWERS, assert_peak_below
+from support.room import (CONNECTIONS, LARGEST_REPLY, TOO_MUCH_UNFINISHED, UNREAD_ANSWERS,
+                          assert_peak_below, ended_clients)
 from support.scratch_root import PAIRING_KEY
 from support.waiting import SANITIZER, wait_until
 
@@ -191,6 +192,52 @@ def test_a_reply_in_tiny_chunks_takes_what_its_bytes_take(root, daemon):
     with Destination(root.destination_port, behave):
         assert ask(root.http_port, "GET", "/api/version").body == b"x" * count
     assert_peak_below(daemon, 16)
+
+
+def begin_chunks(root, tls):
+    return send_part(port_of(root, tls), PATCH + b"Transfer-Encoding: chunked\r\n\r\n1\r\nx", tls)
+
+
+def go_on_in_chunks(daemon, clients, rounds):
+    """A piece of each client's after another, so that each of them comes by itself; returns the clients
+    that were not ended for it."""
+    for number in range(rounds):
+        for client in list(clients):
+            try:
+                client.sendall(b"\r\n1\r\nx")
+            except OSError:
+                clients.remove(client)
+        if number % 10 == 9:
+            assert_serving(daemon.root)  # what was sent before has been read
+    return clients
+
+
+@pytest.mark.parametrize("tls, count", [(False, 100), (True, 30)])
+def test_chunks_that_come_one_by_one_count_as_what_they_take(root, daemon, tls, count):
+    """A block of libevent's for each of them."""
+    clients = go_on_in_chunks(daemon, [begin_chunks(root, tls) for _ in range(count)], 600)
+    assert ended_clients(daemon, TOO_MUCH_UNFINISHED) > 0
+    assert_peak_below(daemon, MEBIBYTES)
+    close_all(clients)
+    daemon.wait_for_no_clients()
+
+
+def test_a_body_that_came_in_pieces_takes_what_its_bytes_take(root, daemon):
+    """While it waits for its answer. (Over TLS, where a block is larger.)"""
+    begin = PATCH + KEY_LINE + b"Transfer-Encoding: chunked\r\n\r\n1\r\nx"
+    clients = []
+    with HeldDestination(root.destination_port) as destination:
+        for _ in range(20):
+            clients.append(send_part(root.https_port, begin, True))
+            assert go_on_in_chunks(daemon, clients[-1:], 100)
+            mark = daemon.mark()
+            clients[-1].sendall(b"\r\n0\r\n\r\n")
+            daemon.wait_for_log("INFO: .*: PATCH /api/1/router-ref$", since=mark)
+        assert ended_clients(daemon) == 0
+        destination.go_on.set()
+        assert {client.recv(12) for client in clients} == {b"HTTP/1.1 200"}
+    close_all(clients)
+    assert_peak_below(daemon, 20)
 
 
 LARGE, MIDDLE = "/api/version", "/api/1/router-info"

@@ -145,3 +145,43 @@ def test_a_reply_without_a_length_goes_to_the_end_of_its_connection(root, daemon
         for _ in range(2):
             answer = ask_by(root, tls)
             assert (answer.status, answer.body) == (200, body)
+
+
+INTERIM_HEADERS = ["Content-Length: 2", "Transfer-Encoding: chunked", "Connection: close",
+                   "Content-Type: text/other"]
+
+
+@pytest.mark.parametrize("header", INTERIM_HEADERS)
+@pytest.mark.parametrize("tls", [False, True])
+def test_the_headers_of_an_interim_answer_are_not_the_replys(root, daemon, tls, header):
+    interim = f"HTTP/1.1 100 Continue\r\n{header}\r\n\r\n".encode()
+    with Destination(root.destination_port, answering(interim * 3 + answer_bytes(b"whole"))) as host:
+        for _ in range(3):
+            answer = ask_by(root, tls)
+            assert (answer.status, answer.body) == (200, b"whole")
+            assert answer.header("Content-Type") == "text/plain"
+        assert host.accepted == 1
+    assert not [text for level, text in daemon.messages() if level == "ERROR"]
+
+
+TWO_LENGTHS = {
+    "a length beside chunks": b"Content-Length: 4\r\nTransfer-Encoding: chunked\r\n",
+    "another coding": b"Transfer-Encoding: gzip\r\nConnection: keep-alive\r\n",
+    "no coding": b"Transfer-Encoding: identity\r\nConnection: keep-alive\r\n",
+    "two codings": b"Transfer-Encoding: gzip, chunked\r\nConnection: keep-alive\r\n",
+    "two lines": b"Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n",
+    "two lines that differ": b"Transfer-Encoding: chunked\r\nTransfer-Encoding: gzip\r\n",
+}
+
+
+@pytest.mark.parametrize("headers", TWO_LENGTHS.values(), ids=TWO_LENGTHS)
+@pytest.mark.parametrize("tls", [False, True])
+def test_a_length_that_can_be_read_in_two_ways_is_refused(root, daemon, tls, headers):
+    """By the daemon, or by a libevent that sees it first, and then without a line."""
+    answer = OK + headers + b"\r\n" + chunks(b"body")
+    with Destination(root.destination_port, answering(answer, repeat=False)):
+        assert outcome(ask_by(root, tls)) == NO_REPLY
+    errors = [text for level, text in daemon.messages() if level == "ERROR"]
+    assert errors[-1] == NO_REPLY[1]
+    assert errors[:-1] in ([], ["The length of a reply can be read in two ways"])
+    assert_next_is_on_its_own(root, tls)

@@ -239,12 +239,20 @@ TEST_F(MacLookup, ANulWithinAStringIsBroken) {
                "Missing a closing quotation mark in string., offset :3");
 }
 
-TEST_F(MacLookup, AMebibyteOfBracketsDoesNotOverflowTheStack) {
-  ExpectBroken(AnswerFor(std::string(1048576, '[')), "Invalid value., offset :1048576");
+// As deep as there is memory for. A recursive parser's stack would be overflown.
+constexpr size_t kDepth = 80000;
+
+TEST_F(MacLookup, ManyBracketsDoNotOverflowTheStack) {
+  ExpectBroken(AnswerFor(std::string(kDepth, '[')), "Invalid value., offset :80000");
 }
 
 TEST_F(MacLookup, ADeepButValidFileIsJustWithoutDevices) {
-  ExpectRefusal(AnswerFor(std::string(524288, '[') + std::string(524288, ']')), kNotFound);
+  ExpectRefusal(AnswerFor(std::string(kDepth, '[') + std::string(kDepth, ']')), kNotFound);
+}
+
+TEST_F(MacLookup, AMebibyteOfBracketsIsRefusedForItsMemory) {
+  EXPECT_THAT(AnswerFor(std::string(1048576, '[')), StartsWith("HTTP/1.1 500 Internal error"));
+  EXPECT_THAT(log_.Messages(), Contains(EndsWith("The device list takes too much memory")));
 }
 
 TEST_F(MacLookup, WaitsForAFileThatAnotherProcessHoldsForAMoment) {
