@@ -37,7 +37,6 @@ constexpr std::chrono::seconds kLongestSilence(60);
 constexpr std::chrono::seconds kLanAddressPeriod(60);
 constexpr std::chrono::seconds kPauseAfterFailedWait(5);
 constexpr timespec kLongestWait = {60, 0};
-constexpr std::chrono::seconds kTimeToBeHeard(2);
 
 // What one pass of the loop leaves for the next.
 struct LoopState {
@@ -83,14 +82,9 @@ bool StartWorkers() {
   return ok;
 }
 
-// Logs the silent thread, if there is one. After the whole process has stood still (SIGSTOP, a
-// frozen container) all threads seem silent: those that live are heard within a moment.
+// Logs the silent thread, if there is one.
 bool HasSilentThread(MonotonicTime now) {
   Orx::ThreadMonitor& monitor = Orx::TheThreadMonitor();
-  if (monitor.FindSilentThread(now) != 0) {
-    std::this_thread::sleep_for(kTimeToBeHeard);
-    now = Clock::now();
-  }
   const Orx::ThreadIdentity silent = monitor.FindSilentThread(now);
   if (silent == 0) {
     return false;

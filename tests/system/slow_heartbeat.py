@@ -1,8 +1,6 @@
 """Once a minute the main thread looks whether the listener threads are alive."""
 
 import os
-import signal
-import time
 from datetime import datetime, timedelta
 
 from support.clients import ask, connect
@@ -41,14 +39,3 @@ def test_a_listener_that_has_fallen_silent_ends_the_daemon(root, make_daemon):
     silence = int(line.rpartition("interval=")[2].removesuffix("s"))
     assert LONGEST_SILENCE <= silence <= 2 * LONGEST_SILENCE
     assert lines[-1].endswith("DEBUG: void Run: Leave")
-
-
-def test_a_process_that_stood_still_for_more_than_a_minute_goes_on(root, daemon):
-    mark = daemon.mark()
-    daemon.send_signal(signal.SIGSTOP)
-    # Beyond the longest silence, and the wait of the main thread for its next look.
-    time.sleep(LONGEST_SILENCE + A_LITTLE_MORE_THAN_A_MINUTE)
-    daemon.send_signal(signal.SIGCONT)
-    daemon.wait_for_log("Got signal 0, from pid 0$", since=mark, count=2, limit=90)
-    assert ask(root.http_port, "GET", "/").status == 404
-    assert ask(root.https_port, "GET", "/", tls=True).status == 404
