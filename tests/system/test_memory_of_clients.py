@@ -240,6 +240,17 @@ def test_a_body_that_came_in_pieces_takes_what_its_bytes_take(root, daemon):
     assert_peak_below(daemon, 20)
 
 
+def test_the_pieces_of_earlier_bodies_count_no_more(root, daemon, sdk_host):
+    begin = PATCH + KEY_LINE + b"Transfer-Encoding: chunked\r\n\r\n1\r\nx"
+    with connect(root.https_port, tls=True) as client:
+        for _ in range(16):
+            client.sendall(begin)
+            assert go_on_in_chunks(daemon, [client], 100)
+            client.sendall(b"\r\n0\r\n\r\n")
+            assert client.recv(65536).startswith(b"HTTP/1.1 200 ")
+    assert ended_clients(daemon) == 0
+
+
 LARGE, MIDDLE = "/api/version", "/api/1/router-info"
 
 
