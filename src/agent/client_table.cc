@@ -219,7 +219,8 @@ void ClientTable::TakeInput(Client* client, evbuffer* input, size_t added) {
     }
   }
   if (client->framing.Chunks() > chunks) {
-    ++client->blocks;  // however many have come at once
+    const size_t block = client->stream > 0 ? kTlsBlock : kPlainBlock;
+    client->spare += block - std::min(added, block);
   }
   Recount(client);
   MakeRoomForInput(client);
@@ -270,7 +271,7 @@ void ClientTable::OnRequest(evhttp_request* request) {
   if (Orx::Log::IsOn(Orx::Log::kDebug)) {
     client->requestTime = Clock::now();
   }
-  if (client->blocks > 0) {
+  if (client->spare > 0) {
     JoinBody(request);
   }
   client->request = SizeOf(request);
@@ -326,7 +327,7 @@ void ClientTable::BeginNextRequest(Client* client) {
   const size_t length = evbuffer_get_length(input);
   client->framing = RequestFraming();
   client->incoming = 0;
-  client->blocks = 0;
+  client->spare = 0;
   if (length > 0) {
     TakeInput(client, input, length);
   } else {

@@ -86,7 +86,7 @@ class ClientTable {
     bool isEnding = false;           // marked; it counts no more, and has no address
     RequestFraming framing;          // of the request that is coming in
     size_t incoming = 0;             // what has come since the last whole request, in bytes
-    size_t blocks = 0;               // of libevent's, that its chunks may take beside their bytes
+    size_t spare = 0;                // of the blocks that its chunks were read into
     size_t request = 0;              // what is kept of the whole request that is being answered
     size_t unfinished = 0;           // what all these and the header lines take
     size_t untaken = 0;              // of its answer, when that was looked at last

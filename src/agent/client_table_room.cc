@@ -35,9 +35,8 @@ void ClientTable::Recount(Client* client) {
   if (client->isEnding) {
     return;
   }
-  const size_t block = client->stream > 0 ? kTlsBlock : kPlainBlock;
-  const size_t bytes = client->stream + client->request + client->incoming +
-                       client->blocks * block + client->framing.Lines() * kHeaderOverhead;
+  const size_t bytes = client->stream + client->request + client->incoming + client->spare +
+                       client->framing.Lines() * kHeaderOverhead;
   const size_t change = bytes - client->unfinished;  // wraps around where it is less
   client->unfinished = bytes;
   client->address->second.unfinished += change;

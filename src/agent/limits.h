@@ -35,8 +35,8 @@ constexpr size_t kMaxChunkLine = 1024;
 /// What libevent allocates for a header, however short its line.
 constexpr size_t kHeaderOverhead = 100;
 
-/// What libevent may take for each piece of a body in chunks that comes by itself, however small:
-/// it keeps the block that the piece was read into. Over TLS it reads into larger ones.
+/// The block that libevent reads a piece of a request into. It keeps the whole of it where a chunk
+/// of a body comes by itself, however small. Over TLS it reads into larger ones.
 constexpr size_t kPlainBlock = size_t{1} * 1024;
 constexpr size_t kTlsBlock = size_t{8} * 1024;
 

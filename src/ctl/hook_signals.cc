@@ -42,6 +42,7 @@ sigset_t BlockSignals() {
   sigaddset(&signals, SIGINT);
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
+  ::signal(SIGXFSZ, SIG_IGN);
   return signals;
 }
 
