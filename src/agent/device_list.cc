@@ -12,9 +12,10 @@ namespace {
 
 using Value = DeviceList::ValueType;
 
-// The largest block that the parser is given, in bytes: it holds 131072 devices. For a file of
-// nothing but brackets it would ask for ten times as much, and for the next one beside it.
-constexpr size_t kMaxBlock = size_t{2} * 1024 * 1024;
+// The largest block that the parser is given, in bytes: it holds 131072 devices, each of which
+// takes half as much again where the parser cannot put a pointer's unused bits to use. For a file
+// of nothing but brackets it would ask for ten times as much, and for the next one beside it.
+constexpr size_t kMaxBlock = 131072 * sizeof(Value);
 
 // The iterative parser calls a text empty that only begins with what cannot begin a value; here
 // that has the name, "Invalid value.", that the library's default parser gives it.
