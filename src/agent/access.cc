@@ -32,7 +32,7 @@ bool ApiRequestSupported(const std::string& uri, evhttp_cmd_type method) {
   });
 }
 
-bool IsSameKey(const std::string& expected, const std::string& given) {
+bool IsSameKey(std::string_view expected, std::string_view given) {
   return expected.size() == given.size() &&
          CRYPTO_memcmp(expected.data(), given.data(), expected.size()) == 0;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include <event2/http.h>
 
@@ -12,6 +13,6 @@ bool ApiRequestSupported(const std::string& uri, evhttp_cmd_type method);
 
 /// Compares two keys byte by byte. It takes as long for a key that is wrong in its first byte as
 /// for one of the same length that is wrong in its last.
-bool IsSameKey(const std::string& expected, const std::string& given);
+bool IsSameKey(std::string_view expected, std::string_view given);
 
 }  // namespace tavlo

@@ -11,6 +11,7 @@
 #include <string>
 
 #include <event2/http.h>
+#include <time.h>
 
 #include "agent/client_table.h"
 #include "agent/forwarder.h"
@@ -121,6 +122,7 @@ class AgentHost {
   // afterwards.
   void Answer(evhttp_request* req, int status, const char* reason, evbuffer* body);
   void Refuse(evhttp_request* req, int status, const char* reason);
+  void AddDate(evhttp_request* req);
   void WriteAtOnce(evhttp_connection* client);
 
   Orx::HookInvoker* invoker_;
@@ -146,7 +148,9 @@ class AgentHost {
   std::unique_ptr<Forwarder> forwarder_;
   std::shared_ptr<ssl_ctx_st> sslCtx_;
   bool certificateLoaded_ = false;
-  std::mutex mutex_;  // guards what follows
+  time_t dateSecond_ = 0;
+  char date_[32] = "";  // of that second, as the header has it
+  std::mutex mutex_;    // guards what follows
   std::string pairingKey_;
   std::set<std::string> pendingAddrs_;
   std::set<std::string> boundAddrs_;

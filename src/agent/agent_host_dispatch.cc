@@ -9,10 +9,15 @@
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
+#include <event2/http.h>
+#include <event2/http_struct.h>
+#include <event2/util.h>
+#include <time.h>
 
 #include "agent/access.h"
 #include "agent/agent_host.h"
 #include "agent/callback_guard.h"
+#include "agent/headers.h"
 #include "agent/limits.h"
 #include "agent/request_memory.h"
 #include "util/log.h"
@@ -43,7 +48,7 @@ void JoinPieces(evhttp_connection* connection) {
 }
 
 bool WaitsToContinue(evhttp_request* req) {
-  return evhttp_find_header(evhttp_request_get_input_headers(req), "Expect") != nullptr;
+  return FindHeader(evhttp_request_get_input_headers(req), "Expect") != nullptr;
 }
 
 }  // namespace
@@ -132,9 +137,8 @@ bool AgentHost::CheckPairingKey(evhttp_request* req) {
     const std::lock_guard<std::mutex> lock(mutex_);
     expected = pairingKey_;
   }
-  const char* const header =
-      evhttp_find_header(evhttp_request_get_input_headers(req), "PairingKey");
-  const std::string given = header != nullptr ? header : "";
+  const char* const header = FindHeader(evhttp_request_get_input_headers(req), "PairingKey");
+  const char* const given = header != nullptr ? header : "";
   if (expected.empty()) {
     Orx::Log::Message2(Orx::Log::kError, kDispatchRequest, "Pairing key is not configured");
     Refuse(req, HTTP_INTERNAL, "Pairing key is not configured");
@@ -142,7 +146,7 @@ bool AgentHost::CheckPairingKey(evhttp_request* req) {
   }
   if (!IsSameKey(expected, given)) {
     Orx::Log::Message2(Orx::Log::kDebug, kDispatchRequest, "Pairing key not as expected: '%s'",
-                       given.c_str());
+                       given);
     Refuse(req, HTTP_EXPECTATIONFAILED, "Pairing key not as expected");
     return false;
   }
@@ -175,7 +179,7 @@ void AgentHost::FinishForwarding(evhttp_request* req, Forwarder::Outcome outcome
 
 void AgentHost::RelayReply(evhttp_request* req, evhttp_request* reply) {
   const char* const contentType =
-      evhttp_find_header(evhttp_request_get_input_headers(reply), "Content-Type");
+      FindHeader(evhttp_request_get_input_headers(reply), "Content-Type");
   if (contentType != nullptr) {
     evhttp_add_header(evhttp_request_get_output_headers(req), "Content-Type", contentType);
   }
@@ -213,12 +217,26 @@ void AgentHost::RefuseForwarded(evhttp_request* req, Forwarder::Outcome outcome)
 void AgentHost::Answer(evhttp_request* req, int status, const char* reason, evbuffer* body) {
   evhttp_connection* const client = evhttp_request_get_connection(req);
   DropBodyAndUri(req);
+  AddDate(req);
   evhttp_send_reply(req, status, reason, body);
   if (secure_ && client != nullptr) {
     JoinPieces(client);
   }
   clients_->OnAnswer(client, status);
   WriteAtOnce(client);
+}
+
+// libevent adds it where there is none, and makes its text anew each time.
+void AgentHost::AddDate(evhttp_request* req) {
+  if (req->major != 1 || req->minor < 1) {
+    return;
+  }
+  const time_t now = ::time(nullptr);
+  if (now != dateSecond_) {
+    dateSecond_ = now;
+    evutil_date_rfc1123(date_, sizeof date_, nullptr);
+  }
+  evhttp_add_header(evhttp_request_get_output_headers(req), "Date", date_);
 }
 
 void AgentHost::Refuse(evhttp_request* req, int status, const char* reason) {

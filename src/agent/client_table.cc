@@ -123,11 +123,13 @@ void ClientTable::OnOutput(evbuffer* output, const evbuffer_cb_info* change, voi
   if (self->isEnding) {
     return;
   }
-  if (evbuffer_get_length(output) == 0) {
+  if (change->n_added > 0) {
+    if (self->state == State::kReceiving) {
+      RunGuarded(__PRETTY_FUNCTION__,
+                 [&] { self->table->OnLibraryOutput(self, StatusAt(output, change->orig_size)); });
+    }
+  } else if (evbuffer_get_length(output) == 0) {
     self->table->OnWritten(self);
-  } else if (change->n_added > 0 && self->state == State::kReceiving) {
-    RunGuarded(__PRETTY_FUNCTION__,
-               [&] { self->table->OnLibraryOutput(self, StatusAt(output, change->orig_size)); });
   }
 }
 

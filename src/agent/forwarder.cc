@@ -30,10 +30,18 @@
 
 namespace tavlo {
 
+// What the head of a reply says of where its body ends, and of the connection.
+struct ReplyFraming {
+  const char* length = nullptr;  // the first one
+  const char* coding = nullptr;  // the last one
+  size_t codings = 0;
+  bool closes = false;
+  bool keepsAlive = false;
+};
+
 namespace {
 
 constexpr int kContinue = 100;
-constexpr const char* kTransferEncoding = "Transfer-Encoding";
 
 // What libevent does not take for the line with the length of a chunk.
 constexpr char kNoChunk[] = "refused\r\n";
@@ -72,39 +80,34 @@ bool IsRepeatable(evhttp_cmd_type method) {
   return method == EVHTTP_REQ_GET || method == EVHTTP_REQ_PUT || method == EVHTTP_REQ_DELETE;
 }
 
-// Whether a header with this name has this word among its values.
-bool HasWord(const evkeyvalq* headers, const char* name, const char* word) {
+// Whether this is one of the words of a header's value.
+bool HasWord(const char* value, const char* word) {
   const size_t length = std::strlen(word);
-  for (const evkeyval* header = headers->tqh_first; header != nullptr;
-       header = header->next.tqe_next) {
-    if (::strcasecmp(header->key, name) != 0) {
-      continue;
+  while (*(value += std::strspn(value, ", \t")) != '\0') {
+    const size_t found = std::strcspn(value, ", \t");
+    if (found == length && ::strncasecmp(value, word, length) == 0) {
+      return true;
     }
-    const char* place = header->value;
-    while (*(place += std::strspn(place, ", \t")) != '\0') {
-      const size_t found = std::strcspn(place, ", \t");
-      if (found == length && ::strncasecmp(place, word, length) == 0) {
-        return true;
-      }
-      place += found;
-    }
+    value += found;
   }
   return false;
 }
 
-// One header of this name, and it says "chunked".
-bool IsChunked(const evkeyvalq* headers) {
-  const char* coding = nullptr;
+ReplyFraming ReadFraming(const evkeyvalq* headers) {
+  ReplyFraming framing;
   for (const evkeyval* header = headers->tqh_first; header != nullptr;
        header = header->next.tqe_next) {
-    if (::strcasecmp(header->key, kTransferEncoding) == 0) {
-      if (coding != nullptr) {
-        return false;
-      }
-      coding = header->value;
+    if (::strcasecmp(header->key, "Content-Length") == 0) {
+      framing.length = framing.length != nullptr ? framing.length : header->value;
+    } else if (::strcasecmp(header->key, "Transfer-Encoding") == 0) {
+      framing.coding = header->value;
+      ++framing.codings;
+    } else if (::strcasecmp(header->key, "Connection") == 0) {
+      framing.closes = framing.closes || HasWord(header->value, "close");
+      framing.keepsAlive = framing.keepsAlive || HasWord(header->value, "keep-alive");
     }
   }
-  return coding != nullptr && ::strcasecmp(coding, "chunked") == 0;
+  return framing;
 }
 
 bool HasBody(int status) {
@@ -383,11 +386,10 @@ bool Forwarder::TakeHead(evhttp_request* reply) {
     return false;
   }
   reply_.hasHead = true;
-  const evkeyvalq* const headers = evhttp_request_get_input_headers(reply);
+  const ReplyFraming framing = ReadFraming(evhttp_request_get_input_headers(reply));
   const bool isOld = reply->major < 1 || (reply->major == 1 && reply->minor < 1);
-  reply_.endsConnection = HasWord(headers, "Connection", "close") ||
-                          (isOld && !HasWord(headers, "Connection", "keep-alive"));
-  return !HasBody(status) || TakeLength(reply);
+  reply_.endsConnection = framing.closes || (isOld && !framing.keepsAlive);
+  return !HasBody(status) || TakeLength(reply, framing);
 }
 
 // libevent would take its headers for the reply's own, and hold those of any number of them.
@@ -400,14 +402,14 @@ bool Forwarder::TakeInterimAnswer(evhttp_request* reply) {
   return true;
 }
 
-bool Forwarder::TakeLength(evhttp_request* reply) {
+bool Forwarder::TakeLength(evhttp_request* reply, const ReplyFraming& framing) {
   // Now that all answers before it have been counted.
   reply_.room = clients_->RoomForAnswer(lines_.back().address);
   evhttp_connection_set_max_body_size(connection_->get(), static_cast<ev_ssize_t>(reply_.room));
-  evkeyvalq* const headers = evhttp_request_get_input_headers(reply);
-  const char* const length = evhttp_find_header(headers, "Content-Length");
-  const bool isCoded = evhttp_find_header(headers, kTransferEncoding) != nullptr;
-  if (isCoded && (length != nullptr || !IsChunked(headers))) {
+  const char* const length = framing.length;
+  const bool isCoded = framing.codings > 0;
+  const bool isChunked = framing.codings == 1 && ::strcasecmp(framing.coding, "chunked") == 0;
+  if (isCoded && (length != nullptr || !isChunked)) {
     // Versions of libevent read it differently, and some give an empty body for what came.
     ORX_LOG(Orx::Log::kError, "The length of a reply can be read in two ways");
     return false;
@@ -422,6 +424,7 @@ bool Forwarder::TakeLength(evhttp_request* reply) {
     // Without a length the body goes on to the end of the connection; libevent sees that only
     // where no header says otherwise.
     reply_.endsConnection = true;
+    evkeyvalq* const headers = evhttp_request_get_input_headers(reply);
     while (evhttp_remove_header(headers, "Connection") == 0) {
     }
   }

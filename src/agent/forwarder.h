@@ -22,6 +22,7 @@ struct event_base;
 namespace tavlo {
 
 class ClientTable;
+struct ReplyFraming;
 
 /// A connection to the SDK REST host that is opened with its first request; `address` is a name or
 /// dotted text. Throws std::runtime_error when there is no memory for it.
@@ -114,7 +115,7 @@ class Forwarder {
   bool AwaitsChunk() const;
   bool TakeHead(evhttp_request* reply);
   bool TakeInterimAnswer(evhttp_request* reply);
-  bool TakeLength(evhttp_request* reply);
+  bool TakeLength(evhttp_request* reply, const ReplyFraming& framing);
   void RefuseSize(const char* kind, unsigned long long bytes);
   void TakeReply(evhttp_request* reply);
   bool TryAgain();

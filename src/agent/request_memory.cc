@@ -10,6 +10,8 @@
 #include <event2/http.h>
 #include <event2/http_struct.h>
 
+#include "agent/headers.h"
+
 namespace tavlo {
 
 namespace {
@@ -36,7 +38,7 @@ void DropHeaders(evhttp_request* request) {
   evkeyvalq* const headers = evhttp_request_get_input_headers(request);
   std::array<std::optional<std::string>, kNeededHeaders.size()> values;
   for (size_t i = 0; i < kNeededHeaders.size(); ++i) {
-    const char* const value = evhttp_find_header(headers, kNeededHeaders[i]);
+    const char* const value = FindHeader(headers, kNeededHeaders[i]);
     if (value != nullptr) {
       values[i] = value;
     }

@@ -2,7 +2,9 @@
 
 import subprocess
 import threading
+import time
 from concurrent.futures import ThreadPoolExecutor
+from email.utils import format_datetime, parsedate_to_datetime
 from socket import AF_INET, IPPROTO_TCP, SOCK_STREAM, TCP_NODELAY
 
 import pytest
@@ -15,6 +17,9 @@ from support.waiting import DEFAULT_LIMIT
 
 KEY = {"PairingKey": PAIRING_KEY}
 ALL_BYTES = bytes(range(256)) * 100
+
+# Seconds that time() may be late: it tells the last tick of the clock.
+CLOCK_LAG = 0.1
 
 # What the daemon puts on an answer by itself.
 OWN_HEADERS = {"date", "content-length", "connection"}
@@ -170,6 +175,24 @@ def test_no_other_header_comes_back(shared, tls):
                ("WWW-Authenticate", "Basic"), ("X-Custom", "y"), ("Content-Encoding", "gzip")]
     answer = relayed(shared, Answer(headers=headers, body=b"x"), tls)
     assert names(answer) - OWN_HEADERS == {"content-type"}
+
+
+def test_each_answer_has_the_date_of_its_second(root, daemon, sdk_host):
+    seen = set()
+    with Client(root.http_port) as client:
+        while len(seen) < 2:
+            begin = int(time.time() - CLOCK_LAG)
+            text = client.ask("GET", "/api/version").header("Date")
+            date = parsedate_to_datetime(text)
+            assert begin <= date.timestamp() <= time.time()
+            assert text == format_datetime(date, usegmt=True)
+            seen.add(text)
+
+
+def test_an_answer_of_http_1_0_has_no_date(root, daemon, sdk_host):
+    answer = exchange(root.http_port, b"GET /api/version HTTP/1.0\r\n\r\n")
+    assert b"\r\nContent-Type: " in answer
+    assert b"\r\nDate: " not in answer
 
 
 def test_an_answer_in_chunks_comes_back_in_one_piece(root, daemon):
