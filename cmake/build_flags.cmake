@@ -21,6 +21,10 @@ target_compile_options(tavlo_build_flags INTERFACE
   -Wcast-align
   -Wundef
   -Wimplicit-fallthrough
+  -Wsuggest-override
+  -Wzero-as-null-pointer-constant
+  $<$<CXX_COMPILER_ID:Clang>:-Wreserved-identifier>
+  $<$<CXX_COMPILER_ID:Clang>:-Wno-reserved-macro-identifier>
   $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond>
   $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-branches>
   $<$<CXX_COMPILER_ID:GNU>:-Wlogical-op>)
