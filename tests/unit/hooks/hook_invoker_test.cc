@@ -52,7 +52,8 @@ class HookInvokerTest : public testing::Test {
 };
 
 // Pointers to methods as the Itanium C++ ABI has them: for a virtual one the first half is its
-// place in the table, in bytes, and the lowest bit of one of the halves is set.
+// place in the table, in bytes, and the lowest bit of one of the halves is set. On ARM that is the
+// second one, since an address of Thumb code has the bit too.
 struct MethodPointer {
   template <typename Method>
   explicit MethodPointer(Method method) {
@@ -60,9 +61,14 @@ struct MethodPointer {
     std::memcpy(halves, &method, sizeof halves);
   }
 
-  bool IsVirtual() const { return ((halves[0] | halves[1]) & 1) != 0; }
+  bool IsVirtual() const { return (halves[kMarkedHalf] & 1) != 0; }
   size_t Slot() const { return halves[0] / sizeof(void*); }
 
+#if defined(__arm__) || defined(__aarch64__)
+  static constexpr size_t kMarkedHalf = 1;
+#else
+  static constexpr size_t kMarkedHalf = 0;
+#endif
   size_t halves[2];
 };
 
