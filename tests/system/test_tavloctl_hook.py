@@ -226,8 +226,8 @@ def test_quiet_prints_only_errors(root):
     ([], "one event is to be named"),
     (["unknown"], "one event is to be named"),
     (["agent", "device_detected"], "one event is to be named"),
-    (["--unknown"], "unrecognized option '--unknown'"),
-    (["device_detected", "--mac"], "option '--mac' requires an argument"),
+    (["--unknown"], "unrecognized option"),  # in the words of each C library, as the next one
+    (["device_detected", "--mac"], "requires an argument"),
     (["device_detected", "--uri", "/u"], "device_detected has no flag --uri"),
     (["device_detected", "--mac", "m", "--data", "f"], "device_detected has no flag --data"),
     (["device_detected"], "device_detected.mac is empty"),
