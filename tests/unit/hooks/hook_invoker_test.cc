@@ -356,8 +356,9 @@ TEST_F(Invocation, TellsAnExternalScriptItsPathInTheSameWay) {
 
 TEST_F(Invocation, LooksForExternalScriptsWhenTheInternalOnesHaveRun) {
   const std::string script = directory_ / "external/event/10";
-  Internal("event/10", "mkdir -p " + (directory_ / "external/event") + "; echo 'echo made' >" +
-                           script + "; chmod +x " + script);
+  Internal("event/10", "mkdir -p " + (directory_ / "external/event") +
+                           "; printf '#!/bin/sh\\necho made\\n' >" + script + "; chmod +x " +
+                           script);
   EXPECT_TRUE(Invoke().IsOk());
   EXPECT_EQ(output_, "made\n");
   // And for the scripts of a directory that is there already.

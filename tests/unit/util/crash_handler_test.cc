@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <ostream>
 #include <set>
@@ -120,8 +121,8 @@ INSTANTIATE_TEST_SUITE_P(
     All, FatalSignalTest,
     testing::Values(FatalSignal{SIGSEGV, "Segmentation fault"}, FatalSignal{SIGABRT, "Aborted"},
                     FatalSignal{SIGILL, "Illegal instruction"},
-                    FatalSignal{SIGFPE, "Floating point exception"},
-                    FatalSignal{SIGBUS, "Bus error"}, FatalSignal{SIGSYS, "Bad system call"}),
+                    FatalSignal{SIGFPE, ::strsignal(SIGFPE)}, FatalSignal{SIGBUS, "Bus error"},
+                    FatalSignal{SIGSYS, "Bad system call"}),
     [](const auto& suite) { return "Signal" + std::to_string(suite.param.number); });
 
 TEST_F(CrashHandlerTest, ARealFaultIsRecordedWithItsAddress) {

@@ -18,6 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/error_text.h"
 #include "support/faults.h"
 #include "support/temporary_directory.h"
 #include "support/wait.h"
@@ -542,14 +543,14 @@ TEST_F(FileRead, FailsWithTheErrorOfFindingTheEndAndTheStart) {
   for (const int skipped : {0, 1}) {
     const test::Fault fault("lseek", EOVERFLOW, skipped, 1);
     EXPECT_EQ(Read(path_, kNoLimit, &content_).Message(),
-              "Failed to read file " + path_ + ": 75 Value too large for defined data type");
+              "Failed to read file " + path_ + ": 75 " + test::ErrorText(EOVERFLOW));
   }
 }
 
 TEST_F(FileRead, FailsWithTheErrorOfReadingAndKeepsTheSize) {
   const test::Fault fault("read", EIO);
   EXPECT_EQ(Read(path_, kNoLimit, &content_).Message(),
-            "Failed to read file " + path_ + ": 5 Input/output error");
+            "Failed to read file " + path_ + ": 5 " + test::ErrorText(EIO));
   EXPECT_THAT(content_, SizeIs(8));
 }
 
@@ -596,16 +597,16 @@ TEST_F(FileRead, FailsWhenTheFileIsShorterThanItsSizeSaid) {
     GTEST_SKIP() << "needs a file that claims to be larger than it is: " << path;
   }
   EXPECT_EQ(Read(path, kNoLimit, &content_).Message(),
-            "Failed to read file " + path + ": 5 Input/output error");
+            "Failed to read file " + path + ": 5 " + test::ErrorText(EIO));
 }
 
 TEST_F(FileRead, DoesNotBlockOnAFifoThatNobodyWritesTo) {
   const std::string fifo = directory_ / "fifo";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   EXPECT_EQ(Read(fifo, kNoLimit, &content_).Message(),
-            "Failed to read file " + fifo + ": 29 Illegal seek");
+            "Failed to read file " + fifo + ": 29 " + test::ErrorText(ESPIPE));
   EXPECT_EQ(stdext::file(fifo).read(kNoLimit, &content_).Message(),
-            "Failed to read file " + fifo + ": 29 Illegal seek");
+            "Failed to read file " + fifo + ": 29 " + test::ErrorText(ESPIPE));
 }
 
 TEST_F(FileRead, LeavesNoDescriptorBehind) {

@@ -21,6 +21,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/error_text.h"
 #include "support/faults.h"
 #include "support/temporary_directory.h"
 #include "util/descriptor.h"
@@ -209,7 +210,7 @@ TEST_F(LookUpInNamespace, FailsForAnUnknownInterface) {
 
 TEST_F(LookUpFailure, OfTheSocketComesFirst) {
   const test::Fault fault("socket", EMFILE);
-  EXPECT_EQ(Find("no such interface"), "Failed to create socket: 24 Too many open files");
+  EXPECT_EQ(Find("no such interface"), "Failed to create socket: 24 " + test::ErrorText(EMFILE));
 }
 
 int OptionOf(int fd, int name) {
@@ -250,7 +251,7 @@ TEST_F(LookUpFailure, OfSending) {
 
 TEST_F(LookUpFailure, OfReceiving) {
   const test::Fault fault("recv", ENOMEM);
-  EXPECT_EQ(Find("lo"), "Failed to recv from socket: 12 Cannot allocate memory");
+  EXPECT_EQ(Find("lo"), "Failed to recv from socket: 12 " + test::ErrorText(ENOMEM));
   EXPECT_EQ(fault.Calls(), 1);
 }
 
