@@ -6,7 +6,7 @@ import threading
 
 from support.destinations import Destination, answer_bytes, answering
 from support.scratch_root import PAIRING_KEY
-from support.waiting import SANITIZER
+from support.waiting import EMULATOR, SANITIZER
 
 REQUESTS = 5000 if SANITIZER else 100000
 WARM_UP = 500 if SANITIZER else 5000
@@ -66,8 +66,8 @@ def test_a_hundred_thousand_requests_leave_it_as_it_was(root, make_daemon):
         assert destination.accepted == 2
     growth = daemon.resident_kib() - before[2]
     print(f"resident memory grew by {growth} KiB from {before[2]} KiB")
-    if SANITIZER:
-        print("the memory of a sanitizer's build says nothing: not looked at")
+    if SANITIZER or EMULATOR:
+        print("it would be another's memory too: not looked at")
     else:
         assert growth <= LARGEST_GROWTH_KIB
     assert len(daemon.messages(mark)) == REQUESTS
@@ -92,5 +92,5 @@ def test_refused_requests_leave_it_as_it_was(root, make_daemon):
     refused(count)
     assert daemon.descriptors() == before[0]
     assert daemon.threads() == before[1]
-    if not SANITIZER:
+    if not SANITIZER and not EMULATOR:
         assert daemon.resident_kib() - before[2] <= LARGEST_GROWTH_KIB

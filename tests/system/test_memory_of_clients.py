@@ -14,7 +14,7 @@ from support.destinations import (Destination, HeldDestination, answering_by_uri
 from support.room import (CONNECTIONS, LARGEST_REPLY, TOO_MUCH_UNFINISHED, UNREAD_ANSWERS,
                           assert_peak_below, ended_clients)
 from support.scratch_root import PAIRING_KEY
-from support.waiting import SANITIZER, wait_until
+from support.waiting import EMULATOR, SANITIZER, wait_until
 
 pytestmark = [pytest.mark.usefixtures("enough_descriptors"),
               pytest.mark.skipif(SANITIZER != "", reason="it would be another's memory too")]
@@ -97,7 +97,10 @@ def test_requests_with_many_lines_whose_answers_are_not_read(root, daemon, tls):
 @pytest.mark.parametrize("tls", [False, True])
 def test_huge_bodies_whose_refusals_are_not_read(root, daemon, tls):
     request = PATCH + KEY_LINE + b"Content-Length: %d\r\n\r\n" % HUGE + bytes(HUGE)
-    clients = ask_into_full_ways(daemon, port_of(root, tls), tls, request, 20)
+    # An emulator's memory is not looked at, and with twenty the first would be ended for its silence
+    # before the last one has sent its body.
+    count = 5 if EMULATOR else 20
+    clients = ask_into_full_ways(daemon, port_of(root, tls), tls, request, count)
     assert_serving(root)
     for client in clients:
         assert b"HTTP/1.1 400 Request data too long\r\n" in read_to_end(client)
