@@ -12,7 +12,7 @@ from pathlib import Path
 
 import pytest
 
-from support.daemon import BINARY, DIE_WITH_PARENT
+from support.daemon import BINARY, DIE_WITH_PARENT, IS_WITH_MUSL
 from support.waiting import DEFAULT_LIMIT, wait_until
 
 PROJECT = Path(__file__).resolve().parents[2]
@@ -246,6 +246,8 @@ def daemon_record(root, daemon):
     return (root.directory / "tmp" / "tavlo-backtrace.log").read_text()
 
 
+@pytest.mark.skipif(IS_WITH_MUSL, reason="musl's system calls, one of which the main thread waits in, "
+                                         "have no unwind tables: the record ends there")
 def test_a_crash_of_the_daemon_is_traced_to_its_line(daemon_record, tmp_path):
     binary = shutil.copy(DEBUG_FILE if DEBUG_FILE.exists() else BINARY, tmp_path / "kept")
     source = PROJECT / "src" / "app" / "run_loop.cc"

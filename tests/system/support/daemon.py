@@ -17,6 +17,8 @@ PROGRAM = [*shlex.split(EMULATOR), BINARY]
 
 # The processor that the ELF header names.
 IS_FOR_32_BIT_ARM = Path(BINARY).read_bytes()[18] == 40
+# The loader that it asks for.
+IS_WITH_MUSL = b"/ld-musl-" in Path(BINARY).read_bytes()
 
 # Nothing that a test starts outlives it, even if the test itself is killed.
 DIE_WITH_PARENT = ["setpriv", "--pdeathsig", "KILL"]
