@@ -275,8 +275,9 @@ def test_all_of_it_at_once_without_the_key(root, daemon):
 
 
 def test_all_of_it_at_once_with_the_largest_replies(root, daemon):
-    """Smaller ones first: they leave just room enough for a large one."""
-    sizes = {LARGE: LARGEST_REPLY, MIDDLE: 2 << 20}
+    """Smaller ones first: they leave just room enough for a large one, with which it may meet a
+    small answer that is about to be written."""
+    sizes = {LARGE: LARGEST_REPLY, MIDDLE: (2 << 20) - 1024}
     with Destination(root.destination_port, answering_by_uri(sizes)):
         clients = []
         for tls in (False, True):
