@@ -148,7 +148,7 @@ class AgentHost {
   std::unique_ptr<Forwarder> forwarder_;
   std::shared_ptr<ssl_ctx_st> sslCtx_;
   bool certificateLoaded_ = false;
-  time_t dateSecond_ = 0;
+  time_t dateSecond_ = -1;
   char date_[32] = "";  // of that second, as the header has it
   std::mutex mutex_;    // guards what follows
   std::string pairingKey_;

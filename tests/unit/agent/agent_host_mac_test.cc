@@ -69,6 +69,13 @@ TEST_F(MacLookup, AnswersWithTheMacAsPlainText) {
                             EndsWith("\r\n\r\n00:11:22:33:44:55")));
 }
 
+// A router without a clock of its own starts there.
+TEST_F(MacLookup, AnswersWithADateInTheFirstSecondOfAllToo) {
+  const test::FrozenSeconds clock(0);
+  EXPECT_THAT(AnswerFor(R"({"devices":[{"ip":["127.0.0.1"],"mac":"m"}]})"),
+              HasSubstr("\r\nDate: Thu, 01 Jan 1970 00:00:00 GMT\r\n"));
+}
+
 TEST_F(MacLookup, SendsTheMacUnchangedWhateverItHolds) {
   const std::string answer =
       AnswerFor(R"({"devices":[{"ip":["127.0.0.1"],"mac":" \u00e9\u0000\r\nX: y "}]})");
