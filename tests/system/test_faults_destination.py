@@ -38,21 +38,26 @@ def outcome(answer):
     return answer.status, answer.reason
 
 
-@pytest.mark.parametrize("head", HEADS.values(), ids=HEADS)
-@pytest.mark.parametrize("tls", [False, True])
-def test_a_reply_of_a_gibibyte_is_cut_off(root, daemon, tls, head):
-    sent = []
-
+def flooding(sent, head, block, most):
+    """Answers with `head`, and then with `block` until that are `most` bytes, which it counts for each
+    connection."""
     def flood(connection):
         if not read_request(connection):
             return
         sent.append(0)
         connection.sendall(head)
-        while sent[-1] < GIBIBYTE:
-            connection.sendall(BLOCK)
-            sent[-1] += len(BLOCK)
+        while sent[-1] < most:
+            connection.sendall(block)
+            sent[-1] += len(block)
 
-    with Destination(root.destination_port, flood):
+    return flood
+
+
+@pytest.mark.parametrize("head", HEADS.values(), ids=HEADS)
+@pytest.mark.parametrize("tls", [False, True])
+def test_a_reply_of_a_gibibyte_is_cut_off(root, daemon, tls, head):
+    sent = []
+    with Destination(root.destination_port, flooding(sent, head, BLOCK, GIBIBYTE)):
         assert outcome(ask_by(root, tls)) == NO_REPLY
     # What the kernel's buffers take up comes on top of what the daemon reads.
     assert len(sent) == 1 and sent[0] < GIBIBYTE // 16
@@ -76,17 +81,8 @@ INTERIM_ANSWERS = {
 @pytest.mark.parametrize("tls", [False, True])
 def test_interim_answers_without_end_are_cut_off(root, daemon, tls, answer):
     sent = []
-
-    def flood(connection):
-        if not read_request(connection):
-            return
-        sent.append(0)
-        block = answer * (1 + len(BLOCK) // len(answer))
-        while sent[-1] < GIBIBYTE // 8:
-            connection.sendall(block)
-            sent[-1] += len(block)
-
-    with Destination(root.destination_port, flood):
+    block = answer * (1 + len(BLOCK) // len(answer))
+    with Destination(root.destination_port, flooding(sent, b"", block, GIBIBYTE // 8)):
         assert outcome(ask_by(root, tls)) == NO_REPLY
     assert len(sent) == 1 and sent[0] < GIBIBYTE // 16
     assert_peak_below(daemon, LARGEST_MEMORY_KIB // 1024)
