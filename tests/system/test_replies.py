@@ -174,6 +174,12 @@ TWO_LENGTHS = {
 }
 
 
+def test_the_first_of_two_lengths_counts_as_for_libevent(root, daemon):
+    lengths = b"Content-Length: 4\r\nContent-Length: %d\r\n\r\nbody" % (LARGEST_REPLY + 1)
+    with Destination(root.destination_port, answering(OK + lengths, repeat=False)):
+        assert ask(root.http_port, "GET", "/api/version").body == b"body"
+
+
 @pytest.mark.parametrize("headers", TWO_LENGTHS.values(), ids=TWO_LENGTHS)
 @pytest.mark.parametrize("tls", [False, True])
 def test_a_length_that_can_be_read_in_two_ways_is_refused(root, daemon, tls, headers):
