@@ -219,7 +219,7 @@ TEST_F(CrashHazards, AFileThatIsThereKeepsItsModeAndItsContent) {
 
 TEST_F(CrashHazards, AConsoleThatNobodyReadsHoldsUpNothing) {
   if (std::getenv("TAVLO_EMULATOR") != nullptr) {
-    GTEST_SKIP() << "under the emulator it has not come to its end, for a cause not found yet";
+    GTEST_SKIP() << "the emulator itself writes of such an end, to the console that nobody reads";
   }
   ExpectEndedBy(Crash([] {
                   static test::StuckConsole console;
