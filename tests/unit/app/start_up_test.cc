@@ -6,6 +6,8 @@
 #include <sstream>
 #include <utility>
 
+#include <openssl/err.h>
+#include <openssl/ssl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -55,6 +57,11 @@ TEST_F(StartUp, MakesBothHosts) {
   EXPECT_NE(tavlo::TheProcess().httpsHost, nullptr);
   EXPECT_EQ(log_.Lines().front(), "DEBUG: bool Init: Enter");
   EXPECT_EQ(log_.Lines().back(), "DEBUG: bool Init: Leave");
+}
+
+TEST_F(StartUp, KeepsNoTextsOfOpensslsErrors) {
+  ASSERT_TRUE(Init(configPath_));
+  EXPECT_EQ(ERR_reason_error_string(ERR_PACK(ERR_LIB_SSL, 0, SSL_R_NO_SHARED_CIPHER)), nullptr);
 }
 
 TEST_F(StartUp, ASecondInitReplacesTheFirstOnesObjects) {
