@@ -49,6 +49,8 @@ unsigned long TakeLastError() {
 }  // namespace
 
 void AgentHost::InitSsl() {
+  // Without the texts of its errors, 64 KiB that nobody is shown.
+  OPENSSL_init_ssl(OPENSSL_INIT_NO_LOAD_SSL_STRINGS | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS, nullptr);
   SSL_CTX* const context = SSL_CTX_new(TLS_server_method());
   if (context == nullptr) {
     throw std::runtime_error("Cannot create SSL context");

@@ -3,7 +3,6 @@
 #include <cstdlib>
 
 #include <openssl/crypto.h>
-#include <openssl/ssl.h>
 
 #include "agent/limits.h"
 
@@ -27,10 +26,6 @@ void Free(void* block, const char* /*file*/, int /*line*/) {
 
 void LimitOpensslBlocks() {
   CRYPTO_set_mem_functions(Allocate, Reallocate, Free);
-}
-
-void LeaveOutOpensslErrorTexts() {
-  OPENSSL_init_ssl(OPENSSL_INIT_NO_LOAD_SSL_STRINGS | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS, nullptr);
 }
 
 }  // namespace tavlo

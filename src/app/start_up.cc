@@ -71,7 +71,6 @@ bool PrepareProcess(const std::string& configPath) {
     return false;
   }
   tavlo::LimitOpensslBlocks();
-  tavlo::LeaveOutOpensslErrorTexts();
   tavlo::EndWhenLibeventGetsNoMemory();
   tavlo::RouteLibeventLog();
   if (evthread_use_pthreads() < 0) {

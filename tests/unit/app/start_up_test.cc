@@ -8,6 +8,7 @@
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <openssl/x509.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -61,6 +62,8 @@ TEST_F(StartUp, MakesBothHosts) {
 
 TEST_F(StartUp, KeepsNoTextsOfOpensslsErrors) {
   ASSERT_TRUE(Init(configPath_));
+  EXPECT_EQ(ERR_reason_error_string(ERR_PACK(ERR_LIB_X509, 0, X509_R_KEY_VALUES_MISMATCH)),
+            nullptr);
   EXPECT_EQ(ERR_reason_error_string(ERR_PACK(ERR_LIB_SSL, 0, SSL_R_NO_SHARED_CIPHER)), nullptr);
 }
 
