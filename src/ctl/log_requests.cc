@@ -96,9 +96,9 @@ void RequestCounter::TakeAnswer(const LogEntry& entry, size_t listener, Step* st
 }
 
 // An answer's line does not name its request, but tells when that came: it is the one that was
-// logged just then.
+// logged next to that time. A busy router is some time in logging it.
 void RequestCounter::FinishRequest(const LogEntry& entry, size_t listener, int64_t milliseconds) {
-  constexpr int64_t kTolerance = 5;
+  constexpr int64_t kTolerance = 100;
   const int64_t time = entry.time - milliseconds;
   const auto distance = [time](const Request& request) { return std::abs(request.time - time); };
   std::vector<Request>& unanswered = pending_.at(listener).unanswered;

@@ -270,6 +270,12 @@ TEST(LogSummaryTimes, OfAnswersBelongToTheRequestThatCameThen) {
   EXPECT_EQ(report.listeners[0].traffic.toAnswer.Count(), 2U);
 }
 
+TEST(LogSummaryTimes, OfAnswersAreKnownWhereARequestIsLoggedLate) {
+  Log log;
+  log.Debug(kMain, "x").Request(kPlain, "GET /api/a").After(300).Answer(kPlain, 200, 380);
+  EXPECT_EQ(log.Report().endpoints.at(0).traffic.toAnswer.Longest(), 380);
+}
+
 TEST(LogSummaryRefusals, AreCountedByReason) {
   Log log;
   log.Debug(kPlain, kNotAllowed).Debug(kPlain, kNotAllowed);
