@@ -259,6 +259,7 @@ void WriteRecord(int fd, const Cause& cause) {
       Demangle(i);
     }
   }
+  ::alarm(0);  // nothing waits from here on, and half a record would be worse than the first one
   if (::ftruncate(fd, start) == 0) {
     WriteRecord(fd, cause);
   }

@@ -394,6 +394,15 @@ TEST_F(NamesThatCannotBeMadeReadable, SinceTheProcessThatDoesSoIsEnded) {
   ExpectTheNamesOfTheLinkerAndTheRest([] { ::_exit(1); });
 }
 
+TEST_F(CrashHazards, ARecordThatIsSlowlyPutAnewIsNotCutShort) {
+  ExpectTheRest(Crash([] {
+    const test::Before writing("ftruncate", [] { ::sleep(3); });
+    CrashByNumber(SIGSEGV);
+  }));
+  EXPECT_THAT(Record(), ContainsRegex("\n0x[0-9a-f]+ CrashByNumber\\(int\\) \\+ 0x[0-9a-f]+\n"));
+  EXPECT_THAT(Record(), EndsWith(kRecordEnd));
+}
+
 TEST_F(CrashHazards, WhereTheStackCannotBeWalkedTheRegistersAreThere) {
   ExpectEndedBy(Crash([] {
                   const test::Before walk("_Unwind_Backtrace", Fault);
