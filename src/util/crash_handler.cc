@@ -17,6 +17,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <sys/vfs.h>
 #include <sys/wait.h>
 #include <ucontext.h>
 #include <unistd.h>
@@ -247,6 +248,14 @@ void WriteRecord(int fd, const Cause& cause) {
   WriteEnd(fd);
 }
 
+// For the same lines with other names. A file system that has no limit says that it has no blocks.
+bool HasRoomForLongerNames(int fd) {
+  constexpr uint64_t kMaxGrowth = kMaxFrames * kMaxLineSize;
+  struct statfs info = {};  // not fstatvfs, which may look through /proc/mounts
+  return ::fstatfs(fd, &info) != 0 || info.f_blocks == 0 ||
+         info.f_bavail > kMaxGrowth / static_cast<uint64_t>(info.f_bsize);
+}
+
 // In a copy of the process, to which whatever happens does no harm: puts the record, which begins
 // at `start`, anew with names that people read.
 [[noreturn]] void RewriteRecord(int fd, off_t start, const Cause& cause) {
@@ -260,7 +269,7 @@ void WriteRecord(int fd, const Cause& cause) {
     }
   }
   ::alarm(0);  // nothing waits from here on, and half a record would be worse than the first one
-  if (::ftruncate(fd, start) == 0) {
+  if (HasRoomForLongerNames(fd) && ::ftruncate(fd, start) == 0) {
     WriteRecord(fd, cause);
   }
   ::_exit(EXIT_SUCCESS);

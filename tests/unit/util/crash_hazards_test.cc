@@ -32,6 +32,15 @@
 #include "util/log.h"
 #include "util/privilege.h"
 
+// With external linkage, so that the record can name it: shortly, and at length for people.
+// NOLINTNEXTLINE(misc-no-recursion): a deep stack is the point
+__attribute__((noinline)) int CrashUnderTexts(int depth, const std::string* first,
+                                              const std::string* second) {
+  const int result = depth == 0 ? ::raise(SIGSEGV) : CrashUnderTexts(depth - 1, second, first);
+  __asm__ volatile("");
+  return result + 1;
+}
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -40,6 +49,7 @@ using test::kRecordEnd;
 using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 constexpr const char* kSegmentationFault = "Segmentation fault";
@@ -149,6 +159,22 @@ TEST_F(CrashHazards, InPlaceOfAFifoThereIsNoRecordAndTheRestStillComes) {
   EXPECT_EQ(::read(reader.get(), &byte, 1), 0);
 }
 
+// Does something while there is a small file system in that place, for this thread alone. Returns
+// false when none can be mounted here.
+bool OnADiskOf(const char* size, const std::string& directory, const std::function<void()>& act) {
+  bool isMounted = false;
+  // A thread's mounts go with it when it has a namespace of its own.
+  std::thread([&] {
+    isMounted = ::unshare(CLONE_NEWNS) == 0 &&
+                ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                ::mount("none", directory.c_str(), "tmpfs", 0, size) == 0;
+    if (isMounted) {
+      act();
+    }
+  }).join();
+  return isMounted;
+}
+
 class FullDisk : public CrashHazards, public testing::WithParamInterface<size_t> {};
 
 // The parameter is how many bytes there is room for; it has a page.
@@ -158,23 +184,16 @@ TEST_P(FullDisk, TheRecordIsCutWhereTheSpaceEndsAndTheRestStillComes) {
   fs::create_directory(directory);
   std::string record;
   int status = 0;
-  bool isMounted = false;
   const auto pageSize = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
   const std::string earlier(pageSize - GetParam(), 'x');
-  // A thread's mounts go with it when it has a namespace of its own.
-  std::thread([&] {
-    isMounted = ::unshare(CLONE_NEWNS) == 0 &&
-                ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                ::mount("none", directory.c_str(), "tmpfs", 0, "nr_blocks=1") == 0;
-    if (isMounted) {
-      directory_.Write("full/program-backtrace.log", earlier);
-      status = Crash([&] {
-        Mirel::SetBacktraceDirectory(directory);
-        ::raise(SIGSEGV);
-      });
-      record = test::ReadFile(path);
-    }
-  }).join();
+  const bool isMounted = OnADiskOf("nr_blocks=1", directory, [&] {
+    directory_.Write("full/program-backtrace.log", earlier);
+    status = Crash([&] {
+      Mirel::SetBacktraceDirectory(directory);
+      ::raise(SIGSEGV);
+    });
+    record = test::ReadFile(path);
+  });
   if (!isMounted) {
     GTEST_SKIP() << "no file system can be mounted here";
   }
@@ -187,6 +206,50 @@ TEST_P(FullDisk, TheRecordIsCutWhereTheSpaceEndsAndTheRestStillComes) {
 }
 
 INSTANTIATE_TEST_SUITE_P(WithRoomFor, FullDisk, testing::Values(0, 1, 100));
+
+// A deep stack under a name that is long for people only.
+class SmallDisk : public CrashHazards {
+ protected:
+  static constexpr size_t kDepth = 40;
+
+  // Returns false when none can be mounted here.
+  bool CrashOn(const char* size) {
+    const std::string directory = directory_ / "small";
+    fs::create_directory(directory);
+    return OnADiskOf(size, directory, [&] {
+      status_ = Crash([&] {
+        Mirel::SetBacktraceDirectory(directory);
+        CrashUnderTexts(kDepth, nullptr, nullptr);
+      });
+      record_ = test::ReadFile(directory + "/program-backtrace.log");
+    });
+  }
+
+  void ExpectNamedTimes(const std::string& name, size_t times) {
+    ExpectTheRest(status_);
+    EXPECT_EQ(test::CountOf(record_, name), times) << record_;
+    EXPECT_THAT(record_, EndsWith(kRecordEnd));
+  }
+
+ private:
+  int status_ = 0;
+  std::string record_;
+};
+
+TEST_F(SmallDisk, WithoutRoomForTheLongNamesKeepsTheShortOnes) {
+  if (!CrashOn("nr_blocks=3")) {
+    GTEST_SKIP() << "no file system can be mounted here";
+  }
+  ExpectNamedTimes("CrashUnderTexts", kDepth + 1);
+  ExpectNamedTimes("CrashUnderTexts(", 0);
+}
+
+TEST_F(SmallDisk, WithoutALimitHasRoomForTheLongOnes) {
+  if (!CrashOn("nr_blocks=0")) {
+    GTEST_SKIP() << "no file system can be mounted here";
+  }
+  ExpectNamedTimes("CrashUnderTexts(", kDepth + 1);
+}
 
 TEST_F(CrashHazards, TheRecordMayGetTheDescriptorOfStandardInput) {
   ExpectTheRest(Crash([] {
