@@ -516,7 +516,10 @@ void Forwarder::End(Outcome outcome, evhttp_request* reply) {
   evhttp_request* const client = underWay_->client;
   underWay_.reset();
   if (waiting_ > 0) {
-    event_active(turnEvent_.get(), 0, 0);
+    // Not at once: the look-ups of all who wait, seconds each where nobody answers, would be one
+    // turn of the loop, without a heartbeat or a time-out.
+    const timeval now = {0, 0};
+    event_add(turnEvent_.get(), &now);
   }
   finish_(client, outcome, reply);
 }

@@ -1,11 +1,12 @@
 """A destination that is configured by its name: a look-up that takes long holds up nobody but the
 listener that needs it."""
 
+import contextlib
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
-from support.clients import ask
+from support.clients import Client, ask
 from support.destinations import Destination, answer_bytes, answering
 from support.programs import compile_preload, needs_cc
 from support.scratch_root import PAIRING_KEY
@@ -24,6 +25,7 @@ class Gate:
     def __init__(self, directory):
         self._file = directory / "gate"
         self._waits = directory / "gate.waits"
+        self._pass = directory / "gate.pass"
         library = compile_preload("gated_getaddrinfo", directory)
         self.prefix = ["env", f"LD_PRELOAD={library}", f"GATE={self._file}"]
 
@@ -36,6 +38,10 @@ class Gate:
 
     def wait_for_a_look_up(self):
         wait_until(self._waits.exists, "a look-up that waits")
+
+    def let_one_pass(self):
+        self._pass.touch()
+        wait_until(lambda: not self._pass.exists(), "a look-up that passes")
 
 
 @pytest.fixture
@@ -54,6 +60,13 @@ def named(root, make_daemon, gate):
     root.write_hook(root.internal_hooks, "10-note",
                     f"#!/bin/sh\necho \"$2\" >>{root.directory}/notes\n")
     return make_daemon(prefix=gate.prefix).start()
+
+
+@pytest.fixture
+def unanswered(root, make_daemon, gate):
+    """Nobody answers its look-ups."""
+    root.settings["agentDstAddr"] = "destination.invalid"
+    return make_daemon(prefix=[*gate.prefix, "GATE_FAILS=1"]).start()
 
 
 def ask_by(root, tls):
@@ -102,3 +115,30 @@ def test_a_connection_made_by_name_is_kept_from_scripts(root, named, gate):
                 assert ask_by(root, tls).body == b"ok"
     assert "pipe:" in listing.read_text()
     assert "socket:" not in listing.read_text()
+
+
+def test_look_ups_that_fail_one_after_the_other_do_not_hold_up_the_loop(root, unanswered, gate):
+    """All that wait for one at the same time: between any two of them others have their turn, and
+    the heartbeat and the clients' time-outs as well."""
+    many = 10
+    with contextlib.ExitStack() as stack:
+        waiting = [stack.enter_context(Client(root.http_port)) for _ in range(many)]
+        other = stack.enter_context(Client(root.http_port))
+        for client in [*waiting, other]:
+            assert client.ask("GET", "/api/mac").status == 200  # they are connected
+        gate.close()
+        waiting[0].connection.request("GET", "/api/version")
+        gate.wait_for_a_look_up()
+        for client in waiting[1:]:
+            client.connection.request("GET", "/api/version")
+        mark = unanswered.mark()
+        gate.let_one_pass()
+        unanswered.wait_for_log("GET /api/version$", since=mark, count=many - 1)
+
+        other.connection.request("GET", "/api/mac")
+        for _ in range(many - 2):
+            gate.let_one_pass()
+        assert unanswered.count_in_log("GET /api/mac$", mark) == 1
+        gate.open()
+        assert [client.connection.getresponse().status for client in waiting] == [500] * many
+    assert unanswered.count_in_log("Failed to look up destination.invalid: ") == many
