@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "agent/callback_guard.h"
 #include "app/start_up.h"
 #include "app/thread_monitor.h"
 #include "hooks/key_value_storage.h"
@@ -26,6 +27,7 @@
 
 using Orx::MonotonicTime;
 using tavlo::AgentHost;
+using tavlo::RunGuarded;
 using tavlo::TheProcess;
 
 namespace {
@@ -180,8 +182,11 @@ void Run() {
       ORX_LOG(Orx::Log::kDebug, "HUP");
       Orx::Log::Reopen();
     }
-    RefreshPairingKey(state);
-    RefreshLanAddress(state, now);
+    // What there is no memory for is tried again at the next pass, whether the file changes or not.
+    if (!RunGuarded(kRun, [&state] { RefreshPairingKey(state); })) {
+      state.routerInfoTime = 0;
+    }
+    RunGuarded(kRun, [&state, now] { RefreshLanAddress(state, now); });
   } while (WaitForSignal(state));
 }
 

@@ -1,8 +1,10 @@
 #include "app/run_loop.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -290,6 +292,34 @@ TEST_P(QuietWait, PassesWithoutAnError) {
 }
 
 INSTANTIATE_TEST_SUITE_P(TimedOutOrInterrupted, QuietWait, testing::Values(EAGAIN, EINTR));
+
+TEST_F(RunLoop, WithoutMemoryForTheKeyItGoesOnAndReadsItAtTheNextPass) {
+  RunDaemon([this] {
+    static const Fault wait("sigtimedwait", EAGAIN, 0, 1);
+    static std::atomic<bool> hasMemory(false);
+    static const test::Before locking("open", [] {
+      if (!hasMemory.exchange(true)) {
+        throw std::bad_alloc();
+      }
+    });
+    SignalAfter("DEBUG: void tavlo::AgentHost::SetPairingKey: Updated: '123...'", SIGTERM);
+  });
+  EXPECT_EQ(Count("ERROR: void Run: Unexpected failure: std::bad_alloc"), 1U);
+  EXPECT_EQ(Count("DEBUG: void Run: Update pairing key"), 2U);
+}
+
+TEST_F(RunLoop, WithoutMemoryForTheAddressItGoesOn) {
+  RunDaemon([this] {
+    static std::atomic<bool> hasMemory(false);
+    static const test::Before sending("send", [] {
+      if (!hasMemory.exchange(true)) {
+        throw std::bad_alloc();
+      }
+    });
+    SignalAfter("ERROR: void Run: Unexpected failure: std::bad_alloc", SIGTERM);
+  });
+  EXPECT_THAT(log_.Lines(), Contains(StartsWith("INFO: void Run: Exit by signal 15, ")));
+}
 
 TEST_F(RunLoop, AThreadThatCannotBeStartedEndsItWithAnError) {
   RunDaemon([] { static const Fault fault("pthread_create", EAGAIN, 1); });
