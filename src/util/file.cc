@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <thread>
 #include <utility>
 
@@ -135,7 +136,8 @@ Orx::Status file::read(unsigned long maxSize, std::string* content) const {
     return ReadFailure(path_);
   }
   const size_t limit = maxSize != 0 ? maxSize : content->max_size();
-  if (static_cast<size_t>(size) > limit) {
+  // With 32 bits a file may be larger than a size_t says.
+  if (static_cast<std::uintmax_t>(size) > limit) {
     errno = EFBIG;
     return ReadFailure(path_);
   }

@@ -509,6 +509,13 @@ TEST_F(FileRead, RefusesAFileOneByteLargerThanTheLimit) {
   EXPECT_EQ(content_, "") << "the content is cleared before";
 }
 
+// A size_t of 32 bits would take it for one of a byte.
+TEST_F(FileRead, RefusesAFileOfAByteMoreThan4Gib) {
+  ASSERT_EQ(::truncate(path_.c_str(), (off_t{1} << 32) + 1), 0);
+  EXPECT_EQ(Read(path_, 7, &content_).Message(),
+            "Failed to read file " + path_ + ": 27 File too large");
+}
+
 TEST_F(FileRead, RefusesAFileTooLargeUnderALockToo) {
   EXPECT_EQ(stdext::file(path_).read(7, &content_).Message(),
             "Failed to read file " + path_ + ": 27 File too large");
