@@ -43,6 +43,7 @@ sigset_t BlockSignals() {
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGXFSZ, SIG_IGN);
+  ::signal(SIGCHLD, SIG_DFL);  // ignored, it would lose the ends of scripts
   return signals;
 }
 

@@ -36,6 +36,15 @@ def hook(root, name, script, external=False):
     return root.write_hook(directory, name, "#!/bin/sh\n" + script)
 
 
+def test_it_learns_of_a_scripts_end_whatever_it_was_started_with(root, make_daemon, sdk_host):
+    root.settings["agentDataPath"] = str(root.agent_data)
+    (root.external_hooks / "agent").rmdir()
+    hook(root, "10-pass", "exit 0\n")
+    daemon = make_daemon(prefix=["env", "--ignore-signal=CHLD"]).start()
+    assert change(root).status == 200
+    assert daemon.count_in_log("ERROR: ") == 1  # the interface without an address
+
+
 def test_a_request_that_a_hook_lets_pass_is_forwarded_whole(root, hooked, sdk_host):
     seen = root.directory / "seen"
     hook(root, "10-pass", f'for a; do printf "%s\\n" "$a"; done >{seen}; cat "$6" >>{seen}; exit 0')

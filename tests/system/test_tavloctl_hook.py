@@ -53,6 +53,12 @@ def without_times(text):
     return re.sub(r"\b\d+ ms$", "N ms", text, flags=re.MULTILINE)
 
 
+def test_it_learns_of_a_scripts_end_whatever_it_was_started_with(root):
+    write_script(root, "10-pass", "exit 0")
+    result = hook(root, *REQUEST, prefix=["env", "--ignore-signal=CHLD"])
+    assert result.returncode == GOES_ON, result.stderr
+
+
 @pytest.mark.parametrize("event, given, passed",
                          [(name.strip(), *rest) for name, rest in EVENTS.items()])
 def test_each_event_hands_its_flags_to_the_scripts_in_their_order(root, event, given, passed):
