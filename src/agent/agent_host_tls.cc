@@ -1,5 +1,6 @@
 // The TLS side of a host: its context, and the certificate that is read when it is first needed.
 
+#include <mutex>
 #include <stdexcept>
 
 #include <event2/bufferevent_ssl.h>
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include "agent/agent_host.h"
+#include "util/close_on_exec.h"
 #include "util/log.h"
 
 namespace tavlo {
@@ -81,6 +83,8 @@ bool AgentHost::LoadCertificate() {
   if (certificateLoaded_) {
     return true;
   }
+  // OpenSSL opens the files without making them close-on-exec.
+  const std::lock_guard<std::mutex> lock(stdext::exec_mutex());
   const char* const certFile = certFile_.c_str();
   const char* const keyFile = keyFile_.c_str();
   if (!HasCertificateFiles()) {

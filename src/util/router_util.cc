@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 
 #include <arpa/inet.h>
 #include <linux/if_addr.h>
@@ -10,6 +11,7 @@
 #include <net/if.h>
 #include <sys/socket.h>
 
+#include "util/close_on_exec.h"
 #include "util/descriptor.h"
 #include "util/error_text.h"
 #include "util/retry.h"
@@ -123,6 +125,13 @@ AddressRequest MakeRequest(unsigned char family) {
   return request;
 }
 
+// 0 with errno when there is none. Not every C library makes the socket that it asks through
+// close-on-exec.
+unsigned int IndexOf(const std::string& name) {
+  const std::lock_guard<std::mutex> lock(stdext::exec_mutex());
+  return ::if_nametoindex(name.c_str());
+}
+
 }  // namespace
 
 Status FindAddress(const char* datagram, size_t size, unsigned int interfaceIndex,
@@ -148,7 +157,7 @@ Status GetIpAddrAndPrefix(const std::string& name, unsigned char family, std::st
   if (!socket.is_open()) {
     return SystemFailure("Failed to create socket: ");
   }
-  const unsigned int index = ::if_nametoindex(name.c_str());
+  const unsigned int index = IndexOf(name);
   if (index == 0) {
     return SystemFailure("Failed to get the index of iface '" + name + "' as ");
   }

@@ -3,7 +3,7 @@
 import os
 import subprocess
 import threading
-from concurrent.futures import ThreadPoolExecutor
+from concurrent.futures import ThreadPoolExecutor, wait
 
 import pytest
 
@@ -318,3 +318,20 @@ def test_signals_are_blocked_in_hooks(root, hooked):
     for number in (1, 2, 15):
         assert masks["SigBlk"] & 1 << number - 1, number
     assert masks["SigIgn"] & 1 << 13 - 1
+
+
+def test_a_script_that_starts_while_the_key_is_read_does_not_get_it(root, hooked, sdk_host):
+    key = root.key.read_text()
+    root.key.unlink()
+    os.mkfifo(root.key)
+    seen = root.directory / "seen"
+    hook(root, "10-list", f"ls -l /proc/self/fd >>{seen}")
+    with ThreadPoolExecutor(2) as pool:
+        secure = pool.submit(change_over_tls, root)
+        with open_fifo_for_its_reader(root.key) as writer:
+            plain = pool.submit(change, root)
+            wait([plain], 0.5)  # for the script that must not run yet
+            writer.write(key)
+        assert (plain.result().status, secure.result().status) == (200, 200)
+    assert "pipe:" in seen.read_text()
+    assert root.key.name not in seen.read_text()

@@ -2,9 +2,12 @@
 // exchanges with the kernel, through a socket that stands in for the kernel's.
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,6 +27,7 @@
 #include "support/error_text.h"
 #include "support/faults.h"
 #include "support/temporary_directory.h"
+#include "util/close_on_exec.h"
 #include "util/descriptor.h"
 #include "util/router_util.h"
 
@@ -235,6 +239,20 @@ TEST(LookUpSocket, IsARawOneAndKeptFromPrograms) {
   EXPECT_EQ(OptionOf(fd, SO_PROTOCOL), NETLINK_ROUTE);
   EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
   ::close(fd);
+}
+
+// Under the lock that keeps programs from starting: a C library may open a socket for it that a
+// program would inherit.
+TEST(LookUpOfTheName, WaitsForAProgramThatStarts) {
+  std::unique_lock<std::mutex> starting(stdext::exec_mutex());
+  auto found = std::async(std::launch::async, [] {
+    std::string address;
+    unsigned char prefixLength = 0;
+    return Orx::RouterUtil::GetIpAddrAndPrefix("nosuch", AF_INET, &address, &prefixLength).IsOk();
+  });
+  EXPECT_EQ(found.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  starting.unlock();
+  EXPECT_FALSE(found.get());
 }
 
 TEST_F(LookUpFailure, OfTheNameComesBeforeSending) {
