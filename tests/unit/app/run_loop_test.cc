@@ -293,19 +293,27 @@ TEST_P(QuietWait, PassesWithoutAnError) {
 
 INSTANTIATE_TEST_SUITE_P(TimedOutOrInterrupted, QuietWait, testing::Values(EAGAIN, EINTR));
 
+// Although the file has not changed since it was read last.
 TEST_F(RunLoop, WithoutMemoryForTheKeyItGoesOnAndReadsItAtTheNextPass) {
   RunDaemon([this] {
-    static const Fault wait("sigtimedwait", EAGAIN, 0, 1);
-    static std::atomic<bool> hasMemory(false);
-    static const test::Before locking("open", [] {
-      if (!hasMemory.exchange(true)) {
+    static const Fault wait("sigtimedwait", EAGAIN, 1, 1);  // the second one times out
+    static const std::thread::id loop = std::this_thread::get_id();
+    static std::atomic<bool> hasMemory(true);
+    static const test::Before reading("read", [] {
+      if (std::this_thread::get_id() == loop && !hasMemory.exchange(true)) {
         throw std::bad_alloc();
       }
     });
-    SignalAfter("DEBUG: void tavlo::AgentHost::SetPairingKey: Updated: '123...'", SIGTERM);
+    std::thread([this] {
+      test::WaitUntil([&] { return LogHas("DEBUG: void Run: Update LAN address"); });
+      hasMemory = false;
+      ::kill(::getpid(), SIGHUP);
+      test::WaitUntil([&] { return Count("DEBUG: void Run: Update pairing key") == 3; });
+      ::kill(::getpid(), SIGTERM);
+    }).detach();
   });
   EXPECT_EQ(Count("ERROR: void Run: Unexpected failure: std::bad_alloc"), 1U);
-  EXPECT_EQ(Count("DEBUG: void Run: Update pairing key"), 2U);
+  EXPECT_EQ(Count("DEBUG: void tavlo::AgentHost::SetPairingKey: Updated: '123...'"), 2U);
 }
 
 TEST_F(RunLoop, WithoutMemoryForTheAddressItGoesOn) {
