@@ -25,14 +25,14 @@ SIGNALS = [signal.SIGSEGV, signal.SIGABRT, signal.SIGILL, signal.SIGFPE, signal.
 RECORD_END = "-" * 50 + "\n\n"
 
 
-def is_at_rest(pid):
-    """Whether its main thread waits: one that is hit while it logs can log no more."""
-    stat = Path(f"/proc/{pid}/stat").read_text(encoding="ascii")
+def is_at_rest(thread):
+    """Whether it waits: one that is hit while it logs can log no more. A process is its main thread."""
+    stat = Path(f"/proc/{thread}/stat").read_text(encoding="ascii")
     return stat.rpartition(")")[2].split()[0] == "S"
 
 
-def wait_for_rest(pid):
-    wait_until(lambda: is_at_rest(pid), "the rest of the main thread")
+def wait_for_rest(thread):
+    wait_until(lambda: is_at_rest(thread), "the rest of the thread")
 
 
 def crash(daemon, number):
@@ -87,7 +87,10 @@ def thread_that_serves(daemon, port, tls):
     with Client(port, tls) as client:
         for _ in range(100):
             client.ask("GET", "/to-know-its-thread")
-    return max(before, key=lambda thread: pauses_of(daemon, thread) - before[thread])
+    found = max(before, key=lambda thread: pauses_of(daemon, thread) - before[thread])
+    daemon.wait_for_no_clients()
+    wait_for_rest(found)
+    return found
 
 
 @pytest.mark.parametrize("number", SIGNALS, ids=lambda number: number.name)
