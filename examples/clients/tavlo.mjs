@@ -63,6 +63,6 @@ try {
     process.exitCode = 1;
   }
 } catch (error) {
-  console.error(error.message);
+  console.error(error.message || error.code);
   process.exitCode = 2;
 }

@@ -15,7 +15,7 @@ if [ $# -lt 2 ] || [ $# -gt 3 ]; then
 fi
 method=$1
 url=${TAVLO_URL:?}$2
-set -- ${3+--data-binary "$3"}
+set -- ${3+--data-raw "$3"}
 
 case $url in
   https:*)
@@ -29,7 +29,8 @@ esac
 files=$(mktemp -d)
 trap 'rm -rf "$files"' EXIT
 trap 'exit 2' HUP INT TERM
-printf '%s' "$header" | curl --silent --show-error --max-time 70 --request "$method" --header @- \
+printf '%s' "$header" | curl --silent --show-error --globoff --path-as-is --max-time 70 \
+  --request "$method" --header @- \
   --header "Expect:" --dump-header "$files/head" --output "$files/body" "$@" "$url" || exit 2
 
 IFS=' ' read -r _ status reason <"$files/head"

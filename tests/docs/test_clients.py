@@ -53,6 +53,12 @@ def test_it_asks_with_the_key_and_a_body(ask):
         ("PUT", "/api/1/profiles/7?now", BODY)]
 
 
+def test_it_sends_body_and_path_as_they_are_given(ask):
+    result = ask(ask.tls, "PUT", "/api/1/x?n[1-2]", "@/etc/hostname", **ask.trust)
+    assert (result.returncode, result.stderr) == (0, "")
+    assert [(each.path, each.body) for each in ask.received] == [("/api/1/x?n[1-2]", b"@/etc/hostname")]
+
+
 def test_it_names_the_reason_of_a_refusal(ask):
     assert_refused(ask(ask.plain, "DELETE", "/api/1/profiles"),
                    "417 Endpoint is not allowed with insecure connection")

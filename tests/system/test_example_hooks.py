@@ -1,5 +1,6 @@
 """The scripts in examples/hooks, run by the daemon as an integrator would install them."""
 
+import fcntl
 import os
 import re
 from pathlib import Path
@@ -76,6 +77,36 @@ def test_reload_service_reloads_under_the_lock_after_the_request(root, start, sd
     wait_until(lambda: reloads.exists() and reloads.read_text() == "held 1\n", "the reload")
 
 
+def write_logger(directory):
+    """A `logger` that notes what it was given; returns the PATH that has it."""
+    program = directory / "logger"
+    program.write_text(f'#!/bin/sh\necho "$*" >>{directory / "logged"}\n')
+    program.chmod(0o755)
+    return f"{directory}:{os.environ['PATH']}"
+
+
+def test_reload_service_says_when_it_gives_up(root, start, sdk_host):
+    lock, reloads = root.directory / "lock", root.directory / "reloads"
+    script = root.directory / "reload"
+    script.write_text(f"#!/bin/sh\necho >>{reloads}\n")
+    script.chmod(0o755)
+    start("30-reload-service", LOCK_FILE=str(lock), LOCK_SECONDS="1", RELOAD=str(script),
+          PATH=write_logger(root.directory))
+    with lock.open("w") as held:
+        fcntl.flock(held, fcntl.LOCK_EX)
+        assert change(root).status == 200
+        wait_until((root.directory / "logged").exists, "a line in the system log")
+    assert (root.directory / "logged").read_text() == f"-t tavlo-hook reload failed: {script}\n"
+    assert not reloads.exists()
+
+
+def test_reload_service_says_when_it_may_not_lock(root, start, sdk_host):
+    start("30-reload-service", LOCK_FILE=str(root.directory / "missing" / "lock"), RELOAD="true",
+          PATH=write_logger(root.directory))
+    assert change(root).status == 200
+    wait_until((root.directory / "logged").exists, "a line in the system log")
+
+
 def test_reload_service_reloads_for_its_own_endpoint_only(root, start, sdk_host):
     lock = root.directory / "lock"
     start("30-reload-service", LOCK_FILE=str(lock), RELOAD="true")
@@ -95,9 +126,8 @@ class Notifier:
         self.told = directory / "told"
         self.logged = directory / "logged"
         self.program = self._write("notify", f'cat {self.gate}; echo "$*: $(cat)" >>{self.told}')
-        self._write("logger", f'echo "$*" >>{self.logged}')
         self.variables = {"LOCK_FILE": str(directory / "slot"), "NOTIFY": str(self.program),
-                          "PATH": f"{directory}:{os.environ['PATH']}", "TMPDIR": str(directory / "tmp")}
+                          "PATH": write_logger(directory), "TMPDIR": str(directory / "tmp")}
 
     def _write(self, name, text):
         path = self.directory / name
