@@ -173,7 +173,7 @@ def test_the_example_is_valid_and_sets_every_key():
 
 
 @pytest.mark.parametrize("name", ["tavlo.json.in", "buildroot/package/tavlo/tavlo.json",
-                                  "openwrt/files/tavlo.json"])
+                                  "openwrt/tavlo/files/tavlo.json"])
 def test_what_ships_is_valid_and_sets_every_key(name):
     text = (PROJECT / "packaging" / name).read_text(encoding="utf-8")
     settings = json.loads(text)

@@ -11,7 +11,7 @@ import pytest
 PROJECT = Path(__file__).resolve().parents[2]
 FILES = ["docs/configuration.md", "docs/man/tavlo.json.5", "examples/completion/tavlo.bash",
          "examples/tavlo.json", "packaging/tavlo.json.in", "packaging/buildroot/package/tavlo/tavlo.json",
-         "packaging/openwrt/files/tavlo.json"]
+         "packaging/openwrt/tavlo/files/tavlo.json"]
 CONFIGURATIONS = FILES[3:]
 PORT = {"description": "The port of nothing.", "type": "integer", "minimum": 1, "maximum": 65535,
         "default": 60299}

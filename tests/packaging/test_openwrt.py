@@ -11,7 +11,7 @@ import subprocess
 import pytest
 from conftest import BUILD, SOURCE, assert_daemon_reads_as_written, listing, wait_for
 
-PACKAGE = SOURCE / "packaging/openwrt"
+PACKAGE = SOURCE / "packaging/openwrt/tavlo"
 # What rc.common gives an init script. Each call of procd's functions is a line of the record.
 RC_COMMON = r"""
 config_load() { [ "$1" = tavlo ]; }
@@ -130,6 +130,14 @@ def test_it_makes_the_directories_and_leaves_those_that_are_there(router):
     made = router.directory / "crash/tmp"
     assert made.owner() == getpass.getuser() and made.stat().st_mode & 0o777 == 0o750
     assert there.stat().st_mode & 0o777 == 0o755
+
+
+@pytest.mark.parametrize("body", ["/tavlo-body", "tavlo-body"])
+def test_a_body_file_without_a_directory_of_its_own_is_no_hindrance(router, body):
+    router.settings["agentDataPath"] = body
+    status, asked = router.call("start_service")
+    assert status == 0
+    assert "close_instance " in asked
 
 
 def test_the_daemon_runs_with_what_procd_was_told(router):
