@@ -295,7 +295,7 @@ def check_rotation(machine):
     before = (machine.root / LOG).read_text()
     machine.run("logrotate", "--force", "--state", "/run/logrotate", "/etc/logrotate.d/tavlo")
     assert (machine.root / f"{LOG}.1").read_text() == before
-    assert "kill --kill-whom=main --signal=HUP tavlo.service" in asked(machine)
+    assert "kill --kill-who=main --signal=HUP tavlo.service" in asked(machine)
     wait_for((machine.root / LOG).exists, "a new log file")
     assert machine.ask("http://127.0.0.1:60278/api/version") == "500"
     wait_for(lambda: "ERROR" in (machine.root / LOG).read_text(), "a line in the new log file")
