@@ -6,6 +6,7 @@ import os
 import re
 import shutil
 import subprocess
+from pathlib import Path
 
 import pytest
 from conftest import (BUILD, SOURCE, assert_daemon_reads_as_written, documents, listing,
@@ -149,3 +150,17 @@ def test_nothing_is_left_when_it_is_ended_while_it_takes_away(installation, tmp_
     assert (tmp_path / "seen").read_text().strip()
     assert list(scratch.iterdir()) == []
     assert listing(installation.root) == before
+
+
+def test_rotating_the_log_has_the_daemon_open_it_again(tmp_path):
+    """With systemd through its unit, else by the program's name."""
+    record = tmp_path / "record"
+    for name in ("systemctl", "pkill"):
+        (tmp_path / name).write_text(f'#!/bin/sh\necho "{name} $*" >>{record}\n')
+        (tmp_path / name).chmod(0o755)
+    snippet = (SOURCE / "packaging/tavlo.logrotate").read_text()
+    script = re.search(r"\tpostrotate\n(.*)\tendscript\n", snippet, re.DOTALL)[1]
+    subprocess.run(["sh", "-ec", script], check=True, env={"PATH": f"{tmp_path}:/usr/bin:/bin"})
+    by_systemd = "systemctl kill --kill-who=main --signal=HUP tavlo.service\n"
+    assert record.read_text() == (by_systemd if Path("/run/systemd/system").is_dir()
+                                  else "pkill -HUP -x tavlo\n")
