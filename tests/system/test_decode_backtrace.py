@@ -644,6 +644,19 @@ def test_the_tools_do_not_speak_the_operators_language(program, monkeypatch):
     assert_whole_stack(output, program)
 
 
+def test_a_symbol_without_a_name_is_not_that_of_a_frame_without_one(program):
+    """Linkers for 32-bit ARM add some."""
+    tools = program.directory / "adding"
+    tools.mkdir()
+    for name in ("addr2line", "objcopy", "readelf"):
+        (tools / name).symlink_to(shutil.which(name))
+    (tools / "nm").write_text('#!/bin/sh\nnm "$@" && echo "0000000000000010 t "\n')
+    (tools / "nm").chmod(0o755)
+    assert " <private>  0\n" in program.record
+    output = decode_well(program.movable, program.record, "--prefix", f"{tools}/")
+    assert_whole_stack(output, program)
+
+
 # --- the parts that no real record reaches at will ---
 
 
