@@ -25,8 +25,8 @@ void Start(int argc, char** argv) {
   }
   // A write to a log that is as large as a file may be (ulimit -f) fails like another.
   ::signal(SIGXFSZ, SIG_IGN);
-  // Whoever started the daemon may ignore it; the kernel would then take away the ends of scripts,
-  // and give their PIDs to others while they still count as running.
+  // Ignored, as whoever started the daemon may have it, it would have the kernel take away the ends
+  // of scripts, and give their PIDs to others while they still count as running.
   ::signal(SIGCHLD, SIG_DFL);
   const std::string logPath = options->logPath.value_or("");
   if (options->printKey) {

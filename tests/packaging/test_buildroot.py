@@ -327,6 +327,14 @@ def test_a_daemon_that_does_not_stop_is_killed(router):
     assert not is_there(loop)
 
 
+@pytest.mark.parametrize("body", ["/tavlo-body", "tavlo-body"])
+def test_a_body_file_without_a_directory_of_its_own_is_no_hindrance(router, body):
+    router.settings["agentDataPath"] = body
+    assert router.call("start").returncode == 0
+    router.wait_for_start()
+    assert router.call("stop").returncode == 0
+
+
 def test_it_makes_the_directories_and_leaves_those_that_are_there(router):
     there = router.directory / "run"
     there.mkdir(mode=0o755)
