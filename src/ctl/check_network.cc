@@ -7,6 +7,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "ctl/checks.h"
 #include "ctl/destination.h"
@@ -57,42 +58,63 @@ int TryToBind(const std::string& address, uint16_t port) {
   return ::bind(socket.get(), reinterpret_cast<sockaddr*>(&name), sizeof name) == 0 ? 0 : errno;
 }
 
-void AddBindFailure(const CheckContext& context, const Listener& listener,
-                    const std::string& address, int error, const std::string& consequence) {
-  const std::string cure = std::string("choose another \"") + listener.key + "\"";
+void AddTaken(const CheckContext& context, const Listener& listener, const std::string& address,
+              const PortOwner& owner, const std::string& consequence) {
+  const std::string where = Endpoint(address, listener.port);
+  if (owner.name.empty() && ::geteuid() != 0) {
+    context.findings->AddUnseen(
+        where, "whether it is the daemon that has the port: run this as root to see it");
+    return;
+  }
+  context.findings->Add(
+      where, "the port is taken by " + owner.Text() + ": " + consequence,
+      std::string("end that program, or choose another \"") + listener.key + "\"");
+}
+
+// Adds what keeps the daemon from listening there. Returns whether it can, or does already.
+bool CheckAddress(const CheckContext& context, const Listener& listener, const std::string& address,
+                  const std::string& consequence) {
+  const int error = TryToBind(address, listener.port);
+  if (error == 0) {
+    return true;
+  }
   if (error != EADDRINUSE) {
     context.findings->Add(
         Endpoint(address, listener.port),
         "the port cannot be taken: " + stdext::error_number_and_text(error) + ": " + consequence,
-        cure + ", or start the daemon as root");
-    return;
+        std::string("choose another \"") + listener.key + "\", or start the daemon as root");
+    return false;
   }
-  const PortOwner owner = FindPortOwner(listener.port);
-  if (owner.name != "tavlo") {  // the daemon itself may be at work
-    context.findings->Add(Endpoint(address, listener.port),
-                          "the port is taken by " + owner.Text() + ": " + consequence,
-                          "end that program, or " + cure);
+  const PortOwner owner = FindPortOwner(address, listener.port);
+  if (owner.name == "tavlo") {  // the daemon itself, at work
+    return true;
   }
+  AddTaken(context, listener, address, owner, consequence);
+  return false;
 }
 
 void CheckPort(const CheckContext& context, const Listener& listener) {
-  const int error = TryToBind(kLoopback, listener.port);
+  if (!CheckAddress(context, listener, kLoopback, "the daemon does not start")) {
+    return;
+  }
   std::string lan;
   FindLanAddress(context, &lan);
-  if (error != 0) {
-    AddBindFailure(context, listener, kLoopback, error, "the daemon does not start");
-  } else if (!context.user.IsRoot() && listener.port < UnprivilegedStart()) {
+  if (!context.user.IsRoot() && listener.port < UnprivilegedStart()) {
     context.findings->Add(Endpoint(lan.empty() ? "LAN" : lan, listener.port),
                           "user '" + context.user.Name() + "' may not take a port below " +
                               std::to_string(UnprivilegedStart()) +
                               ", which happens after the start: no client in the LAN is served",
                           std::string("choose another \"") + listener.key + "\"");
   } else if (!lan.empty()) {
-    const int lanError = TryToBind(lan, listener.port);
-    if (lanError != 0) {
-      AddBindFailure(context, listener, lan, lanError, "no client in the LAN is served");
-    }
+    CheckAddress(context, listener, lan, "no client in the LAN is served");
   }
+}
+
+// One that the daemon listens on.
+bool IsOwnAddress(const CheckContext& context, const std::string& address) {
+  std::string lan;
+  FindLanAddress(context, &lan);
+  return address == kLoopback || address == "localhost" || (!lan.empty() && address == lan);
 }
 
 }  // namespace
@@ -112,9 +134,9 @@ void CheckPorts(const CheckContext& context) {
   const Listener tls = {"agentHttpsPort", context.settings.AgentHttpsPort()};
   const uint16_t destination = context.settings.AgentDstPort();
   CheckPort(context, plain);
-  if (context.settings.AgentDstAddr() == kLoopback &&
+  if (IsOwnAddress(context, context.settings.AgentDstAddr()) &&
       (destination == plain.port || destination == tls.port)) {
-    context.findings->Add(Endpoint(kLoopback, destination),
+    context.findings->Add(Endpoint(context.settings.AgentDstAddr(), destination),
                           "requests are forwarded to the daemon's own port: they never get out",
                           R"(set "agentDstPort" to the port of the SDK REST host)");
   }

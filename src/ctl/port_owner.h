@@ -5,19 +5,20 @@
 
 namespace tavlo::ctl {
 
-/// A process that listens on a port.
+/// A process that listens on an address and port.
 struct PortOwner {
   std::string name;  ///< empty when it cannot be found out: only root sees others' sockets
   std::string pid;
 
   /// As a message names it.
   std::string Text() const {
-    return name.empty() ? "a program that cannot be seen from here, perhaps by root"
+    return name.empty() ? "a program that cannot be seen from here"
                         : "'" + name + "', process " + pid;
   }
 };
 
-/// Looks through /proc for who listens on the TCP port, whatever the address.
-PortOwner FindPortOwner(uint16_t port);
+/// Looks through /proc for who listens on the TCP port of that IPv4 address (dotted text), or of
+/// all addresses.
+PortOwner FindPortOwner(const std::string& address, uint16_t port);
 
 }  // namespace tavlo::ctl

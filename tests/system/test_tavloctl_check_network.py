@@ -14,9 +14,14 @@ NOT_SERVED = "no client in the LAN is served"
 HOST_IS_SILENT = "clients are answered with 500"
 FIX_DESTINATION = 'start it, or fix "agentDstAddr" and "agentDstPort"'
 
+BELOW_1024 = ("user 'nobody' may not take a port below 1024, which happens after the start: "
+              f"{NOT_SERVED}")
+
 LISTEN = """
 import socket, sys, time
-with socket.create_server((sys.argv[1], int(sys.argv[2]))):
+both = ":" in sys.argv[1]
+family = socket.AF_INET6 if both else socket.AF_INET
+with socket.create_server((sys.argv[1], int(sys.argv[2])), family=family, dualstack_ipv6=both):
     time.sleep(600)
 """
 
@@ -48,22 +53,59 @@ def test_a_port_that_is_taken(root, lan, key, address, consequence):
     assert cure == f'end that program, or choose another "{key}"'
 
 
-def test_a_port_that_is_taken_by_a_stranger(root, lan):
-    """Only root sees whose it is."""
+@pytest.mark.parametrize("everywhere", ["0.0.0.0", "::", "::ffff:192.0.2.1"])
+def test_a_port_that_is_taken_for_more_than_the_lan(root, lan, everywhere):
+    with lan.start("python3", "-c", LISTEN, everywhere, root.http_port):
+        wait_until(lambda: root.http_port in [port for _, port in lan.listening()],
+                   "the other program")
+        [(where, what, _)] = findings(root, prefix=lan.prefix)
+    assert where.endswith(f":{root.http_port}") and "taken by 'python3', process " in what
+
+
+def test_whose_port_it_is_only_root_sees(root, lan):
+    """It may be the daemon's, which was root at its start."""
     with lan.start("python3", "-c", LISTEN, "127.0.0.1", root.http_port):
         wait_until(lambda: ("127.0.0.1", root.http_port) in lan.listening(), "the other program")
-        found, _ = check_as_nobody(root, prefix=lan.prefix)
+        found, unseen = check_as_nobody(root, prefix=lan.prefix)
     assert (f"127.0.0.1:{root.http_port}",
-            "the port is taken by a program that cannot be seen from here, perhaps by root: "
-            f"{NOT_STARTED}", 'end that program, or choose another "agentHttpPort"') in found
+            "whether it is the daemon that has the port: run this as root to see it") in unseen
+    assert not [where for where, _, _ in found if where.endswith(f":{root.http_port}")]
 
 
-@pytest.mark.skipif(EMULATOR != "", reason="the process has the emulator's name")
+emulated = pytest.mark.skipif(EMULATOR != "", reason="the process has the emulator's name")
+
+
+@emulated
 def test_ports_that_the_daemon_itself_has_are_no_finding(root, lan):
     with daemons(root) as make_daemon:
         daemon = make_daemon(prefix=lan.prefix).start()
         daemon.wait_for_log(f"Listen to endpoint '192.0.2.1:{root.https_port}'")
         assert findings(root, prefix=lan.prefix) == []
+
+
+@emulated
+def test_a_port_of_the_lan_that_is_taken_is_found_while_the_daemon_is_at_work(root, lan):
+    with lan.start("python3", "-c", LISTEN, "192.0.2.1", root.http_port) as other, \
+            daemons(root) as make_daemon:
+        wait_until(lambda: ("192.0.2.1", root.http_port) in lan.listening(), "the other program")
+        daemon = make_daemon(prefix=lan.prefix).start()
+        daemon.wait_for_log(f"Listen to endpoint '192.0.2.1:{root.https_port}'")
+        assert findings(root, prefix=lan.prefix) == [
+            (f"192.0.2.1:{root.http_port}",
+             f"the port is taken by 'python3', process {other.pid}: {NOT_SERVED}",
+             'end that program, or choose another "agentHttpPort"')]
+
+
+@emulated
+def test_a_port_below_1024_is_found_while_the_daemon_is_at_work(root, lan):
+    root.settings["agentHttpPort"] = 1023
+    with daemons(root) as make_daemon:
+        daemon = make_daemon(prefix=lan.prefix).start()
+        daemon.wait_for_log("Listen to endpoint '192.0.2.1:1023'")
+        root.directory.chmod(0o755)
+        root.settings["agentUser"] = "nobody"
+        found = [each for each in findings(root, prefix=lan.prefix) if "1023" in each[0]]
+    assert found == [("192.0.2.1:1023", BELOW_1024, 'choose another "agentHttpPort"')]
 
 
 def test_one_port_for_both_listeners(root, lan):
@@ -74,10 +116,11 @@ def test_one_port_for_both_listeners(root, lan):
 
 
 @pytest.mark.parametrize("key", ["agentHttpPort", "agentHttpsPort"])
-def test_a_destination_that_is_the_daemon_itself(root, lan, key):
-    root.settings["agentDstPort"] = root.settings[key]
+@pytest.mark.parametrize("address", ["127.0.0.1", "localhost", "192.0.2.1"])
+def test_a_destination_that_is_the_daemon_itself(root, lan, key, address):
+    root.settings |= {"agentDstAddr": address, "agentDstPort": root.settings[key]}
     assert findings(root, prefix=lan.prefix) == [
-        (f"127.0.0.1:{root.settings[key]}",
+        (f"{address}:{root.settings[key]}",
          "requests are forwarded to the daemon's own port: they never get out",
          'set "agentDstPort" to the port of the SDK REST host')]
 
@@ -90,8 +133,7 @@ def test_a_port_below_1024_for_a_user(root, lan, port, is_found):
     root.settings |= {"agentHttpPort": port, "agentUser": "nobody"}
     found = [each for each in findings(root, prefix=lan.prefix) if each[0].endswith(f":{port}")]
     assert found == ([
-        ("192.0.2.1:1023", "user 'nobody' may not take a port below 1024, which happens after the "
-         f"start: {NOT_SERVED}", 'choose another "agentHttpPort"')] if is_found else [])
+        ("192.0.2.1:1023", BELOW_1024, 'choose another "agentHttpPort"')] if is_found else [])
 
 
 def test_a_port_below_1024_for_root(root, lan):
