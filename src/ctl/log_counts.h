@@ -44,14 +44,14 @@ class Durations {
 /// Requests of one kind: how many, how many in the minute that had the most, how long they took.
 struct Traffic {
   uint64_t count = 0;
-  uint64_t busiestMinute = 0;
-  Durations toNextLine;  ///< from a request to the next line of its thread
+  uint64_t busiestMinute = 0;  ///< 0 where it is not known
+  Durations toNextLine;        ///< from a request to the next line of its thread
   Durations toAnswer;
 
   /// Of requests in the order of their times.
   void AddRequest(int64_t time);
 
-  /// Of two that had their busiest minutes apart.
+  /// Of two whose busiest minute was not the same, if it was not the latest one of both.
   void Add(const Traffic& other);
 
  private:

@@ -223,12 +223,14 @@ bool LogEntry::IsStart() const {
 }
 
 std::optional<LogEntry> ParseLogEntry(std::string_view line) {
+  constexpr std::string_view kTag = "tavlo[";
   constexpr std::string_view kEndOfTag = "]: ";
   if (auto entry = ParseFromTime(line)) {
     return entry;
   }
-  const size_t tag = line.find(kEndOfTag);
-  return tag == line.npos ? std::nullopt : ParseFromTime(line.substr(tag + kEndOfTag.size()));
+  const size_t tag = line.find(kTag);
+  const size_t end = tag == line.npos ? line.npos : line.find(kEndOfTag, tag);
+  return end == line.npos ? std::nullopt : ParseFromTime(line.substr(end + kEndOfTag.size()));
 }
 
 std::optional<int64_t> ParseSince(std::string_view text, int64_t now) {

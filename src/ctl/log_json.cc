@@ -55,7 +55,9 @@ void Fill(json_object* object, const LogReport::Requests& row, double minutes) {
   }
   Add(object, "count", row.traffic.count);
   AddRate(object, "aMinute", static_cast<double>(row.traffic.count) / minutes);
-  Add(object, "busiestMinute", row.traffic.busiestMinute);
+  if (row.traffic.busiestMinute > 0) {
+    Add(object, "busiestMinute", row.traffic.busiestMinute);
+  }
   AddTimes(object, "msToAnswer", row.traffic.toAnswer);
   AddTimes(object, "msToNextLine", row.traffic.toNextLine);
 }

@@ -18,7 +18,8 @@ constexpr const char* kOther = "other";
 constexpr const char* kAll = "";
 constexpr size_t kMostShown = 200;  // bytes of an endpoint
 constexpr int64_t kLargestStatus = 999;
-constexpr size_t kMostUnanswered = 128;  // of a listener, the latest ones
+constexpr size_t kMostUnanswered = 128;            // of a listener, the latest ones
+constexpr int64_t kMostMilliseconds = 1000000000;  // more is a clock that was set meanwhile
 
 // Method and path. What is asked for outside of /api/ is a scanner's, and another one each time.
 std::string EndpointOf(std::string_view request) {
@@ -81,7 +82,6 @@ void RequestCounter::TakeRequest(const LogEntry& entry, size_t listener, bool is
 // "Answered 200 to 192.0.2.7:51234: 312 bytes, 4 ms since its request"
 void RequestCounter::TakeAnswer(const LogEntry& entry, size_t listener, Step* step) {
   static const TextPattern kAnswer("Answered %d to %s: %zu bytes, %lld ms since its request");
-  constexpr int64_t kMostMilliseconds = 1000000000;
   std::vector<std::string_view> values;
   if (!entry.IsOf("ClientTable::") || !kAnswer.Match(entry.text, &values)) {
     return;
@@ -118,10 +118,12 @@ void RequestCounter::TakeNextLine(const LogEntry& entry, size_t listener, Step* 
   if (!request) {
     return;
   }
-  const int64_t time = std::max(entry.time - request->time, int64_t{0});  // the clock may be set
-  RowOf(listener, request->endpoint).toNextLine.Add(time);
-  rows_[{listener, kAll}].toNextLine.Add(time);
-  step->slowest = std::max(step->slowest, time);
+  const int64_t time = entry.time - request->time;
+  if (time >= 0 && time <= kMostMilliseconds) {
+    RowOf(listener, request->endpoint).toNextLine.Add(time);
+    rows_[{listener, kAll}].toNextLine.Add(time);
+    step->slowest = std::max(step->slowest, time);
+  }
   request.reset();
 }
 
@@ -156,7 +158,10 @@ void RequestCounter::EndProcess(const std::vector<size_t>& numbers) {
 
 void RequestCounter::Report(const std::vector<size_t>& numbers,
                             const std::vector<std::string>& names, LogReport* report) const {
-  for (const auto& [key, traffic] : Renumbered(rows_, numbers)) {
+  for (auto [key, traffic] : Renumbered(rows_, numbers)) {
+    if (key.second == kOther) {
+      traffic.busiestMinute = 0;  // which rows had had theirs at the same time is not kept
+    }
     auto& rows = key.second == kAll ? report->listeners : report->endpoints;
     rows.push_back({names.at(key.first), key.second, traffic});
   }

@@ -30,7 +30,9 @@ void LogSummary::Add(std::string_view line) {
   if (entry->level == Orx::Log::kDebug) {
     debugProcess_ = entry->process;
   }
-  isCounting_ = entry->time >= since_;
+  if (entry->time >= kClockIsSet) {  // else it is as old as the line before it
+    isCounting_ = entry->time >= since_;
+  }
   if (!isCounting_) {
     return;
   }

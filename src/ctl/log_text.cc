@@ -64,7 +64,7 @@ void PrintRequests(const LogReport& report, const LogReport::Requests& row, std:
   const Traffic& traffic = row.traffic;
   out << FirstColumn(traffic.count)
       << Column(static_cast<double>(traffic.count) / report.Minutes(), 10)
-      << Column(traffic.busiestMinute, 9)
+      << (traffic.busiestMinute > 0 ? Column(traffic.busiestMinute, 9) : Column("-", 9))
       << Times(HasAnswers(report) ? traffic.toAnswer : traffic.toNextLine) << "  " << std::left
       << std::setw(9) << row.listener << std::right << ' '
       << (row.endpoint.empty() ? "(all)" : row.endpoint) << '\n';

@@ -126,6 +126,28 @@ TEST(LogSummaryRequests, OfManyEndpointsAreOther) {
   EXPECT_EQ(report.endpoints[0].traffic.count, 10000U);
 }
 
+TEST(LogSummaryRequests, HaveTheirBusiestMinuteBesideAScan) {
+  Log log;
+  for (int i = 0; i < 10000; ++i) {
+    log.Request(kPlain, "GET /api/scan/" + std::to_string(i));
+    log.Request(kPlain, "GET /api/version");
+  }
+  const LogReport report = log.Report();
+  EXPECT_EQ(report.listeners[0].traffic.busiestMinute, 20000U);
+  for (const LogReport::Requests& row : report.endpoints) {
+    EXPECT_EQ(row.traffic.busiestMinute, row.endpoint == "other" ? 0U : row.traffic.count)
+        << row.endpoint;
+  }
+}
+
+TEST(LogSummaryRequests, OfAProcessThatHasEndedCountForTheMinute) {
+  Log log;
+  for (const char* thread : {"4d2.1", "4d3.1"}) {
+    log.Start().Serves(thread, "127.0.0.1:80: plain HTTP").Request(thread, "GET /api/a");
+  }
+  EXPECT_EQ(log.Report().listeners.at(0).traffic.busiestMinute, 2U);
+}
+
 TEST(LogSummaryRequests, OfLongOrStrangeEndpointsAreShownInPrint) {
   Log log;
   log.Request(kPlain, "GET /api/\x1b[31m\xff\\")
@@ -234,11 +256,10 @@ TEST(LogSummaryTimes, AreNotMeasuredWithoutDebugLines) {
   EXPECT_FALSE(log.Report().hasDebug);
 }
 
-TEST(LogSummaryTimes, AreNotNegativeWhenTheClockIsSetBack) {
+TEST(LogSummaryTimes, AreNotMeasuredWhenTheClockIsSetBack) {
   Log log;
   log.Debug(kMain, "x").Request(kPlain, "GET /api/a").After(-90000).Debug(kPlain, "this");
-  EXPECT_EQ(log.Report().listeners[0].traffic.toNextLine.Longest(), 0);
-  EXPECT_EQ(log.Report().listeners[0].traffic.toNextLine.Count(), 1U);
+  EXPECT_EQ(log.Report().listeners[0].traffic.toNextLine.Count(), 0U);
 }
 
 TEST(LogSummaryTimes, AreThoseOfAnswersToo) {
@@ -435,6 +456,27 @@ TEST(LogSummaryClock, ThatWasNotSetHasNoPlaceInThePeriod) {
   EXPECT_EQ(report.period.count, 2U);
   EXPECT_NEAR(report.Minutes(), 10, 0.01);
   EXPECT_EQ(report.timeline.MinutesInAStep(), 1);
+}
+
+TEST(LogSummaryClock, ThatIsSetBetweenTwoLinesTellsNoTime) {
+  Log log;
+  log.At("1970-01-01 00:00:07").Request(kPlain, "GET /api/a");
+  log.At("2026-11-21 16:00").Debug(kPlain, "x").Request(kPlain, "GET /api/a");
+  log.Debug(kPlain, "x");
+  const LogReport report = log.Report();
+  EXPECT_EQ(report.listeners.at(0).traffic.count, 2U);
+  EXPECT_EQ(report.listeners.at(0).traffic.toNextLine.Count(), 1U);
+  EXPECT_EQ(report.listeners.at(0).traffic.toNextLine.Longest(), 1);
+}
+
+TEST(LogSummaryClock, ThatWasNotSetYetGoesOnWhereTheLogWas) {
+  Log log(*ParseSince("2026-11-21 16:00", 0));
+  log.At("1970-01-01 00:00:07").Request(kPlain, "GET /api/old");
+  log.At("2026-11-21 15:00").Request(kPlain, "GET /api/old");
+  log.At("1970-01-01 00:00:07").Request(kPlain, "GET /api/old");
+  log.At("2026-11-21 16:00").Request(kPlain, "GET /api/new");
+  log.At("1970-01-01 00:00:07").Request(kPlain, "GET /api/new");
+  EXPECT_THAT(NamesOf(log.Report().endpoints), ElementsAre("2 4d2.1 GET /api/new"));
 }
 
 TEST(LogSummary, OfNothingIsEmpty) {
