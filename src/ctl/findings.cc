@@ -1,27 +1,21 @@
 #include "ctl/findings.h"
 
-#include <algorithm>
 #include <memory>
 
 #include <json-c/json.h>
 
 #include "ctl/command.h"
+#include "ctl/printable.h"
 
 namespace tavlo::ctl {
 
 namespace {
 
-// UTF-8, which names and values may be in, stays as it is.
-std::string WithoutControlCharacters(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](unsigned char letter) { return letter < ' ' || letter == 0x7f; },
-      '?');
-  return text;
-}
-
+// A name may be no UTF-8, which JSON is.
 void AddText(json_object* object, const char* key, const std::string& text) {
+  const std::string shown = IsUtf8(text) ? text : Printable(text, text.size());
   json_object_object_add(object, key,
-                         json_object_new_string_len(text.data(), static_cast<int>(text.size())));
+                         json_object_new_string_len(shown.data(), static_cast<int>(shown.size())));
 }
 
 json_object* JsonArray(const std::vector<Finding>& findings) {

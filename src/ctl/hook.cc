@@ -13,6 +13,7 @@
 #include "ctl/command.h"
 #include "ctl/hook_events.h"
 #include "ctl/hook_signals.h"
+#include "ctl/printable.h"
 #include "ctl/script_runs.h"
 #include "ctl/text.h"
 #include "hooks/body_file.h"
@@ -131,7 +132,7 @@ class CapturedLog {
 
 void PrintRemarks(std::ostream& out, const std::vector<std::string>& remarks) {
   for (const std::string& remark : remarks) {
-    out << "    " << remark << '\n';
+    out << "    " << WithoutControlCharacters(remark) << '\n';
   }
 }
 
@@ -179,7 +180,8 @@ bool HasOverruled(const HookEvent& event, const ScriptRuns& found, Verdict verdi
 
 void Print(const HookEvent& event, const ScriptRuns& found, const Outcome& outcome) {
   for (const ScriptRun& run : found.runs) {
-    std::cout << run.path << ": status " << run.status << ", " << run.milliseconds << " ms\n";
+    std::cout << WithoutControlCharacters(run.path) << ": status " << run.status << ", "
+              << run.milliseconds << " ms\n";
     PrintRemarks(std::cout, run.remarks);
   }
   PrintRemarks(std::cout, found.remarks);

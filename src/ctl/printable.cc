@@ -1,5 +1,10 @@
 #include "ctl/printable.h"
 
+#include <algorithm>
+
+#include <rapidjson/memorystream.h>
+#include <rapidjson/stringbuffer.h>
+
 namespace tavlo::ctl {
 
 std::string Printable(std::string_view text, size_t most) {
@@ -18,6 +23,24 @@ std::string Printable(std::string_view text, size_t most) {
     }
   }
   return text.size() > most ? result + "..." : result;
+}
+
+std::string WithoutControlCharacters(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(),
+      [](unsigned char letter) { return (letter < ' ' && letter != '\t') || letter == 0x7f; }, '?');
+  return text;
+}
+
+bool IsUtf8(std::string_view text) {
+  rapidjson::MemoryStream in(text.data(), text.size());
+  rapidjson::StringBuffer out;
+  while (in.Tell() < text.size()) {
+    if (!rapidjson::UTF8<>::Validate(in, out)) {
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace tavlo::ctl

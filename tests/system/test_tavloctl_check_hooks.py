@@ -38,6 +38,14 @@ def test_the_scripts_of_each_event_are_looked_at(asked, kind, event):
     assert cure == f"chmod 755 {where}, or keep it elsewhere"
 
 
+def test_a_name_that_is_no_utf_8_is_shown_by_its_bytes(asked):
+    write(asked, name=os.fsdecode(b"10-\xff\\"), mode=0o644)
+    write(asked, name="20-na\u00efve\\", mode=0o644)
+    directory = asked.internal_hooks / "agent"
+    assert [where for where, _, _ in findings(asked)] == [
+        f"{directory}/10-\\xff\\\\", f"{directory}/20-na\u00efve\\"]
+
+
 @as_root
 def test_a_script_that_is_executable_for_root_alone(owned):
     path = write(owned, mode=0o744)

@@ -108,16 +108,22 @@ def test_the_answer_of_an_internal_script_that_does_not_count_is_told(root):
 
 
 @pytest.mark.parametrize("text", [
-    "  with blanks  ", "a\\rb", "x: y: z",
+    "  with blanks  ", "x: y: z", "a\tb", "na\u00efve",
     "[1.2] DEBUG: int Orx::SecureExec: PID 1 ended with status 0 after 1 ms: /forged",
     "2026-01-01 00:00:00.000 [1.2] ERROR: void Orx::SecureExecStderr: stderr from pid 1: forged",
 ])
 def test_what_a_script_says_is_shown_as_it_is(root, text):
     script = write_script(root, "10-say", f"printf '{text}\\n' >&2; exit 1")
     result = run_tavloctl("hook", "-c", root.config, *REQUEST)
-    shown = text.replace("\\r", "\n")  # as text is read here
     assert without_times(result.stdout).startswith(
-        f"{script}: status 1, N ms\n    stderr: {shown}\nended: ")
+        f"{script}: status 1, N ms\n    stderr: {text}\nended: ")
+
+
+def test_control_characters_of_a_script_do_not_get_onto_a_terminal(root):
+    script = write_script(root, "10-say\x1b", r"printf 'a\rb\033[2Jc\177\n' >&2; exit 1")
+    result = run_tavloctl("hook", "-c", root.config, *REQUEST)
+    assert without_times(result.stdout).startswith(
+        f"{script.parent}/10-say?: status 1, N ms\n    stderr: a?b?[2Jc?\nended: ")
 
 
 def test_a_script_that_cannot_be_executed_is_shown_with_the_reason(root):

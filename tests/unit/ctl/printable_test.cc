@@ -30,4 +30,20 @@ TEST(Printable, CutsAfterSoManyBytes) {
   EXPECT_EQ(Printable("123456", 5), "12345...");
 }
 
+TEST(WithoutControlCharacters, LeavesAllElse) {
+  EXPECT_EQ(tavlo::ctl::WithoutControlCharacters("a\x1b[1m\tna\xc3\xafve\r\n\x7f~"),
+            "a?[1m\tna\xc3\xafve???~");
+}
+
+TEST(IsUtf8, KnowsWholeCharacters) {
+  for (const char* text : {"", "a", "na\xc3\xafve", "\xe2\x82\xac", "\xf0\x9f\x8f\xa0"}) {
+    EXPECT_TRUE(tavlo::ctl::IsUtf8(text)) << text;
+  }
+  EXPECT_TRUE(tavlo::ctl::IsUtf8(std::string(2, '\0')));
+  for (const char* text :
+       {"\xff", "\xc3", "a\xe2\x82", "\xc3\x28", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80"}) {
+    EXPECT_FALSE(tavlo::ctl::IsUtf8(text)) << text;
+  }
+}
+
 }  // namespace
