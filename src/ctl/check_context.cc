@@ -2,12 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
+#include <utility>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "util/error_text.h"
-#include "util/file.h"
 
 namespace tavlo::ctl {
 
@@ -71,24 +72,18 @@ void CheckWriters(const CheckContext& context, const std::string& path,
   }
 }
 
-std::optional<std::string> ReadContent(const CheckContext& context, const std::string& path) {
-  std::string content;
-  const Orx::Status status = stdext::file::without_lock(path).read(stdext::kMaxFileSize, &content);
-  if (status.IsOk()) {
-    return content;
+TextPlaces::TextPlaces(std::string path, const std::string& text)
+    : path_(std::move(path)), size_(text.size()) {
+  for (size_t end = text.find('\n'); end != text.npos; end = text.find('\n', end + 1)) {
+    lineStarts_.push_back(end + 1);
   }
-  if (context.user.May(path, R_OK)) {
-    context.findings->AddUnseen(path, status.Message());
-  }
-  return std::nullopt;
 }
 
-std::string PlaceInFile(const std::string& path, const std::string& text, size_t offset) {
-  const std::string before = text.substr(0, offset);
-  const auto lines = std::count(before.begin(), before.end(), '\n');
-  const size_t lineStart = before.rfind('\n') + 1;  // npos + 1 is 0
-  return path + ":" + std::to_string(lines + 1) + ":" +
-         std::to_string(before.size() - lineStart + 1);
+std::string TextPlaces::Of(size_t offset) const {
+  const size_t at = std::min(offset, size_);
+  const auto next = std::upper_bound(lineStarts_.begin(), lineStarts_.end(), at);
+  return path_ + ":" + std::to_string(next - lineStarts_.begin()) + ":" +
+         std::to_string(at - *std::prev(next) + 1);
 }
 
 }  // namespace tavlo::ctl

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <optional>
 #include <string>
+#include <vector>
 
 #include "ctl/daemon_user.h"
 #include "ctl/findings.h"
@@ -34,12 +34,18 @@ bool CheckNeed(const CheckContext& context, const Need& need);
 void CheckWriters(const CheckContext& context, const std::string& path,
                   const std::string& consequence);
 
-/// The content of a file that is there, of at most 1 MiB. Nothing where it cannot be read; that is
-/// noted unless the daemon's user may not read it either.
-std::optional<std::string> ReadContent(const CheckContext& context, const std::string& path);
+/// Where the bytes of a file's text stand. It keeps no reference to the text.
+class TextPlaces {
+ public:
+  TextPlaces(std::string path, const std::string& text);
 
-/// "PATH:LINE:COLUMN" of the byte at `offset` of the file's text. Lines and columns count from 1,
-/// columns in bytes.
-std::string PlaceInFile(const std::string& path, const std::string& text, size_t offset);
+  /// "PATH:LINE:COLUMN" of the byte at `offset`. Lines and columns count from 1, columns in bytes.
+  std::string Of(size_t offset) const;
+
+ private:
+  std::string path_;
+  size_t size_;
+  std::vector<size_t> lineStarts_ = {0};
+};
 
 }  // namespace tavlo::ctl

@@ -1,16 +1,45 @@
 // What other programs of the router write: the router information and the device list.
 
+#include <optional>
+#include <stdexcept>
+
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "agent/device_list.h"
 #include "ctl/checks.h"
 #include "hooks/key_value_storage.h"
+#include "util/file.h"
 
 namespace tavlo::ctl {
 
 namespace {
 
 constexpr size_t kShortestKey = 16;
+
+// The content of a file that is there. Root can read all that the daemon reads, so that what keeps
+// it from that keeps the daemon.
+std::optional<std::string> Read(const CheckContext& context, const std::string& path,
+                                const std::string& consequence) {
+  struct stat info = {};
+  if (::stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+    context.findings->Add(path, "is no file: " + consequence, "put a file there");
+    return std::nullopt;
+  }
+  std::string content;
+  const Orx::Status status = stdext::file::without_lock(path).read(stdext::kMaxFileSize, &content);
+  if (status.IsOk()) {
+    return content;
+  }
+  if (!context.user.CanBeAsked()) {
+    context.findings->AddUnseen(path, status.Message());
+  } else if (context.user.May(path, R_OK)) {
+    context.findings->Add(
+        path, status.Message() + ": " + consequence,
+        "put a file of at most " + std::to_string(stdext::kMaxFileSize) + " bytes there");
+  }
+  return std::nullopt;
+}
 
 void CheckKey(const CheckContext& context, const std::string& path, const std::string& key) {
   if (key.find_last_not_of(" \t\r") != key.size() - 1) {
@@ -27,6 +56,21 @@ void CheckKey(const CheckContext& context, const std::string& path, const std::s
   }
 }
 
+void CheckDevices(const CheckContext& context, const std::string& path, const std::string& text,
+                  const std::string& consequence) {
+  const std::string cure = "mend what writes it";
+  DeviceList list;
+  std::string error;
+  try {
+    if (!ParseDeviceList(text, &list, &error)) {
+      context.findings->Add(TextPlaces(path, text).Of(list.GetErrorOffset()),
+                            "no JSON: " + error + ": " + consequence, cure);
+    }
+  } catch (const std::length_error& tooMuch) {
+    context.findings->Add(path, tooMuch.what() + (": " + consequence), cure);
+  }
+}
+
 }  // namespace
 
 void CheckRouterInformation(const CheckContext& context) {
@@ -37,7 +81,7 @@ void CheckRouterInformation(const CheckContext& context) {
                   "write it, with a line 'pairing_key: ...', or fix \"routerInfoPath\""})) {
     return;
   }
-  const std::optional<std::string> text = ReadContent(context, path);
+  const std::optional<std::string> text = Read(context, path, consequence);
   if (!text) {
     return;
   }
@@ -58,12 +102,9 @@ void CheckDeviceList(const CheckContext& context) {
                            "let the router write it, or fix \"deviceDiscoveryPath\""})) {
     return;
   }
-  const std::optional<std::string> text = ReadContent(context, path);
-  DeviceList list;
-  std::string error;
-  if (text && !ParseDeviceList(*text, &list, &error)) {
-    context.findings->Add(PlaceInFile(path, *text, list.GetErrorOffset()),
-                          "no JSON: " + error + ": " + consequence, "mend what writes it");
+  const std::optional<std::string> text = Read(context, path, consequence);
+  if (text) {
+    CheckDevices(context, path, *text, consequence);
   }
 }
 

@@ -10,6 +10,8 @@ namespace tavlo::ctl {
 namespace {
 
 constexpr const char* kRecordName = "/tavlo-backtrace.log";
+constexpr const char* kNoLog = "the daemon goes on without a log, and without an error";
+constexpr const char* kLostLog = "after SIGHUP there are no more lines in it, and no error";
 
 std::string DirectoryOf(const std::string& path) {
   const size_t slash = path.rfind('/');
@@ -40,6 +42,29 @@ void CheckOwnFile(const CheckContext& context, const std::string& path,
     context.findings->Add(path, "is a link, or no file: " + consequence, "rm " + path);
   } else {
     CheckNeed(context, {path, W_OK, consequence, std::string()});
+  }
+}
+
+// As the daemon sees it, which opens the log as whoever starts it.
+bool IsAnothersLink(const std::string& path) {
+  struct stat info = {};
+  return ::lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode) && info.st_uid != 0 &&
+         info.st_uid != ::geteuid();
+}
+
+// Root makes a log wherever there is a directory; the daemon's user writes to it from then on.
+void CheckMissingLog(const CheckContext& context, const std::string& path) {
+  const std::string& user = context.user.Name();
+  const std::string directory = DirectoryOf(path);
+  const bool isRootFirst = ::geteuid() == 0 && !context.user.IsRoot();
+  if (CheckNeed(context, {directory, isRootFirst ? F_OK : W_OK | X_OK, kNoLog,
+                          "install -d -m 750 -o " + user + " " + directory}) &&
+      isRootFirst) {
+    context.findings->Add(
+        path,
+        "is missing: root makes it at the start, and user '" + user +
+            "' may not write to it: " + kLostLog,
+        "install -m 640 -o " + user + " /dev/null " + path + ", or start the daemon as that user");
   }
 }
 
@@ -78,19 +103,17 @@ void CheckLogFile(const CheckContext& context, const std::string& path) {
     return;
   }
   struct stat info = {};
-  const std::string consequence = "after SIGHUP there are no more lines in it, and no error";
-  const std::string& user = context.user.Name();
-  if (::stat(path.c_str(), &info) == 0) {
-    CheckNeed(context, {path, W_OK, consequence, std::string()});
-  } else if (CheckNeed(context, {DirectoryOf(path), W_OK | X_OK,
-                                 "the daemon goes on without a log, and without an error",
-                                 "install -d -m 750 -o " + user + " " + DirectoryOf(path)}) &&
-             ::geteuid() == 0 && !context.user.IsRoot()) {
+  if (IsAnothersLink(path)) {
     context.findings->Add(
-        path,
-        "is missing: root makes it at the start, and user '" + user +
-            "' may not write to it: " + consequence,
-        "install -m 640 -o " + user + " /dev/null " + path + ", or start the daemon as that user");
+        path, std::string("is a link of another user, which is not followed: ") + kNoLog,
+        "rm " + path + ", or chown -h root " + path);
+  } else if (::stat(path.c_str(), &info) != 0) {
+    CheckMissingLog(context, path);
+  } else if (!S_ISREG(info.st_mode) && !S_ISCHR(info.st_mode)) {
+    context.findings->Add(path, std::string("is neither a file nor a device: ") + kNoLog,
+                          "name a file with -f");
+  } else {
+    CheckNeed(context, {path, W_OK, kLostLog, std::string()});
   }
   CheckWriters(context, DirectoryOf(path), "they can put a link there first, or take the log away");
 }

@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <map>
 #include <memory>
-#include <optional>
+#include <utility>
 #include <vector>
 
 #include <json-c/json.h>
@@ -27,33 +28,50 @@ using JsonTree = std::unique_ptr<json_object, decltype(&json_object_put)>;
 struct ConfigFile {
   const std::string& path;
   const std::string& text;
+  TextPlaces places;
+  JsonTree root;
+  size_t end;  // of the value and of blanks and comments behind it: the daemon reads no further
   std::vector<JsonKey> keys;
+  std::map<std::string, size_t> offsets;  // of the keys that count, the last ones of their names
 
-  // The place of the key that counts, the last one of that name.
+  // The place of the key that counts.
   std::string Place(const std::string& name) const {
-    const auto found = std::find_if(keys.rbegin(), keys.rend(),
-                                    [&](const JsonKey& key) { return key.name == name; });
-    return found == keys.rend() ? path : PlaceInFile(path, text, found->offset);
+    const auto found = offsets.find(name);
+    return found == offsets.end() ? path : places.Of(found->second);
   }
 };
 
 // As the daemon does it: the terminating NUL is parsed too.
-JsonTree Parse(const ConfigFile& file, Findings* findings) {
+ConfigFile Parse(const std::string& path, const std::string& text, Findings* findings) {
   const std::unique_ptr<json_tokener, decltype(&json_tokener_free)> tokener(json_tokener_new(),
                                                                             json_tokener_free);
-  JsonTree root(json_tokener_parse_ex(tokener.get(), file.text.c_str(),
-                                      static_cast<int>(file.text.size()) + 1),
-                json_object_put);
-  if (root == nullptr) {
+  JsonTree root(
+      json_tokener_parse_ex(tokener.get(), text.c_str(), static_cast<int>(text.size()) + 1),
+      json_object_put);
+  const size_t end = std::min(json_tokener_get_parse_end(tokener.get()), text.size());
+  ConfigFile file = {path, text, TextPlaces(path, text), std::move(root), end, {}, {}};
+  if (file.root == nullptr) {
     const json_tokener_error error = json_tokener_get_error(tokener.get());
     const std::string reason = error == json_tokener_success
                                    ? "it holds nothing but null"
                                    : std::string("no JSON: ") + json_tokener_error_desc(error);
-    const size_t offset = std::min(json_tokener_get_parse_end(tokener.get()), file.text.size());
-    findings->Add(PlaceInFile(file.path, file.text, offset), reason + ": the daemon does not start",
+    findings->Add(file.places.Of(end), reason + ": the daemon does not start",
                   "mend it there or just before: a comma, a quote or a bracket, mostly");
+    return file;
   }
-  return root;
+  file.keys = TopLevelKeys(text.substr(0, end));
+  for (const JsonKey& key : file.keys) {
+    file.offsets[key.name] = key.offset;
+  }
+  return file;
+}
+
+void CheckRest(const ConfigFile& file, Findings* findings) {
+  if (file.end < file.text.size()) {
+    findings->Add(file.places.Of(file.end),
+                  "all from here on is ignored, as the configuration has ended before",
+                  "take it out, or the bracket that closes too early");
+  }
 }
 
 size_t EditDistance(const std::string& one, const std::string& other) {
@@ -80,6 +98,9 @@ std::string MostLike(const std::string& name, const std::vector<AppSettings::Key
   std::string best;
   size_t least = kMostWrongLetters + 1;
   for (const AppSettings::Key& key : keys) {
+    if (name.size() > key.name.size() + kMostWrongLetters) {
+      continue;  // it may have a mebibyte
+    }
     const size_t distance = EditDistance(name, key.name);
     if (distance < least) {
       least = distance;
@@ -149,21 +170,19 @@ void CheckUnknownKey(const ConfigFile& file, const std::string& name,
 }
 
 void CheckRepeatedKeys(const ConfigFile& file, Findings* findings) {
-  for (auto key = file.keys.begin(); key != file.keys.end(); ++key) {
-    if (std::any_of(key + 1, file.keys.end(),
-                    [&](const JsonKey& later) { return later.name == key->name; })) {
-      findings->Add(PlaceInFile(file.path, file.text, key->offset),
-                    Quoted(key->name) + " is ignored, as it comes again below",
+  for (const JsonKey& key : file.keys) {
+    if (key.offset != file.offsets.at(key.name)) {
+      findings->Add(file.places.Of(key.offset),
+                    Quoted(key.name) + " is ignored, as it comes again below",
                     "take one of them out");
     }
   }
 }
 
-void CheckMembers(const ConfigFile& file, json_object* root, const AppSettings& settings,
-                  Findings* findings) {
+void CheckMembers(const ConfigFile& file, const AppSettings& settings, Findings* findings) {
   const std::vector<AppSettings::Key> keys = settings.Keys();
-  json_object_iterator member = json_object_iter_begin(root);
-  const json_object_iterator end = json_object_iter_end(root);
+  json_object_iterator member = json_object_iter_begin(file.root.get());
+  const json_object_iterator end = json_object_iter_end(file.root.get());
   for (; json_object_iter_equal(&member, &end) == 0; json_object_iter_next(&member)) {
     const std::string name = json_object_iter_peek_name(&member);
     const auto key = std::find_if(keys.begin(), keys.end(),
@@ -188,20 +207,20 @@ bool CheckSettings(const std::string& path, AppSettings* settings, Findings* fin
     findings->AddUnseen(path, status.Message());
     return false;
   }
-  const ConfigFile file = {path, text, TopLevelKeys(text)};
-  const JsonTree root = Parse(file, findings);
-  if (root == nullptr || !settings->LoadConfigFile(path, nullptr)) {
+  const ConfigFile file = Parse(path, text, findings);
+  if (file.root == nullptr || !settings->LoadConfigFile(path, nullptr)) {
     return false;
   }
-  if (json_object_is_type(root.get(), json_type_object) == 0) {
-    findings->Add(path + ":1:1",
-                  "every key is ignored, as the whole is " + KindOf(root.get()) +
+  CheckRest(file, findings);
+  if (json_object_is_type(file.root.get(), json_type_object) == 0) {
+    findings->Add(file.places.Of(0),
+                  "every key is ignored, as the whole is " + KindOf(file.root.get()) +
                       ": all settings have their defaults",
                   "put the keys into an object: { ... }");
     return true;
   }
   CheckRepeatedKeys(file, findings);
-  CheckMembers(file, root.get(), *settings, findings);
+  CheckMembers(file, *settings, findings);
   return true;
 }
 

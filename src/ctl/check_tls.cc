@@ -1,5 +1,7 @@
 // Certificate and key, in the steps in which the TLS listener takes them.
 
+#include <cerrno>
+#include <fstream>
 #include <memory>
 #include <new>
 
@@ -10,6 +12,7 @@
 #include <unistd.h>
 
 #include "ctl/checks.h"
+#include "util/error_text.h"
 
 namespace tavlo::ctl {
 
@@ -73,9 +76,19 @@ void CheckDates(const CheckContext& context, const std::string& path, const X509
   }
 }
 
+// Says so where this may not read it, though the daemon's user may.
+bool IsReadable(const CheckContext& context, const std::string& path) {
+  const std::ifstream file(path);
+  const int error = errno;
+  if (!file.is_open() && context.user.May(path, R_OK)) {
+    context.findings->AddUnseen(path, stdext::error_number_and_text(error));
+  }
+  return file.is_open();
+}
+
 // Returns whether there is one to compare the key with.
 bool CheckCertificate(const CheckContext& context, const TlsFiles& files, SSL_CTX* tls) {
-  if (!ReadContent(context, files.certificate)) {
+  if (!IsReadable(context, files.certificate)) {
     return false;
   }
   if (SSL_CTX_use_certificate_chain_file(tls, files.certificate.c_str()) != 1) {
@@ -96,7 +109,7 @@ bool CheckCertificate(const CheckContext& context, const TlsFiles& files, SSL_CT
 
 void CheckKey(const CheckContext& context, const TlsFiles& files, SSL_CTX* tls,
               bool hasCertificate) {
-  if (!ReadContent(context, files.key)) {
+  if (!IsReadable(context, files.key)) {
     return;
   }
   bool isEncrypted = false;

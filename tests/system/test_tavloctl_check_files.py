@@ -9,7 +9,7 @@ import pytest
 
 from conftest import USER
 from support import certificates
-from support.tavloctl import as_root, check, findings
+from support.tavloctl import as_root, check, check_as_nobody, findings
 
 PLAIN = "the TLS port speaks plain HTTP"
 BEFORE_THE_START = "put certificate and key there before the first start"
@@ -171,10 +171,32 @@ def test_a_key_that_no_client_can_send(root, ending):
          "to it: no client's key fits", "end the line behind the key, with a line feed alone")]
 
 
-def test_router_information_that_is_too_large_cannot_be_looked_at(root):
+def test_router_information_that_is_too_large(root):
     root.write_router_info("x" * 1048577)
-    assert check(root) == ([], [(str(root.router_info),
-                                 f"Failed to read file {root.router_info}: 27 File too large")])
+    assert findings(root) == [
+        (str(root.router_info),
+         f"Failed to read file {root.router_info}: 27 File too large: {WITH_KEY}",
+         "put a file of at most 1048576 bytes there")]
+
+
+def test_a_device_list_that_is_a_directory(root):
+    root.device_list.unlink()
+    root.device_list.mkdir()
+    assert findings(root) == [
+        (str(root.device_list), f"is no file: {NO_MAC}", "put a file there")]
+
+
+@as_root
+def test_what_this_may_not_read_cannot_be_looked_at(root):
+    root.settings["agentUser"] = "daemon"
+    for path in (root.router_info, root.device_list, root.certificate, root.key):
+        path.chmod(0)
+    found, unseen = check_as_nobody(root)
+    assert [where for where, _, _ in found] == []
+    assert [(str(path), f"Failed to read file {path}: 13 Permission denied")
+            for path in (root.router_info, root.device_list)] == [
+        each for each in unseen if "Failed" in each[1]]
+    assert {(str(path), "13 Permission denied") for path in (root.certificate, root.key)} < set(unseen)
 
 
 def test_a_device_list_that_is_missing(root):
@@ -193,6 +215,13 @@ def test_a_device_list_that_is_no_json_is_shown_with_line_and_column(root):
     root.device_list.write_text('{\n  "devices": [,]\n}')
     assert findings(root) == [
         (f"{root.device_list}:2:15", f"no JSON: Invalid value., offset :16: {NO_MAC}",
+         "mend what writes it")]
+
+
+def test_a_device_list_that_would_take_much_memory_is_shown(root):
+    root.device_list.write_text("[" * 1048576)
+    assert findings(root) == [
+        (str(root.device_list), f"The device list takes too much memory: {NO_MAC}",
          "mend what writes it")]
 
 
@@ -262,6 +291,7 @@ def test_a_file_that_is_none(root, plant):
 
 # --- the log ---
 
+NO_LOG = "the daemon goes on without a log, and without an error"
 LOST = "after SIGHUP there are no more lines in it, and no error"
 
 
@@ -289,18 +319,51 @@ def test_a_log_that_root_would_make(owned):
 
 
 @as_root
-def test_a_log_in_a_directory_that_the_user_may_not_write_to(owned):
+def test_a_log_that_root_would_make_in_a_directory_of_its_own(owned):
     directory = owned.directory / "logs"
     directory.mkdir(mode=0o755)
-    assert findings(owned, "-f", directory / "log")[0] == cannot(
-        directory, "write to", "the daemon goes on without a log, and without an error")
+    assert [where for where, _, _ in findings(owned, "-f", directory / "log")] == [
+        str(directory / "log")]
+
+
+@as_root
+def test_a_log_in_a_directory_that_the_daemons_own_user_may_not_write_to(root):
+    directory = root.directory / "logs"
+    directory.mkdir(mode=0o755)
+    found, _ = check_as_nobody(root, "-f", directory / "log")
+    assert cannot(directory, "write to", NO_LOG) in found
 
 
 @as_root
 def test_a_log_whose_directory_is_missing(owned):
     log = owned.directory / "none/log"
     assert findings(owned, "-f", log) == [
-        missing(log.parent, "the daemon goes on without a log, and without an error", f"install -d -m 750 -o {USER} {log.parent}")]
+        missing(log.parent, NO_LOG, f"install -d -m 750 -o {USER} {log.parent}")]
+
+
+@pytest.mark.parametrize("plant", [lambda path: path.mkdir(), os.mkfifo], ids=["directory", "fifo"])
+def test_a_log_that_is_no_file(root, plant):
+    log = root.directory / "log"
+    plant(log)
+    assert findings(root, "-f", log) == [
+        (str(log), f"is neither a file nor a device: {NO_LOG}", "name a file with -f")]
+
+
+@as_root
+@pytest.mark.parametrize("owner, is_followed", [(0, True), (65534, False)])
+def test_a_log_that_is_a_link(root, owner, is_followed):
+    log = root.directory / "log"
+    log.symlink_to(root.directory / "target")
+    (root.directory / "target").touch()
+    os.lchown(log, owner, owner)
+    assert findings(root, "-f", log) == ([] if is_followed else [
+        (str(log), f"is a link of another user, which is not followed: {NO_LOG}",
+         f"rm {log}, or chown -h root {log}")])
+
+
+def test_a_log_that_is_a_device_is_no_finding(root):
+    (root.directory / "log").symlink_to("/dev/null")
+    assert findings(root, "-f", root.directory / "log") == []
 
 
 def test_a_log_that_the_daemons_own_user_makes_is_no_finding(root):

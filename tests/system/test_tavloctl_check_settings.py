@@ -175,9 +175,34 @@ def test_another_root_than_an_object_is_shown(root, text, kind):
 
 @pytest.mark.parametrize("text", [
     '/* "agentDstPorts": 1 */ {"agentDstPort": 1}', "// agentDstPorts:\n{'agentDstPort': 1,}",
-    '{"agentPrefix": "\\"agentDstPorts\\": 1", "agentDstPort": 1} and more'])
+    '{"agentPrefix": "\\"agentDstPorts\\": 1", "agentDstPort": 1}',
+    '{} \t\n// more\n /* and\nmore */ /**/\n', "{}// more", "{}/* more"])
 def test_what_the_daemon_takes_is_no_finding(root, text):
     assert config_of(root, text) == (1, [])
+
+
+@pytest.mark.parametrize("text, place", [
+    ('{\n  "agentHttpPort": 8080\n},\n  "agentUser": "nobody"\n}\n', "3:2"),
+    ('{"agentDstPort": 1} and more', "1:21"), ("{}}", "1:3"), ("{} {}", "1:4"),
+    ("{} // more\n7", "2:1"), ("{}/* more */\n{}", "2:1")])
+def test_what_comes_behind_the_end_is_shown(root, text, place):
+    assert config_of(root, text) == (1, [
+        (f"FILE:{place}", "all from here on is ignored, as the configuration has ended before",
+         "take it out, or the bracket that closes too early")])
+
+
+def test_what_comes_behind_the_end_does_not_count(root):
+    found = config_of(root, '{"agentDstPort": 0}, "agentDstPort": 1, "agentDstPorts": 1}')
+    assert [where for where, _, _ in found[1]] == ["FILE:1:20", "FILE:1:2"]
+
+
+@pytest.mark.parametrize("keys", [["a"], [f"{i:x}" for i in range(95000)], ["a" * 1048000]],
+                         ids=["repeated", "unknown", "long"])
+def test_a_mebibyte_of_keys_is_looked_through(root, keys):
+    members = [f'"{key}":1' for key in keys]
+    text = "{" + ",".join(members * (1048576 // len(",".join(members) + ",") or 1)) + "}"
+    status, found = config_of(root, text)
+    assert status == 1 and len(found) == text.count(":")
 
 
 def test_a_place_is_that_of_the_outermost_object(root):
