@@ -192,8 +192,8 @@ def test_what_comes_behind_the_end_is_shown(root, text, place):
 
 
 def test_what_comes_behind_the_end_does_not_count(root):
-    found = config_of(root, '{"agentDstPort": 0}, "agentDstPort": 1, "agentDstPorts": 1}')
-    assert [where for where, _, _ in found[1]] == ["FILE:1:20", "FILE:1:2"]
+    found = config_of(root, '{"agentDstPort": 0} {"agentDstPort": 1, "agentDstPorts": 1}')
+    assert [where for where, _, _ in found[1]] == ["FILE:1:21", "FILE:1:2"]
 
 
 @pytest.mark.parametrize("keys", [["a"], [f"{i:x}" for i in range(95000)], ["a" * 1048000]],

@@ -460,7 +460,7 @@ TEST(LogSummaryClock, ThatWasNotSetHasNoPlaceInThePeriod) {
 
 TEST(LogSummaryClock, ThatIsSetBetweenTwoLinesTellsNoTime) {
   Log log;
-  log.At("1970-01-01 00:00:07").Request(kPlain, "GET /api/a");
+  log.At("1970-01-01 00:00:07").Debug(kMain, "x").Request(kPlain, "GET /api/a");
   log.At("2026-11-21 16:00").Debug(kPlain, "x").Request(kPlain, "GET /api/a");
   log.Debug(kPlain, "x");
   const LogReport report = log.Report();
