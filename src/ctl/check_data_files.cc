@@ -1,5 +1,6 @@
 // What other programs of the router write: the router information and the device list.
 
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 
@@ -17,8 +18,7 @@ namespace {
 
 constexpr size_t kShortestKey = 16;
 
-// The content of a file that is there. Root can read all that the daemon reads, so that what keeps
-// it from that keeps the daemon.
+// The content of a file that is there, if the daemon's user may read it.
 std::optional<std::string> Read(const CheckContext& context, const std::string& path,
                                 const std::string& consequence) {
   struct stat info = {};
@@ -26,17 +26,19 @@ std::optional<std::string> Read(const CheckContext& context, const std::string& 
     context.findings->Add(path, "is no file: " + consequence, "put a file there");
     return std::nullopt;
   }
+  if (static_cast<std::uintmax_t>(info.st_size) > stdext::kMaxFileSize) {
+    context.findings->Add(
+        path, "has more than " + std::to_string(stdext::kMaxFileSize) + " bytes: " + consequence,
+        "mend what writes it");
+    return std::nullopt;
+  }
   std::string content;
   const Orx::Status status = stdext::file::without_lock(path).read(stdext::kMaxFileSize, &content);
   if (status.IsOk()) {
     return content;
   }
-  if (!context.user.CanBeAsked()) {
+  if (context.user.May(path, R_OK)) {
     context.findings->AddUnseen(path, status.Message());
-  } else if (context.user.May(path, R_OK)) {
-    context.findings->Add(
-        path, status.Message() + ": " + consequence,
-        "put a file of at most " + std::to_string(stdext::kMaxFileSize) + " bytes there");
   }
   return std::nullopt;
 }

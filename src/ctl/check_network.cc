@@ -21,6 +21,7 @@ namespace tavlo::ctl {
 namespace {
 
 constexpr const char* kLoopback = "127.0.0.1";
+constexpr const char* kDaemon = "tavlo";
 constexpr int kUsualUnprivilegedStart = 1024;
 
 struct Listener {
@@ -86,7 +87,7 @@ bool CheckAddress(const CheckContext& context, const Listener& listener, const s
     return false;
   }
   const PortOwner owner = FindPortOwner(address, listener.port);
-  if (owner.name == "tavlo") {  // the daemon itself, at work
+  if (owner.name == kDaemon) {  // the daemon itself, at work
     return true;
   }
   AddTaken(context, listener, address, owner, consequence);
@@ -99,12 +100,15 @@ void CheckPort(const CheckContext& context, const Listener& listener) {
   }
   std::string lan;
   FindLanAddress(context, &lan);
-  if (!context.user.IsRoot() && listener.port < UnprivilegedStart()) {
+  const PortOwner owner = FindPortOwner(lan, listener.port);
+  const bool isServed = owner.name == kDaemon && owner.uid == context.user.Id();
+  if (!isServed && !context.user.IsRoot() && listener.port < UnprivilegedStart()) {
     context.findings->Add(Endpoint(lan.empty() ? "LAN" : lan, listener.port),
                           "user '" + context.user.Name() + "' may not take a port below " +
                               std::to_string(UnprivilegedStart()) +
                               ", which happens after the start: no client in the LAN is served",
-                          std::string("choose another \"") + listener.key + "\"");
+                          std::string("choose another \"") + listener.key +
+                              "\", or give the daemon CAP_NET_BIND_SERVICE");
   } else if (!lan.empty()) {
     CheckAddress(context, listener, lan, "no client in the LAN is served");
   }

@@ -45,26 +45,39 @@ void CheckOwnFile(const CheckContext& context, const std::string& path,
   }
 }
 
-// As the daemon sees it, which opens the log as whoever starts it.
-bool IsAnothersLink(const std::string& path) {
-  struct stat info = {};
-  return ::lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode) && info.st_uid != 0 &&
-         info.st_uid != ::geteuid();
-}
-
 // Root makes a log wherever there is a directory; the daemon's user writes to it from then on.
 void CheckMissingLog(const CheckContext& context, const std::string& path) {
   const std::string& user = context.user.Name();
   const std::string directory = DirectoryOf(path);
   const bool isRootFirst = ::geteuid() == 0 && !context.user.IsRoot();
-  if (CheckNeed(context, {directory, isRootFirst ? F_OK : W_OK | X_OK, kNoLog,
-                          "install -d -m 750 -o " + user + " " + directory}) &&
-      isRootFirst) {
+  struct stat info = {};
+  if (!isRootFirst || ::stat(directory.c_str(), &info) != 0) {
+    CheckNeed(context,
+              {directory, W_OK | X_OK, kNoLog, "install -d -m 750 -o " + user + " " + directory});
+  } else {
     context.findings->Add(
         path,
         "is missing: root makes it at the start, and user '" + user +
             "' may not write to it: " + kLostLog,
         "install -m 640 -o " + user + " /dev/null " + path + ", or start the daemon as that user");
+  }
+}
+
+// The daemon follows a link of root's, or of whoever starts it.
+void CheckLogLink(const CheckContext& context, const std::string& path, uid_t owner) {
+  struct stat target = {};
+  const std::string& user = context.user.Name();
+  if (owner != 0 && owner != ::geteuid()) {
+    const std::string reason =
+        owner == context.user.Id()
+            ? "a link of the daemon's user, not followed where root starts it"
+            : "a link of another user, which is not followed";
+    context.findings->Add(path, "is " + reason + ": " + kNoLog,
+                          "rm " + path + ", or chown -h root " + path);
+  } else if (::stat(path.c_str(), &target) != 0) {
+    context.findings->Add(
+        path, std::string("is a link to what is missing: where that cannot be made, ") + kNoLog,
+        "make the file that it leads to, for user '" + user + "'");
   }
 }
 
@@ -102,17 +115,17 @@ void CheckLogFile(const CheckContext& context, const std::string& path) {
   if (path.empty()) {
     return;
   }
+  struct stat link = {};
   struct stat info = {};
-  if (IsAnothersLink(path)) {
-    context.findings->Add(
-        path, std::string("is a link of another user, which is not followed: ") + kNoLog,
-        "rm " + path + ", or chown -h root " + path);
-  } else if (::stat(path.c_str(), &info) != 0) {
+  const bool isThere = ::stat(path.c_str(), &info) == 0;
+  if (::lstat(path.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
+    CheckLogLink(context, path, link.st_uid);
+  } else if (!isThere) {
     CheckMissingLog(context, path);
-  } else if (!S_ISREG(info.st_mode) && !S_ISCHR(info.st_mode)) {
-    context.findings->Add(path, std::string("is neither a file nor a device: ") + kNoLog,
-                          "name a file with -f");
-  } else {
+  }
+  if (S_ISDIR(info.st_mode) || S_ISSOCK(info.st_mode)) {
+    context.findings->Add(path, std::string("is no file: ") + kNoLog, "name a file with -f");
+  } else if (isThere) {
     CheckNeed(context, {path, W_OK, kLostLog, std::string()});
   }
   CheckWriters(context, DirectoryOf(path), "they can put a link there first, or take the log away");

@@ -9,6 +9,7 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "ctl/checks.h"
@@ -76,8 +77,13 @@ void CheckDates(const CheckContext& context, const std::string& path, const X509
   }
 }
 
-// Says so where this may not read it, though the daemon's user may.
+// Says so where it is no file, and where this may not read it, though the daemon's user may.
 bool IsReadable(const CheckContext& context, const std::string& path) {
+  struct stat info = {};
+  if (::stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+    context.findings->Add(path, std::string("is no file: ") + kConsequence, "put a file there");
+    return false;
+  }
   const std::ifstream file(path);
   const int error = errno;
   if (!file.is_open() && context.user.May(path, R_OK)) {

@@ -26,6 +26,8 @@ class DaemonUser {
 
   bool IsRoot() const { return uid_ == 0; }
 
+  uid_t Id() const { return uid_; }
+
   const std::string& Name() const { return name_; }
 
   /// Whether the user may do that; `mode` as for access(2). True when the user cannot be asked.

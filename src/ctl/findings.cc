@@ -43,11 +43,11 @@ int Findings::ExitCode() const {
 
 void Findings::PrintText(std::ostream& out) const {
   for (const Finding& finding : findings_) {
-    out << WithoutControlCharacters(finding.where + ": " + finding.what) << '\n'
-        << WithoutControlCharacters("    cure: " + finding.cure) << '\n';
+    out << ForTerminal(finding.where + ": " + finding.what) << '\n'
+        << ForTerminal("    cure: " + finding.cure) << '\n';
   }
   for (const Finding& each : unseen_) {
-    out << WithoutControlCharacters(each.where + ": not looked at: " + each.what) << '\n';
+    out << ForTerminal(each.where + ": not looked at: " + each.what) << '\n';
   }
   out << findings_.size() << (findings_.size() == 1 ? " finding\n" : " findings\n");
 }

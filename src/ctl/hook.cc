@@ -132,7 +132,7 @@ class CapturedLog {
 
 void PrintRemarks(std::ostream& out, const std::vector<std::string>& remarks) {
   for (const std::string& remark : remarks) {
-    out << "    " << WithoutControlCharacters(remark) << '\n';
+    out << "    " << ForTerminal(remark) << '\n';
   }
 }
 
@@ -180,15 +180,15 @@ bool HasOverruled(const HookEvent& event, const ScriptRuns& found, Verdict verdi
 
 void Print(const HookEvent& event, const ScriptRuns& found, const Outcome& outcome) {
   for (const ScriptRun& run : found.runs) {
-    std::cout << WithoutControlCharacters(run.path) << ": status " << run.status << ", "
-              << run.milliseconds << " ms\n";
+    std::cout << ForTerminal(run.path) << ": status " << run.status << ", " << run.milliseconds
+              << " ms\n";
     PrintRemarks(std::cout, run.remarks);
   }
   PrintRemarks(std::cout, found.remarks);
   if (found.runs.empty()) {
     std::cout << "no script was run\n";
   }
-  std::cout << outcome.text << '\n';
+  std::cout << ForTerminal(outcome.text) << '\n';
   if (HasOverruled(event, found, outcome.verdict)) {
     std::cout << "    the 1 of an internal script does not count: there is an external directory\n";
   }

@@ -55,13 +55,7 @@ void Traffic::AddRequest(int64_t time) {
 
 void Traffic::Add(const Traffic& other) {
   count += other.count;
-  if (other.minute_ == minute_) {
-    inMinute_ += other.inMinute_;
-  } else if (other.minute_ > minute_) {
-    minute_ = other.minute_;
-    inMinute_ = other.inMinute_;
-  }
-  busiestMinute = std::max({busiestMinute, other.busiestMinute, inMinute_});
+  busiestMinute = std::max(busiestMinute, other.busiestMinute);
   toNextLine.Add(other.toNextLine);
   toAnswer.Add(other.toAnswer);
 }

@@ -51,7 +51,7 @@ struct Traffic {
   /// Of requests in the order of their times.
   void AddRequest(int64_t time);
 
-  /// Of two whose busiest minute was not the same, if it was not the latest one of both.
+  /// Of two that had their busiest minutes apart.
   void Add(const Traffic& other);
 
  private:

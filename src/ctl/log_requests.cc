@@ -18,8 +18,9 @@ constexpr const char* kOther = "other";
 constexpr const char* kAll = "";
 constexpr size_t kMostShown = 200;  // bytes of an endpoint
 constexpr int64_t kLargestStatus = 999;
-constexpr size_t kMostUnanswered = 128;            // of a listener, the latest ones
-constexpr int64_t kMostMilliseconds = 1000000000;  // more is a clock that was set meanwhile
+constexpr size_t kMostUnanswered = 128;  // of a listener, the latest ones
+constexpr int64_t kMostMilliseconds = 1000000000;
+constexpr int64_t kMostSilence = 120000;  // a thread ends the daemon after half of it
 
 // Method and path. What is asked for outside of /api/ is a scanner's, and another one each time.
 std::string EndpointOf(std::string_view request) {
@@ -119,7 +120,7 @@ void RequestCounter::TakeNextLine(const LogEntry& entry, size_t listener, Step* 
     return;
   }
   const int64_t time = entry.time - request->time;
-  if (time >= 0 && time <= kMostMilliseconds) {
+  if (time >= 0 && time <= kMostSilence) {
     RowOf(listener, request->endpoint).toNextLine.Add(time);
     rows_[{listener, kAll}].toNextLine.Add(time);
     step->slowest = std::max(step->slowest, time);
@@ -145,7 +146,11 @@ void RequestCounter::MergeRarest() {
   Rows kept;
   for (const auto& [key, traffic] : rows_) {
     const bool isKept = traffic.count > *middle || key.second == kAll;
-    kept[isKept ? key : Rows::key_type(key.first, kOther)].Add(traffic);
+    if (isKept && key.second != kOther) {
+      kept[key] = traffic;  // with the minute that it is in
+    } else {
+      kept[{key.first, kOther}].Add(traffic);
+    }
   }
   rows_.swap(kept);
 }

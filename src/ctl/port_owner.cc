@@ -8,8 +8,10 @@
 #include <list>
 #include <set>
 #include <sstream>
+#include <vector>
 
 #include <arpa/inet.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "util/directory.h"
@@ -27,19 +29,31 @@ std::string Hexadecimal(uint32_t word) {
   return text.data();
 }
 
-// What a listener that gets the connections to an IPv4 address may be bound to.
-std::set<std::string> LocalAddresses(const std::string& address) {
+// One kind of sockets that keep others off an address and port.
+struct Kind {
+  const char* table;
+  std::string address;
+  bool listensOnly;
+};
+
+// The likelier one first: whether a socket on all IPv6 addresses has the IPv4 ones too is not
+// shown.
+std::vector<Kind> Kinds(const std::string& address) {
   in_addr ip = {};
   ::inet_pton(AF_INET, address.c_str(), &ip);
+  const std::string exact = Hexadecimal(ip.s_addr);
   const std::string any = Hexadecimal(INADDR_ANY);
-  const std::string mapped = any + any + Hexadecimal(htonl(0xffff)) + Hexadecimal(ip.s_addr);
-  return {Hexadecimal(ip.s_addr), mapped, any, any + any + any + any};
+  const std::string mapped = any + any + Hexadecimal(htonl(0xffff)) + exact;
+  return {{"/proc/net/tcp", exact, true},
+          {"/proc/net/tcp", any, true},
+          {"/proc/net/tcp6", mapped, true},
+          {"/proc/net/tcp6", any + any + any + any, true},
+          {"/proc/net/tcp", exact, false}};  // a connection that goes out from there
 }
 
-// The inodes of the sockets in a table of the kernel's that listen there.
-void AddListeners(const char* table, const std::set<std::string>& addresses, uint16_t port,
-                  std::set<std::string>* inodes) {
-  std::ifstream lines(table);
+std::set<std::string> FindSockets(const Kind& kind, uint16_t port) {
+  std::set<std::string> sockets;
+  std::ifstream lines(kind.table);
   std::string line;
   std::getline(lines, line);  // the head
   while (std::getline(lines, line)) {
@@ -48,12 +62,13 @@ void AddListeners(const char* table, const std::set<std::string>& addresses, uin
     fields >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> uid >>
         timeout >> inode;
     const size_t colon = local.find(':');
-    if (state == kListening && colon != std::string::npos &&
-        addresses.count(local.substr(0, colon)) != 0 &&
-        std::stoul(local.substr(colon + 1), nullptr, 16) == port) {
-      inodes->insert("socket:[" + inode + "]");
+    if (colon != std::string::npos && local.substr(0, colon) == kind.address &&
+        std::stoul(local.substr(colon + 1), nullptr, 16) == port &&
+        (!kind.listensOnly || state == kListening)) {
+      sockets.insert("socket:[" + inode + "]");
     }
   }
+  return sockets;
 }
 
 bool HasOneOf(const std::string& process, const std::set<std::string>& sockets) {
@@ -67,20 +82,30 @@ bool HasOneOf(const std::string& process, const std::set<std::string>& sockets) 
   });
 }
 
-}  // namespace
-
-PortOwner FindPortOwner(const std::string& address, uint16_t port) {
-  const std::set<std::string> addresses = LocalAddresses(address);
-  std::set<std::string> sockets;
-  AddListeners("/proc/net/tcp", addresses, port, &sockets);
-  AddListeners("/proc/net/tcp6", addresses, port, &sockets);
+// Its name is empty when there is none.
+PortOwner FindOwner(const std::set<std::string>& sockets) {
   std::list<std::string> processes;
   stdext::list_directory("/proc", &processes);
   for (const std::string& pid : processes) {
-    if (std::isdigit(static_cast<unsigned char>(pid.front())) != 0 &&
-        HasOneOf("/proc/" + pid, sockets)) {
-      PortOwner owner = {std::string(), pid};
-      std::getline(std::ifstream("/proc/" + pid + "/comm"), owner.name);
+    const std::string process = "/proc/" + pid;
+    struct stat info = {};
+    if (std::isdigit(static_cast<unsigned char>(pid.front())) != 0 && HasOneOf(process, sockets) &&
+        ::stat(process.c_str(), &info) == 0) {
+      PortOwner owner = {std::string(), pid, info.st_uid};
+      std::getline(std::ifstream(process + "/comm"), owner.name);
+      return owner;
+    }
+  }
+  return {};
+}
+
+}  // namespace
+
+PortOwner FindPortOwner(const std::string& address, uint16_t port) {
+  for (const Kind& kind : Kinds(address)) {
+    const std::set<std::string> sockets = FindSockets(kind, port);
+    PortOwner owner = sockets.empty() ? PortOwner() : FindOwner(sockets);
+    if (!owner.name.empty()) {
       return owner;
     }
   }

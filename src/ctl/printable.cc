@@ -1,7 +1,5 @@
 #include "ctl/printable.h"
 
-#include <algorithm>
-
 #include <rapidjson/memorystream.h>
 #include <rapidjson/stringbuffer.h>
 
@@ -25,13 +23,6 @@ std::string Printable(std::string_view text, size_t most) {
   return text.size() > most ? result + "..." : result;
 }
 
-std::string WithoutControlCharacters(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(),
-      [](unsigned char letter) { return (letter < ' ' && letter != '\t') || letter == 0x7f; }, '?');
-  return text;
-}
-
 bool IsUtf8(std::string_view text) {
   rapidjson::MemoryStream in(text.data(), text.size());
   rapidjson::StringBuffer out;
@@ -41,6 +32,21 @@ bool IsUtf8(std::string_view text) {
     }
   }
   return true;
+}
+
+std::string ForTerminal(std::string_view text) {
+  if (!IsUtf8(text)) {
+    return Printable(text, text.size());
+  }
+  std::string result;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const bool hasHighControl = byte == 0xc2 && static_cast<unsigned char>(text[i + 1]) < 0xa0;
+    const bool isControl = (byte < ' ' && byte != '\t') || byte == 0x7f || hasHighControl;
+    result += isControl ? '?' : text[i];
+    i += hasHighControl ? 1 : 0;
+  }
+  return result;
 }
 
 }  // namespace tavlo::ctl

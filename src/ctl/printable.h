@@ -9,10 +9,10 @@ namespace tavlo::ctl {
 /// "\xNN", a backslash two. Of a longer text than `most` bytes the rest becomes "...".
 std::string Printable(std::string_view text, size_t most);
 
-/// A text for terminals, with "?" for each control character but a tab. UTF-8, which names and
-/// values may be in, stays as it is.
-std::string WithoutControlCharacters(std::string text);
-
 bool IsUtf8(std::string_view text);
+
+/// A text for terminals: of UTF-8, which names and values may be in, each control character but a
+/// tab becomes "?"; all else is shown as `Printable` does.
+std::string ForTerminal(std::string_view text);
 
 }  // namespace tavlo::ctl

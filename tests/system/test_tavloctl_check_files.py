@@ -120,6 +120,15 @@ def test_files_that_hold_no_certificate_and_no_key(root, text):
     assert no_key.startswith("is no private key in PEM (") and no_key.endswith(PLAIN)
 
 
+@pytest.mark.parametrize("name", ["certificate", "key"])
+def test_a_certificate_or_key_that_is_no_file(root, name):
+    """A FIFO would be waited for."""
+    path = getattr(root, name)
+    path.unlink()
+    os.mkfifo(path)
+    assert findings(root) == [(str(path), f"is no file: {PLAIN}", "put a file there")]
+
+
 def test_a_chain_that_works_is_no_finding(root):
     certificates.make_issued_pair(root.certificate, root.key, root.directory)
     assert findings(root) == []
@@ -173,10 +182,8 @@ def test_a_key_that_no_client_can_send(root, ending):
 
 def test_router_information_that_is_too_large(root):
     root.write_router_info("x" * 1048577)
-    assert findings(root) == [
-        (str(root.router_info),
-         f"Failed to read file {root.router_info}: 27 File too large: {WITH_KEY}",
-         "put a file of at most 1048576 bytes there")]
+    assert findings(root) == [(str(root.router_info),
+                               f"has more than 1048576 bytes: {WITH_KEY}", "mend what writes it")]
 
 
 def test_a_device_list_that_is_a_directory(root):
@@ -341,28 +348,49 @@ def test_a_log_whose_directory_is_missing(owned):
         missing(log.parent, NO_LOG, f"install -d -m 750 -o {USER} {log.parent}")]
 
 
-@pytest.mark.parametrize("plant", [lambda path: path.mkdir(), os.mkfifo], ids=["directory", "fifo"])
-def test_a_log_that_is_no_file(root, plant):
+def test_a_log_that_is_no_file(root):
     log = root.directory / "log"
-    plant(log)
-    assert findings(root, "-f", log) == [
-        (str(log), f"is neither a file nor a device: {NO_LOG}", "name a file with -f")]
+    log.mkdir()
+    assert findings(root, "-f", log) == [(str(log), f"is no file: {NO_LOG}", "name a file with -f")]
 
 
 @as_root
-@pytest.mark.parametrize("owner, is_followed", [(0, True), (65534, False)])
-def test_a_log_that_is_a_link(root, owner, is_followed):
-    log = root.directory / "log"
-    log.symlink_to(root.directory / "target")
-    (root.directory / "target").touch()
+@pytest.mark.parametrize("owner, what", [
+    (0, ""), (1, "a link of another user, which is not followed"),
+    (65534, "a link of the daemon's user, not followed where root starts it")])
+def test_a_log_that_is_a_link(owned, owner, what):
+    log = owned.directory / "log"
+    target = owned.directory / "target"
+    target.touch()
+    shutil.chown(target, USER)
+    log.symlink_to(target)
     os.lchown(log, owner, owner)
-    assert findings(root, "-f", log) == ([] if is_followed else [
-        (str(log), f"is a link of another user, which is not followed: {NO_LOG}",
-         f"rm {log}, or chown -h root {log}")])
+    assert findings(owned, "-f", log) == ([] if what == "" else [
+        (str(log), f"is {what}: {NO_LOG}", f"rm {log}, or chown -h root {log}")])
 
 
-def test_a_log_that_is_a_device_is_no_finding(root):
-    (root.directory / "log").symlink_to("/dev/null")
+@pytest.mark.parametrize("target", ["none/log", "log"], ids=["missing", "itself"])
+def test_a_log_that_is_a_link_to_nothing(root, target):
+    log = root.directory / "log"
+    log.symlink_to(root.directory / target)
+    [finding] = findings(root, "-f", log)
+    assert finding[:2] == (
+        str(log), f"is a link to what is missing: where that cannot be made, {NO_LOG}")
+
+
+@as_root
+def test_a_log_that_root_would_make_where_the_user_does_not_get(owned):
+    directory = owned.directory / "closed"
+    (directory / "logs").mkdir(parents=True)
+    directory.chmod(0o700)
+    assert [where for where, _, _ in findings(owned, "-f", directory / "logs/log")] == [
+        str(directory / "logs/log")]
+
+
+@pytest.mark.parametrize("plant", [lambda path: path.symlink_to("/dev/null"), os.mkfifo],
+                         ids=["device", "fifo"])
+def test_a_log_that_others_take_is_no_finding(root, plant):
+    plant(root.directory / "log")
     assert findings(root, "-f", root.directory / "log") == []
 
 

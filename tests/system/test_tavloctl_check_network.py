@@ -16,12 +16,23 @@ FIX_DESTINATION = 'start it, or fix "agentDstAddr" and "agentDstPort"'
 
 BELOW_1024 = ("user 'nobody' may not take a port below 1024, which happens after the start: "
               f"{NOT_SERVED}")
+BELOW_1024_CURE = 'choose another "agentHttpPort", or give the daemon CAP_NET_BIND_SERVICE'
+WITH_CAPABILITY = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups",
+                   "--inh-caps=+net_bind_service", "--ambient-caps=+net_bind_service"]
 
 LISTEN = """
 import socket, sys, time
 both = ":" in sys.argv[1]
 family = socket.AF_INET6 if both else socket.AF_INET
-with socket.create_server((sys.argv[1], int(sys.argv[2])), family=family, dualstack_ipv6=both):
+with socket.create_server((sys.argv[1], int(sys.argv[2])), family=family,
+                          dualstack_ipv6=both and "alone" not in sys.argv):
+    time.sleep(600)
+"""
+
+GO_OUT = """
+import socket, sys, time
+with socket.create_server(("127.0.0.1", 0)) as server, \\
+        socket.create_connection(server.getsockname(), source_address=("127.0.0.1", int(sys.argv[1]))):
     time.sleep(600)
 """
 
@@ -62,6 +73,16 @@ def test_a_port_that_is_taken_for_more_than_the_lan(root, lan, everywhere):
     assert where.endswith(f":{root.http_port}") and "taken by 'python3', process " in what
 
 
+def test_a_port_that_a_connection_goes_out_from(root, lan):
+    with lan.start("python3", "-c", GO_OUT, root.http_port) as other:
+        wait_until(lambda: f"127.0.0.1:{root.http_port} " in lan.run("ss", "--tcp", "--numeric"),
+                   "the connection")
+        assert findings(root, prefix=lan.prefix) == [
+            (f"127.0.0.1:{root.http_port}",
+             f"the port is taken by 'python3', process {other.pid}: {NOT_STARTED}",
+             'end that program, or choose another "agentHttpPort"')]
+
+
 def test_whose_port_it_is_only_root_sees(root, lan):
     """It may be the daemon's, which was root at its start."""
     with lan.start("python3", "-c", LISTEN, "127.0.0.1", root.http_port):
@@ -80,6 +101,16 @@ def test_ports_that_the_daemon_itself_has_are_no_finding(root, lan):
     with daemons(root) as make_daemon:
         daemon = make_daemon(prefix=lan.prefix).start()
         daemon.wait_for_log(f"Listen to endpoint '192.0.2.1:{root.https_port}'")
+        assert findings(root, prefix=lan.prefix) == []
+
+
+@emulated
+def test_who_listens_on_the_port_for_ipv6_alone_is_no_finding(root, lan):
+    with daemons(root) as make_daemon, \
+            lan.start("python3", "-c", LISTEN, "::", root.http_port, "alone"):
+        wait_until(lambda: ("[::]", root.http_port) in lan.listening(), "the other program")
+        daemon = make_daemon(prefix=lan.prefix).start()
+        daemon.wait_for_log(f"Listen to endpoint '192.0.2.1:{root.http_port}'")
         assert findings(root, prefix=lan.prefix) == []
 
 
@@ -105,7 +136,17 @@ def test_a_port_below_1024_is_found_while_the_daemon_is_at_work(root, lan):
         root.directory.chmod(0o755)
         root.settings["agentUser"] = "nobody"
         found = [each for each in findings(root, prefix=lan.prefix) if "1023" in each[0]]
-    assert found == [("192.0.2.1:1023", BELOW_1024, 'choose another "agentHttpPort"')]
+    assert found == [("192.0.2.1:1023", BELOW_1024, BELOW_1024_CURE)]
+
+
+@emulated
+def test_a_port_below_1024_that_the_user_has_is_no_finding(owned, lan):
+    """As a service manager gives it a capability."""
+    owned.settings["agentHttpPort"] = 1023
+    with daemons(owned) as make_daemon:
+        daemon = make_daemon(prefix=[*lan.prefix, *WITH_CAPABILITY]).start()
+        daemon.wait_for_log("Listen to endpoint '192.0.2.1:1023'")
+        assert findings(owned, prefix=lan.prefix) == []
 
 
 def test_one_port_for_both_listeners(root, lan):
@@ -133,7 +174,7 @@ def test_a_port_below_1024_for_a_user(root, lan, port, is_found):
     root.settings |= {"agentHttpPort": port, "agentUser": "nobody"}
     found = [each for each in findings(root, prefix=lan.prefix) if each[0].endswith(f":{port}")]
     assert found == ([
-        ("192.0.2.1:1023", BELOW_1024, 'choose another "agentHttpPort"')] if is_found else [])
+        ("192.0.2.1:1023", BELOW_1024, BELOW_1024_CURE)] if is_found else [])
 
 
 def test_a_port_below_1024_for_root(root, lan):

@@ -119,6 +119,12 @@ def test_what_a_script_says_is_shown_as_it_is(root, text):
         f"{script}: status 1, N ms\n    stderr: {text}\nended: ")
 
 
+def test_control_characters_of_a_name_do_not_get_onto_a_terminal(root):
+    write_script(root, "10-\x1b[31m", "exit 2")
+    result = run_tavloctl("hook", "-c", root.config, *REQUEST)
+    assert result.stdout.count("10-?[31m") == 2 and "\x1b" not in result.stdout
+
+
 def test_control_characters_of_a_script_do_not_get_onto_a_terminal(root):
     script = write_script(root, "10-say\x1b", r"printf 'a\rb\033[2Jc\177\n' >&2; exit 1")
     result = run_tavloctl("hook", "-c", root.config, *REQUEST)

@@ -30,9 +30,14 @@ TEST(Printable, CutsAfterSoManyBytes) {
   EXPECT_EQ(Printable("123456", 5), "12345...");
 }
 
-TEST(WithoutControlCharacters, LeavesAllElse) {
-  EXPECT_EQ(tavlo::ctl::WithoutControlCharacters("a\x1b[1m\tna\xc3\xafve\r\n\x7f~"),
-            "a?[1m\tna\xc3\xafve???~");
+TEST(ForTerminal, LeavesAllButControlCharacters) {
+  EXPECT_EQ(tavlo::ctl::ForTerminal("a\x1b[1m\tna\xc3\xafve\\\r\n\x7f~"),
+            "a?[1m\tna\xc3\xafve\\???~");
+  EXPECT_EQ(tavlo::ctl::ForTerminal("a\xc2\x80\xc2\x9b\xc2\x9f\xc2\xa0"), "a???\xc2\xa0");
+}
+
+TEST(ForTerminal, ShowsWhatIsNoUtf8ByItsBytes) {
+  EXPECT_EQ(tavlo::ctl::ForTerminal("a\x9b\x1b"), "a\\x9b\\x1b");
 }
 
 TEST(IsUtf8, KnowsWholeCharacters) {
