@@ -80,7 +80,8 @@ def test_reload_service_reloads_under_the_lock_after_the_request(root, start, sd
 def write_logger(directory):
     """A `logger` that notes what it was given; returns the PATH that has it."""
     program = directory / "logger"
-    program.write_text(f'#!/bin/sh\necho "$*" >>{directory / "logged"}\n')
+    logged = directory / "logged"  # there once it is whole
+    program.write_text(f'#!/bin/sh\necho "$*" >{logged}.new && mv {logged}.new {logged}\n')
     program.chmod(0o755)
     return f"{directory}:{os.environ['PATH']}"
 
