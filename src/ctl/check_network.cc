@@ -94,15 +94,20 @@ bool CheckAddress(const CheckContext& context, const Listener& listener, const s
   return false;
 }
 
+// As it may be although the port is root's: a service manager can give a capability.
+bool IsServedByUser(const CheckContext& context, const std::string& address, uint16_t port) {
+  const PortOwner owner = FindPortOwner(address, port);
+  return owner.name == kDaemon && owner.uid == context.user.Id();
+}
+
 void CheckPort(const CheckContext& context, const Listener& listener) {
   if (!CheckAddress(context, listener, kLoopback, "the daemon does not start")) {
     return;
   }
   std::string lan;
   FindLanAddress(context, &lan);
-  const PortOwner owner = FindPortOwner(lan, listener.port);
-  const bool isServed = owner.name == kDaemon && owner.uid == context.user.Id();
-  if (!isServed && !context.user.IsRoot() && listener.port < UnprivilegedStart()) {
+  if (!context.user.IsRoot() && listener.port < UnprivilegedStart() &&
+      !IsServedByUser(context, lan, listener.port)) {
     context.findings->Add(Endpoint(lan.empty() ? "LAN" : lan, listener.port),
                           "user '" + context.user.Name() + "' may not take a port below " +
                               std::to_string(UnprivilegedStart()) +

@@ -53,18 +53,18 @@ std::vector<Kind> Kinds(const std::string& address) {
 
 std::set<std::string> FindSockets(const Kind& kind, uint16_t port) {
   std::set<std::string> sockets;
+  const std::string endpoint = kind.address + ":" + Hexadecimal(port).substr(4);
   std::ifstream lines(kind.table);
   std::string line;
-  std::getline(lines, line);  // the head
   while (std::getline(lines, line)) {
+    if (line.find(endpoint) == std::string::npos) {
+      continue;  // of tens of thousands, on a busy router
+    }
     std::istringstream fields(line);
     std::string slot, local, remote, state, queues, timer, retransmits, uid, timeout, inode;
     fields >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> uid >>
         timeout >> inode;
-    const size_t colon = local.find(':');
-    if (colon != std::string::npos && local.substr(0, colon) == kind.address &&
-        std::stoul(local.substr(colon + 1), nullptr, 16) == port &&
-        (!kind.listensOnly || state == kListening)) {
+    if (local == endpoint && (!kind.listensOnly || state == kListening)) {
       sockets.insert("socket:[" + inode + "]");
     }
   }
