@@ -358,6 +358,15 @@ def test_a_log_of_very_many_endpoints_takes_little_memory(tmp_path):
     assert sum(row["count"] for row in report["endpoints"] if row["endpoint"] == "other") > lines / 2
 
 
+def test_the_busiest_minute_of_what_is_counted_together_is_not_told(log):
+    path = log("".join(line(f"GET /api/{number}") for number in range(2000)))
+    busiest = {row["endpoint"]: row.get("busiestMinute") for row in in_json(path)["endpoints"]}
+    assert busiest.pop("other") is None
+    assert set(busiest.values()) == {1}
+    [other] = [text for text in in_text(path).splitlines() if text.endswith(" other")]
+    assert other.split()[2] == "-"
+
+
 # --- the picture ---
 
 
