@@ -15,8 +15,9 @@ from support.tavloctl import check, run_tavloctl
 from support.waiting import SANITIZER, wait_until
 
 FAKE_TIME = next(Path("/usr/lib").glob("*/faketime/libfaketimeMT.so.1"), None)
-# The day of the tests.
-NOW = calendar.timegm((2040, 5, 17, 12, 0, 0))
+# The day of the tests. It is the same number of seconds ahead for all of a run: what one program of 2040 has
+# made must not be of the next one's future.
+AHEAD = calendar.timegm((2040, 5, 17, 12, 0, 0)) - int(time.time())
 KEY = {"PairingKey": PAIRING_KEY}
 
 pytestmark = pytest.mark.skipif(
@@ -26,8 +27,7 @@ pytestmark = pytest.mark.skipif(
 
 def clock():
     """What starts a program then. Without NO_FAKE_STAT all files would be of then too."""
-    ahead = NOW - int(time.time())
-    return ["env", f"LD_PRELOAD={FAKE_TIME}", f"FAKETIME=+{ahead}s", "FAKETIME_DONT_FAKE_MONOTONIC=1",
+    return ["env", f"LD_PRELOAD={FAKE_TIME}", f"FAKETIME=+{AHEAD}s", "FAKETIME_DONT_FAKE_MONOTONIC=1",
             "FAKETIME_FORCE_MONOTONIC_FIX=0", "NO_FAKE_STAT=1", "QEMU_UNSET_ENV=LD_PRELOAD"]
 
 
