@@ -24,7 +24,9 @@ def test_a_build_in_another_place_has_the_same_bytes(tmp_path):
     source, build = tmp_path / "another tree", tmp_path / "and its build"
     shutil.copytree(SOURCE, source, ignore=shutil.ignore_patterns("build", ".*"))
     subprocess.run(["cmake", "-S", source, "-B", build, "-G", "Ninja", "-DBUILD_TESTING=OFF",
-                    f"-DCMAKE_CXX_COMPILER={compiler()}"], check=True, capture_output=True)
+                    f"-DCMAKE_CXX_COMPILER={compiler()}",
+                    # What was kept of the first build would be the same in any case.
+                    "-DCMAKE_CXX_COMPILER_LAUNCHER="], check=True, capture_output=True)
     subprocess.run(["cmake", "--build", build], check=True, capture_output=True)
     for name in ("tavlo", "tavlo.debug", "tavlo.cdx.json", "tavloctl", "tavloctl.debug",
                  "tavloctl.cdx.json"):
