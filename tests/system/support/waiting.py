@@ -10,7 +10,8 @@ EMULATOR = os.environ.get("TAVLO_EMULATOR", "")
 # Sanitizers, an emulator and a busy machine make everything slower; no result depends on these
 # limits.
 DEFAULT_LIMIT = 60.0 if SANITIZER or EMULATOR else 30.0
-# Seconds between two looks: most of what is waited for comes at once.
+# Seconds between two looks: most of what is waited for comes at once. A look that takes longer is followed
+# by a pause as long, or it would keep a core from what it waits for.
 FIRST_PAUSE = 0.001
 LONGEST_PAUSE = 0.02
 
@@ -20,12 +21,14 @@ def wait_until(condition, what, limit=DEFAULT_LIMIT):
     deadline = time.monotonic() + limit
     pause = FIRST_PAUSE
     while True:
+        begin = time.monotonic()
         result = condition()
         if result:
             return result
-        if time.monotonic() > deadline:
+        end = time.monotonic()
+        if end > deadline:
             raise AssertionError(f"not seen within {limit:.0f} s: {what}")
-        time.sleep(pause)
+        time.sleep(max(pause, end - begin))
         pause = min(2 * pause, LONGEST_PAUSE)
 
 
