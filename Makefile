@@ -44,7 +44,8 @@ check:  ## build it and run what each change must pass, in some minutes
 	@tools/check
 
 prove:  ## run all the rest: sanitizers, clang-tidy, AArch64, slow tests, mutations; WITHIN=minutes to begin in
-	@tools/dependencies prove
+	@tools/dependencies check-build
+	@tools/dependencies prove & tools/build tsan >/dev/null 2>&1; wait $$!  # a step tells if that fails
 	@tools/check prove $(if $(WITHIN),--within $(WITHIN))
 
 test:  ## run the tests whose names match ONLY=pattern; PRESET=asan, REPEAT=20, LOAD=2 for busy loops
