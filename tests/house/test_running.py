@@ -1,5 +1,6 @@
 """How the programs behave that run the tests."""
 
+import fcntl
 import os
 import shutil
 import signal
@@ -208,7 +209,8 @@ def mutate(tmp_path):
 
     def run(*arguments):
         result = subprocess.run(["python3", "-B", tmp_path / "tools" / "mutate", *arguments],
-                                check=False, capture_output=True, text=True)
+                                check=False, capture_output=True, text=True,
+                                env={**os.environ, "PATH": f"{tmp_path}/programs:{os.environ['PATH']}"})
         return result.returncode, result.stdout + result.stderr
 
     run.tree = tmp_path
@@ -235,3 +237,31 @@ def test_a_mutation_without_the_proper_head_is_refused(mutate):
 @pytest.mark.parametrize("name", ["b", "a/c.cc", "a/b.cc:3"])
 def test_a_mutation_that_there_is_not_is_refused(mutate, name):
     assert mutate(name) == (1, f"no mutations of that name: {name}\n")
+
+
+def test_two_do_not_break_the_same_copy(mutate):
+    copy = mutate.tree / "build/mutate"
+    copy.mkdir(parents=True)
+    other = os.open(copy, os.O_RDONLY)
+    fcntl.flock(other, fcntl.LOCK_EX)
+    assert mutate("a/b.cc") == (1, f"{copy} is being worked on already\n")
+    os.close(other)
+
+
+@pytest.mark.parametrize("said, status, judged", [
+    ("1 failed, 2 deselected in 0.10s", 0, "noticed by system/test_a"),
+    ("3 deselected in 0.10s", 1, "pytest -k 'no_case' nothing of a file:"),
+    ("no tests ran in 0.10s", 1, "pytest -k 'no_case' nothing of a file:")])
+def test_cases_of_which_there_are_none_notice_nothing(mutate, said, status, judged):
+    patch = mutate.tree / "tests/mutations/a/b.cc.patch"
+    patch.write_text(MUTATIONS.replace("Tests: unit/a\n", "Tests: system/test_a\nCases: no_case\n"))
+    (mutate.tree / "programs").mkdir()
+    program(mutate.tree, "programs/git", "[ $1 = apply ] || printf 'src/a/b.cc\\0'")
+    program(mutate.tree, "programs/cmake", ":")
+    # Without a mutation all is well.
+    program(mutate.tree, "programs/ctest", f"""[ -e {mutate.tree}/asked ] || exec touch {mutate.tree}/asked
+echo '{said}'
+printf 'The following tests FAILED:\\n\\t  1 - system/test_a (Failed)\\n'
+exit 8""")
+    found = mutate("a/b.cc:1")
+    assert (found[0], judged in found[1]) == (status, True), found[1]
