@@ -11,11 +11,15 @@ import json
 import os
 import socket
 import subprocess
+import sys
 import time
-from contextlib import ExitStack
 from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parent.parent
+sys.path.append(str(PROJECT / "tests" / "system"))
+
+from support.ports import reserve_port  # noqa: E402
+
 BUILD = PROJECT / "build" / "release"
 PAIRING_KEY = "s3cret-Pairing-Key"
 LARGEST_BODY = 32768
@@ -31,13 +35,6 @@ STOP_LIMIT_SECS = 10
 
 class Failure(Exception):
     """Something that makes the whole run worthless."""
-
-
-def free_ports(count):
-    with ExitStack() as sockets:
-        found = [sockets.enter_context(socket.create_server(("127.0.0.1", 0)))
-                 for _ in range(count)]
-        return [each.getsockname()[1] for each in found]
 
 
 def answers(port):
@@ -65,7 +62,7 @@ class Server:
         self.directory = scratch / self.name.replace(" ", "-")
         self.directory.mkdir()
         self.destination_port = destination_port
-        self.plain_port, self.tls_port = free_ports(2)
+        self.plain_port, self.tls_port = reserve_port(), reserve_port()
         self.certificate = scratch / "agent" / "mirel.crt"
         self.key = scratch / "agent" / "mirel.key"
         self.log = self.directory / "log"

@@ -16,7 +16,8 @@ from support.waiting import DEFAULT_LIMIT, wait_until
 
 @pytest.fixture
 def tree(tmp_path):
-    for name in ("tools/demonstration", "tools/decode-backtrace", "tests/system/sdk_rest_host.py"):
+    for name in ("tools/demonstration", "tools/decode-backtrace", "tests/system/sdk_rest_host.py",
+                 "tests/system/support/__init__.py", "tests/system/support/ports.py"):
         (tmp_path / name).parent.mkdir(parents=True, exist_ok=True)
         shutil.copy(PROJECT / name, tmp_path / name)
     (tmp_path / "Makefile").write_text("run:\n\ttools/demonstration\n", encoding="ascii")

@@ -5,11 +5,11 @@ import getpass
 import json
 import shutil
 import signal
-import socket
 import subprocess
 
 import pytest
 from conftest import BUILD, SOURCE, assert_daemon_reads_as_written, listing, wait_for
+from support.ports import reserve_port
 
 PACKAGE = SOURCE / "packaging/openwrt/tavlo"
 # What rc.common gives an init script. Each call of procd's functions is a line of the record.
@@ -32,12 +32,6 @@ CONTROL=$CONTROL_PROGRAM
 """
 
 
-def free_port():
-    with socket.socket() as made:
-        made.bind(("127.0.0.1", 0))
-        return made.getsockname()[1]
-
-
 class Router:
     def __init__(self, directory, shell):
         self.directory = directory
@@ -49,7 +43,7 @@ class Router:
             "agentUser": getpass.getuser(),
             "agentDataPath": str(directory / "run/request-body"),
             "rootPrefix": str(directory / "crash"),
-            "agentHttpPort": free_port(), "agentHttpsPort": free_port()}
+            "agentHttpPort": reserve_port(), "agentHttpsPort": reserve_port()}
 
     def call(self, function, **uci):
         """Calls a function of the script; returns its exit status and what it asked of procd."""
