@@ -383,7 +383,9 @@ TEST_F(SecureExecTest, ManyChildrenOfTheChildAreNoTrouble) {
 }
 
 TEST_F(SecureExecTest, AChildThatStopsItselfIsWaitedForUntilItIsContinued) {
-  EXPECT_EQ(RunScript("(sleep 0.3; kill -CONT $$) & kill -STOP $$; wait; exit 3"), 3);
+  EXPECT_EQ(RunScript("(until grep -q '^State:.T' /proc/$$/status; do :; done; kill -CONT $$) & "
+                      "kill -STOP $$; wait; exit 3"),
+            3);
 }
 
 TEST_F(SecureExecTest, AChildThatStopsItselfIsStillWatched) {
@@ -405,7 +407,7 @@ TEST_F(SecureExecTest, ATimeoutOfNothingEndsItAtOnce) {
 }
 
 TEST_F(SecureExecTest, AChildThatIgnoresSigtermIsWaitedForAndHasTimedOut) {
-  EXPECT_EQ(RunScript("trap '' TERM; echo ready; sleep 2; echo done; exit 0", "", 1), -1);
+  EXPECT_EQ(RunScript("trap '' TERM; echo ready; sleep 4; echo done; exit 0", "", 2), -1);
   EXPECT_EQ(output_, "ready\ndone\n");
   EXPECT_THAT(Errors(), ElementsAre(HasSubstr("Command timed out, PID ")));
 }

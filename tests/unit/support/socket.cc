@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <random>
 #include <stdexcept>
+#include <string_view>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -31,7 +32,7 @@ sockaddr_in SocketAddress(const std::string& address, uint16_t port) {
 }
 
 bool IsComplete(const std::string& answer) {
-  const std::string lengthName = "Content-Length: ";
+  constexpr std::string_view lengthName = "Content-Length: ";
   const size_t headerEnd = answer.find("\r\n\r\n");
   const size_t length = answer.find(lengthName);
   if (headerEnd == std::string::npos || length > headerEnd) {
