@@ -183,10 +183,11 @@ def test_no_descriptor_of_the_daemon_reaches_a_hook_under_load(root, hooked, sdk
 
 def test_hooks_leave_nothing_behind(root, hooked, sdk_host):
     hook(root, "10-pass", "exit 0")
+    threads = hooked.threads()
     change(root)
     change_over_tls(root)
     hooked.wait_for_no_clients()
-    descriptors, threads = hooked.descriptors(), hooked.threads()
+    descriptors = hooked.descriptors()
     with ThreadPoolExecutor(4) as pool:
         answers = list(pool.map(lambda i: change(root) if i % 2 else change_over_tls(root),
                                 range(200)))

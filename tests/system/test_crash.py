@@ -16,29 +16,14 @@ import pytest
 
 from conftest import daemons
 from support.clients import Client, connect
-from support.daemon import BINARY, DIE_WITH_PARENT, IS_FOR_32_BIT_ARM, IS_WITH_MUSL, PROGRAM
+from support.daemon import (BINARY, DIE_WITH_PARENT, IS_FOR_32_BIT_ARM, IS_WITH_MUSL, PROGRAM,
+                            wait_for_rest)
 from support.scratch_root import ScratchRoot
-from support.waiting import SANITIZER, wait_until
+from support.waiting import DEFAULT_LIMIT, SANITIZER, wait_until
 
 SIGNALS = [signal.SIGSEGV, signal.SIGABRT, signal.SIGILL, signal.SIGFPE, signal.SIGBUS,
            signal.SIGSYS]
 RECORD_END = "-" * 50 + "\n\n"
-
-
-def is_at_rest(thread):
-    """Whether it waits: one that is hit while it logs can log no more. A process is its main thread."""
-    stat = Path(f"/proc/{thread}/stat").read_text(encoding="ascii")
-    return stat.rpartition(")")[2].split()[0] == "S"
-
-
-def wait_for_rest(thread):
-    wait_until(lambda: is_at_rest(thread), "the rest of the thread")
-
-
-def crash(daemon, number):
-    wait_for_rest(daemon.pid)
-    daemon.send_signal(number)
-    assert daemon.process.wait(30) == -number
 
 
 def record_of(root):
@@ -65,9 +50,10 @@ def thread_numbers(daemon):
 
 def crash_thread(daemon, thread, number=signal.SIGSEGV):
     """Sends the signal to one thread alone."""
+    wait_for_rest(thread)
     libc = ctypes.CDLL(None, use_errno=True)
     assert libc.tgkill(daemon.pid, thread, number) == 0, os.strerror(ctypes.get_errno())
-    assert daemon.process.wait(30) == -number
+    assert daemon.process.wait(DEFAULT_LIMIT) == -number
 
 
 def identity_in_log(daemon, pattern):
@@ -89,13 +75,12 @@ def thread_that_serves(daemon, port, tls):
             client.ask("GET", "/to-know-its-thread")
     found = max(before, key=lambda thread: pauses_of(daemon, thread) - before[thread])
     daemon.wait_for_no_clients()
-    wait_for_rest(found)
     return found
 
 
 @pytest.mark.parametrize("number", SIGNALS, ids=lambda number: number.name)
 def test_a_fatal_signal_is_recorded_below_the_root_prefix(root, daemon, number):
-    crash(daemon, number)
+    daemon.crash(number)
     record = record_of(root)
     assert re.match(r"\(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\) Process exit due to signal: "
                     rf"{number.value}\nFault Address: .*\nFault address: .* PC: 0x.* SP: 0x.* LR: .*"
@@ -133,7 +118,7 @@ def test_before_it_has_read_its_options_the_record_goes_to_tmp_under_the_name_of
                        "its record")
             assert "Process exit due to signal: 11\n" in record.read_text()
             output.read(1 << 20)  # which it waits for before it writes to standard error
-            assert process.wait(30) == -signal.SIGSEGV
+            assert process.wait(DEFAULT_LIMIT) == -signal.SIGSEGV
         finally:
             process.kill()
             process.wait()
@@ -143,7 +128,7 @@ def test_before_it_has_read_its_options_the_record_goes_to_tmp_under_the_name_of
 def test_records_of_one_daemon_after_another_are_kept(root, make_daemon):
     for _ in range(2):
         daemon = make_daemon().start()
-        crash(daemon, signal.SIGSEGV)
+        daemon.crash()
         daemon.log.unlink()  # else it says that the next one has started
     record = record_of(root)
     assert record.count("Process exit due to signal: 11\n") == 2
@@ -151,7 +136,7 @@ def test_records_of_one_daemon_after_another_are_kept(root, make_daemon):
 
 def test_without_the_directory_there_is_the_log_line_alone(root, daemon):
     (root.directory / "tmp").rmdir()
-    crash(daemon, signal.SIGSEGV)
+    daemon.crash()
     assert "CrashHandler: Process exit due to signal: 11 (Segmentation fault)" in daemon.log_text()
 
 
@@ -174,7 +159,7 @@ def test_without_a_root_prefix_the_record_is_in_the_default_one(private_tmp):
     directory = root.directory / "tmp" / "qvd" / "tmp"
     directory.mkdir(parents=True)
     with daemons(root) as make:
-        crash(make(prefix=prefix).start(), signal.SIGSEGV)
+        make(prefix=prefix).start().crash()
     record = (directory / "tavlo-backtrace.log").read_text()
     assert "Process exit due to signal: 11\n" in record
 
@@ -240,7 +225,7 @@ def test_a_listener_that_is_hit_under_load_leaves_its_record(root, make_daemon, 
             daemon.wait_for_log("GET /api/version$", since=mark, count=50)
             ctypes.CDLL(None).tgkill(daemon.pid, thread, signal.SIGABRT)
             # Whoever is hit within the log cannot log that; the alarm ends it.
-            assert daemon.process.wait(30) in (-signal.SIGABRT, 1)
+            assert daemon.process.wait(DEFAULT_LIMIT) in (-signal.SIGABRT, 1)
             done.set()
         record = record_of(root)
         assert record.count(") Process exit due to signal: 6\n") == round_ + 1
@@ -273,6 +258,6 @@ def test_a_record_file_of_somebody_else_is_left_alone(root, make_daemon):
     (root.directory / "tmp" / "tavlo-backtrace.log").write_text("root's\n")
     root.settings["agentUser"] = "nobody"
     daemon = make_daemon().start()
-    crash(daemon, signal.SIGSEGV)
+    daemon.crash()
     assert record_of(root) == "root's\n"
     assert "CrashHandler: Process exit due to signal: 11 (Segmentation fault)" in daemon.log_text()

@@ -13,7 +13,7 @@ from pathlib import Path
 import pytest
 
 from support.daemon import BINARY, DIE_WITH_PARENT, IS_WITH_MUSL
-from support.waiting import DEFAULT_LIMIT, wait_until
+from support.waiting import DEFAULT_LIMIT
 
 PROJECT = Path(__file__).resolve().parents[2]
 TOOL = PROJECT / "tools" / "decode-backtrace"
@@ -232,17 +232,9 @@ def keep_one_name(record, kept):
 # --- the daemon itself ---
 
 
-def is_asleep(daemon):
-    stat = Path(f"/proc/{daemon.pid}/stat").read_text(encoding="ascii")
-    return stat.rpartition(")")[2].split()[0] == "S"
-
-
 @pytest.fixture
 def daemon_record(root, daemon):
-    # Its last log line comes a moment before it waits for signals.
-    wait_until(lambda: is_asleep(daemon), "a main thread that waits")
-    daemon.send_signal(signal.SIGSEGV)
-    assert daemon.process.wait(DEFAULT_LIMIT) == -signal.SIGSEGV
+    daemon.crash()
     return (root.directory / "tmp" / "tavlo-backtrace.log").read_text()
 
 

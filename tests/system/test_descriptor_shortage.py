@@ -10,7 +10,7 @@ import pytest
 
 from support.clients import Client, ask
 from support.destinations import Destination, answer_bytes, read_request
-from support.waiting import wait_until
+from support.waiting import DEFAULT_LIMIT, wait_until
 
 REFUSED = r"ERROR: static void tavlo::ListeningSockets::PauseAccepting: Failed to accept a connection: 24 "
 
@@ -52,7 +52,7 @@ def test_requests_that_wait_for_a_connection_are_answered(root, daemon):
 
     def answer_once(connection):
         read_request(connection)
-        go_on.wait(30)
+        go_on.wait(DEFAULT_LIMIT)
         connection.sendall(answer_bytes(b"ok", headers=b"Connection: close\r\n"))
 
     with Destination(root.destination_port, answer_once), ThreadPoolExecutor(3) as pool, \

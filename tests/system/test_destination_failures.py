@@ -10,7 +10,7 @@ from support.clients import Client, ask
 from support.destinations import (Destination, answer_bytes, answering, close_at_once,
                                   read_request)
 from support.scratch_root import PAIRING_KEY
-from support.waiting import wait_until
+from support.waiting import DEFAULT_LIMIT, wait_until
 
 KEY = {"PairingKey": PAIRING_KEY}
 FAILED = "Destination request failed"
@@ -171,7 +171,7 @@ def test_requests_wait_for_a_slow_destination_and_for_each_other(root, daemon):
 
     def slow(connection):
         while request := read_request(connection):
-            go_on.wait(30)
+            go_on.wait(DEFAULT_LIMIT)
             connection.sendall(answer_bytes(request.split(b" ")[1]))
 
     uris = ["/api/version", "/api/1/router-info", "/api/2/router-info"]
@@ -193,7 +193,7 @@ def test_a_slow_destination_of_one_listener_does_not_hold_up_the_other(root, dae
     def slow_for_the_plain_one(connection):
         while request := read_request(connection):
             if b"/api/version" in request:
-                go_on.wait(30)
+                go_on.wait(DEFAULT_LIMIT)
             connection.sendall(answer_bytes(b"ok"))
 
     with Destination(root.destination_port, slow_for_the_plain_one) as destination, \

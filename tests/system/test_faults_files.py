@@ -135,7 +135,8 @@ def test_a_log_on_a_disk_that_becomes_read_only(root, on_small_disk):
     assert not log.exists()
     remount(daemon, on_small_disk.disk, "rw")
     daemon.hang_up()
-    assert "SetPairingKey" in log.read_text()
+    # The console has it before the file.
+    wait_until(lambda: "SetPairingKey" in log.read_text(), "the line in the log")
 
 
 def test_a_log_that_was_removed_is_made_again(root, daemon):

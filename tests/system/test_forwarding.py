@@ -313,6 +313,8 @@ def test_a_waiting_request_gets_a_connection_without_delay_too(root, daemon):
             go_on.set()
             assert answers[0].result().status == 200
             destination.wait_for_connections(2)
+            # The thread that has connected asks for no delay before it answers.
+            assert ask(root.http_port, "GET", "/api/mac").status == 200
             assert root.destination_port in peers_without_delay(daemon)
             destination.drop()
             assert answers[1].result().status == 500

@@ -3,7 +3,6 @@ root. The user is in an account file that only this daemon sees."""
 
 import os
 import resource
-import signal
 from pathlib import Path
 
 import pytest
@@ -132,8 +131,7 @@ def test_hooks_and_the_body_file_are_the_users(root, owned):
 
 def test_the_crash_record_is_the_users(root, owned):
     daemon = owned()
-    daemon.send_signal(signal.SIGSEGV)
-    assert daemon.process.wait(30) == -signal.SIGSEGV
+    daemon.crash()
     record = root.directory / "tmp" / "tavlo-backtrace.log"
     assert "Process exit due to signal: 11\n" in record.read_text()
     assert owner(record) == (UID, GID)
@@ -238,8 +236,7 @@ def test_a_hook_that_the_user_can_execute_and_not_read_fails(root, start):
 
 def test_in_a_directory_of_roots_there_is_no_crash_record(root, start):
     daemon = start()
-    daemon.send_signal(signal.SIGSEGV)
-    assert daemon.process.wait(30) == -signal.SIGSEGV
+    daemon.crash()
     assert list((root.directory / "tmp").iterdir()) == []
     assert "CrashHandler: Process exit due to signal: 11 (Segmentation fault)" in daemon.log_text()
 
@@ -264,8 +261,7 @@ def test_a_process_that_changed_its_user_leaves_no_core_file(root, owned, make_d
     else:
         root.settings["agentUser"] = None
         daemon = make_daemon(prefix=limit).start(cwd=place)
-    daemon.send_signal(signal.SIGSEGV)
-    assert daemon.process.wait(30) == -signal.SIGSEGV
+    daemon.crash()
     assert len(list(place.glob("core*"))) == (0 if user else 1)
 
 

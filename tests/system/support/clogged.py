@@ -17,10 +17,7 @@ TAKEN_UP = r"INFO: .*: (?:GET /api/\S+|PATCH /api/\S+|Answered (?:400|501) to a 
 def _shrink_send_buffer(daemon, port):
     """Of the daemon's connection to the client at `port`; returns its descriptor there."""
     for descriptor in daemon.descriptors():
-        try:
-            connection = daemon.borrow_socket(descriptor)
-        except OSError:
-            continue  # closed meanwhile
+        connection = daemon.borrow_socket(descriptor)
         if connection is None:
             continue
         with connection:

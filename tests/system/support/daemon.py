@@ -1,6 +1,7 @@
 """The daemon as a process: starting and stopping it, its log, and how it looks from outside."""
 
 import ctypes
+import errno
 import itertools
 import os
 import re
@@ -50,6 +51,16 @@ def run_tavlo(*arguments, **options):
                             **options)
     assert_no_sanitizer_report(result.stderr.encode())
     return result
+
+
+def is_at_rest(thread):
+    """Whether it waits: one that is hit while it logs can log no more. A process is its main thread."""
+    stat = Path(f"/proc/{thread}/stat").read_text(encoding="ascii")
+    return stat.rpartition(")")[2].split()[0] == "S"
+
+
+def wait_for_rest(thread):
+    wait_until(lambda: is_at_rest(thread), "the rest of the thread")
 
 
 def assert_no_sanitizer_report(output):
@@ -107,9 +118,9 @@ class Daemon:
         lines whatever becomes of the log. Returns the place in the console before it."""
         mark = self.console.stat().st_size
         self.send_signal(signal.SIGHUP)
-        self.wait_for_log("void Run: HUP$", since=mark, path=self.console)
-        self.wait_for_log("(?:SetPairingKey|ERROR: void UpdatePairingKey): .*$", since=mark,
-                          path=self.console)
+        # The key of an earlier pass may come to be logged in between.
+        self.wait_for_log(r"void Run: HUP\n(?s:.*)(?:SetPairingKey|ERROR: void UpdatePairingKey): .*$",
+                          since=mark, path=self.console)
         return mark
 
     def wait_for_exit(self, limit=DEFAULT_LIMIT):
@@ -122,6 +133,11 @@ class Daemon:
         assert self.is_running(), f"the daemon has ended with {self.process.returncode}"
         self.send_signal(signal.SIGTERM)
         assert self.wait_for_exit() == 0
+
+    def crash(self, number=signal.SIGSEGV):
+        wait_for_rest(self.pid)
+        self.send_signal(number)
+        assert self.process.wait(DEFAULT_LIMIT) == -number
 
     def kill(self):
         if self.is_running():
@@ -148,11 +164,14 @@ class Daemon:
         expression = re.compile(pattern, re.MULTILINE)
 
         def look():
-            found = list(expression.finditer(self.log_text(since, path)))
+            was_running = self.is_running()
+            text = self.log_text(since, path)
+            # A line that is being written may be seen in part.
+            found = list(expression.finditer(text[:text.rfind("\n") + 1]))
             if len(found) >= count:
                 return found
             # A process that is gone logs no more.
-            assert self.is_running(), (f"ended with {self.process.returncode} before it logged "
+            assert was_running, (f"ended with {self.process.returncode} before it logged "
                                        f"{pattern!r}")
             return None
 
@@ -248,13 +267,16 @@ class Daemon:
                    "the end of all clients' connections")
 
     def borrow_socket(self, descriptor):
-        """A copy of one of its sockets, to ask it for its options; None when it is no socket."""
+        """A copy of one of its sockets, to ask it for its options; None when it is no socket, or has
+        been closed."""
         libc = ctypes.CDLL(None, use_errno=True)
         process = os.pidfd_open(self.pid)
         copy = libc.syscall(PIDFD_GETFD, process, descriptor, 0)
         error = ctypes.get_errno()
         os.close(process)
         if copy < 0:
+            if error == errno.EBADF:
+                return None
             raise OSError(error, os.strerror(error))
         try:
             return socket.socket(fileno=copy)

@@ -48,8 +48,8 @@ class Destination:
             except OSError:
                 return
             connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            self.accepted += 1
             self._connections.append(connection)
+            self.accepted += 1
             threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
 
     def _serve(self, connection):
@@ -160,7 +160,7 @@ class HeldDestination:
         self._destination = Destination(port, self._noting)
 
     def _answer(self, connection, *_):
-        self.go_on.wait(DEFAULT_LIMIT)
+        self.go_on.wait()
         connection.sendall(answer_bytes(b"ok"))
         return True
 
