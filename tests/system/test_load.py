@@ -4,9 +4,10 @@ import re
 import subprocess
 import threading
 
+from support.clients import ask
 from support.destinations import Destination, answer_bytes, answering
 from support.scratch_root import PAIRING_KEY
-from support.waiting import EMULATOR, SANITIZER
+from support.waiting import EMULATOR, SANITIZER, wait_until
 
 REQUESTS = 5000 if SANITIZER else 100000
 WARM_UP = 500 if SANITIZER else 5000
@@ -53,6 +54,9 @@ def test_a_hundred_thousand_requests_leave_it_as_it_was(root, make_daemon):
     daemon = make_daemon(options=[])
     with Destination(root.destination_port, answering(answer_bytes(b"x" * 200))) as destination:
         daemon.start()
+        # It says at this level that it has started, not when it has read the key.
+        wait_until(lambda: ask(root.https_port, "GET", "/api/x", headers={"PairingKey": PAIRING_KEY},
+                               tls=True).status == 200, "the key")
         load_both_listeners(root, WARM_UP)
         daemon.wait_for_no_clients()
         before = daemon.descriptors(), daemon.threads(), daemon.resident_kib()
