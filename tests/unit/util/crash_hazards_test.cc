@@ -362,12 +362,12 @@ TEST_F(CrashHazards, NoFileOfATimeZoneIsReadForTheRecord) {
 TEST_F(CrashHazards, AnotherFatalSignalDuringTheReportEndsTheProcess) {
   for (const int other : {SIGSEGV, SIGABRT, SIGILL, SIGFPE, SIGBUS, SIGSYS}) {
     const int status = Crash([other] {
-      // At this thread: one for the process may hit a thread of an emulator's own, whom that ends
-      // otherwise.
-      std::thread([other, hit = ::pthread_self()] {
+      // In a thread of our own: one for the whole process may hit a thread of an emulator's, which
+      // ends that otherwise.
+      std::thread([other] {
         test::WaitUntil([other] { return HasDefaultAction(other); });
         for (;;) {  // an emulator under load may lose the first one
-          ::pthread_kill(hit, other);
+          ::raise(other);
           std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
       }).detach();
