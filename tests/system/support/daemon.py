@@ -235,36 +235,42 @@ class Daemon:
         with open(f"/proc/{self.pid}/net/{table}", encoding="utf-8") as lines:
             return [line.split() for line in itertools.islice(lines, 1, None) if " 06 " not in line]
 
+    def _tcp_sockets(self, own):
+        """The pairs of ports by the numbers of its sockets."""
+        # A socket may come twice: the kernel does not hold the table still.
+        return {fields[9]: tuple(int(end.split(":")[1], 16) for end in fields[1:3])
+                for fields in self._listed_sockets("tcp") if fields[9] in own}
+
     def sockets(self):
         """Pairs of local and remote port of its TCP sockets over IPv4; a remote port of 0 means
         that the socket listens."""
-        own = self._socket_inodes()
-        found = {}
-        # A socket may come twice: the kernel does not hold the table still.
-        for fields in self._listed_sockets("tcp"):
-            if fields[9] in own:
-                found[fields[9]] = tuple(int(end.split(":")[1], 16) for end in fields[1:3])
-        return list(found.values())
+        return list(self._tcp_sockets(self._socket_inodes()).values())
+
+    def _is_client(self, pair):
+        return pair[0] in (self.root.http_port, self.root.https_port) and pair[1] != 0
 
     def client_connections(self):
-        listening = (self.root.http_port, self.root.https_port)
-        return [pair for pair in self.sockets() if pair[0] in listening and pair[1] != 0]
+        return [pair for pair in self.sockets() if self._is_client(pair)]
 
     def has_connection_to(self, port):
         return any(remote == port for _, remote in self.sockets())
 
-    def has_dead_connections(self):
-        """Whether it still holds a socket whose connection is gone, by a reset for one: the kernel
-        lists such a socket nowhere."""
-        unlisted = self._socket_inodes()
-        for table in ("tcp", "netlink", "unix", "udp", "tcp6", "udp6"):
+    def _holds_clients(self):
+        """Whether it still holds a client's socket, of a connection that is gone too, by a reset for
+        one: the kernel lists such a socket nowhere. All in one look at its TCP sockets, since one that
+        the table lacks now may be there, or be gone, at the next."""
+        own = self._socket_inodes()
+        found = self._tcp_sockets(own)
+        if any(map(self._is_client, found.values())):
+            return True
+        unlisted = own - found.keys()
+        for table in ("netlink", "unix", "udp", "tcp6", "udp6"):
             if unlisted:
                 unlisted.difference_update(*self._listed_sockets(table))
         return bool(unlisted)
 
     def wait_for_no_clients(self):
-        wait_until(lambda: not self.client_connections() and not self.has_dead_connections(),
-                   "the end of all clients' connections")
+        wait_until(lambda: not self._holds_clients(), "the end of all clients' connections")
 
     def borrow_socket(self, descriptor):
         """A copy of one of its sockets, to ask it for its options; None when it is no socket, or has
